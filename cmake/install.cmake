@@ -1,0 +1,17 @@
+# `cmake --install build/release` gives a tree that runs from where it stands: sbin/ lib/ var/.
+if(CMAKE_INSTALL_PREFIX_INITIALIZED_TO_DEFAULT)
+  set(CMAKE_INSTALL_PREFIX /usr/local/vel5 CACHE PATH "Install root of the panel" FORCE)
+endif()
+install(DIRECTORY DESTINATION var/backup/qorvel DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+install(DIRECTORY DESTINATION var/run DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+
+# A program of sbin/: built into <build>/sbin, installed into sbin/, finds lib/ beside it.
+function(backup2_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE backup2_warnings)
+  set_target_properties(${name} PROPERTIES
+    RUNTIME_OUTPUT_DIRECTORY ${BACKUP2_SBIN_DIR}
+    BUILD_RPATH "$ORIGIN/../lib"
+    INSTALL_RPATH "$ORIGIN/../lib")
+  install(TARGETS ${name} RUNTIME DESTINATION sbin)
+endfunction()

@@ -1,0 +1,75 @@
+/// XML documents. Copies of a document and its nodes share one tree, which lives as long as any
+/// of them. Documents with a DOCTYPE, over 256 levels deep or (parsed from outside) over 512 MiB
+/// are refused: vel_err::Error("xml", "parse_failed", reason).
+#pragma once
+
+#include <cstddef>
+#include <istream>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vel_xml {
+
+struct Tree;  // the library's document, hidden in the source
+
+/// An element, or nothing: a null node answers with empty texts and null nodes and ignores changes.
+class XmlNode {
+public:
+    XmlNode() = default;
+    explicit operator bool() const;
+    std::string Name() const;
+    std::string Str() const;                             ///< all text below it, in document order
+    std::string GetProp(const std::string& name) const;  ///< "" when absent
+    XmlNode SetProp(const std::string& name, const std::string& value);
+    void DropProp(const std::string& name);
+    void SetContent(const std::string& text);  ///< replaces everything in it by the text
+    void SetName(const std::string& name);
+    XmlNode FirstChild() const;  ///< elements only, here and below
+    XmlNode Next() const;
+    XmlNode Parent() const;
+    XmlNode AppendChild(const std::string& name);
+    XmlNode AppendChild(const std::string& name, const std::string& text);
+    XmlNode AppendChild(const XmlNode& source);  ///< a deep copy
+    void Unlink();  ///< takes the node out of its document; it is null afterwards
+
+private:
+    friend class Xml;
+    XmlNode(std::shared_ptr<Tree> tree, void* node) : tree_(std::move(tree)), node_(node) {}
+    std::shared_ptr<Tree> tree_;
+    void* node_ = nullptr;
+};
+
+class XmlNodes {
+public:
+    auto begin() const { return nodes_.begin(); }
+    auto end() const { return nodes_.end(); }
+    bool empty() const { return nodes_.empty(); }
+    std::size_t size() const { return nodes_.size(); }
+
+private:
+    friend class Xml;
+    std::vector<XmlNode> nodes_;
+};
+
+class Xml {
+public:
+    Xml();  ///< <doc/>
+    explicit Xml(std::istream& in);
+    static Xml FromString(const std::string& text);
+    void LoadFromFile(const std::string& path);  ///< as vel_file::ReadE reads
+    void Load(std::istream& in);
+
+    XmlNode GetRoot() const;
+    XmlNode GetNode(const std::string& xpath) const;    ///< first match or a null node
+    XmlNodes GetNodes(const std::string& xpath) const;  ///< all elements, in document order
+    void RemoveNodes(const std::string& xpath);
+    /// Replaces the file in one step. Bytes that XML cannot hold are written as "?".
+    void Save(const std::string& path, bool formatted) const;
+    std::string Str(bool formatted = false) const;
+
+private:
+    std::shared_ptr<Tree> tree_;
+};
+
+}  // namespace vel_xml
