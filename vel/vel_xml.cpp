@@ -1,0 +1,362 @@
+#include "vel/vel_xml.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <sstream>
+#include <string_view>
+
+#include <pugixml.hpp>
+
+#include "vel/str.h"
+#include "vel/vel_err.h"
+#include "vel/vel_file.h"
+
+namespace vel_xml {
+
+/// Texts and names in a tree are always what XML can hold: they are cleaned on their way in, so
+/// that writing a document needs no look at them.
+struct Tree {
+    pugi::xml_document doc;
+};
+
+namespace {
+
+constexpr std::size_t kMaxSize = std::size_t{512} << 20;
+constexpr int kMaxDepth = 256;
+
+// Line breaks and tabs in attributes are kept (no parse_wconv_attribute): they are bytes of names.
+constexpr unsigned kParse =
+    ((pugi::parse_full | pugi::parse_ws_pcdata | pugi::parse_declaration | pugi::parse_fragment) &
+     ~pugi::parse_wconv_attribute);
+
+[[noreturn]] void Refuse(const std::string& reason) {
+    throw vel_err::Error("xml", "parse_failed", reason);
+}
+
+// ---- Texts --------------------------------------------------------------------------------------
+
+unsigned Byte(char c) { return static_cast<unsigned char>(c); }
+
+bool IsPlain(char c) {
+    return (Byte(c) >= 0x20 && Byte(c) < 0x80) || c == '\t' || c == '\n' || c == '\r';
+}
+
+/// The size of the UTF-8 character at the beginning of `s` when XML can hold it, else 0.
+std::size_t CharacterSize(std::string_view s) {
+    const unsigned lead = Byte(s[0]);
+    if (lead < 0x80) return IsPlain(s[0]) ? 1 : 0;
+    const std::size_t size = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+    if (lead < 0xc2 || lead > 0xf4 || s.size() < size) return 0;
+    uint32_t code = lead & (0x7fU >> size);
+    for (std::size_t i = 1; i < size; ++i) {
+        if ((Byte(s[i]) & 0xc0) != 0x80) return 0;
+        code = code << 6 | (Byte(s[i]) & 0x3f);
+    }
+    const bool overlong = (size == 3 && code < 0x800) || (size == 4 && code < 0x10000);
+    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+    return overlong || surrogate || code > 0x10ffff || (code & ~1U) == 0xfffe ? 0 : size;
+}
+
+/// Where the first byte stands that XML cannot hold; the end when there is none.
+std::size_t FirstBad(std::string_view s) {
+    std::size_t i = 0;
+    while (i < s.size()) {
+        const std::size_t size = IsPlain(s[i]) ? 1 : CharacterSize(s.substr(i));
+        if (size == 0) break;
+        i += size;
+    }
+    return i;
+}
+
+std::string Clean(std::string s) {
+    for (std::size_t i = FirstBad(s); i < s.size(); i += FirstBad(std::string_view(s).substr(i))) {
+        s[i] = '?';
+    }
+    return s;
+}
+
+void CheckName(const std::string& name) {
+    const auto starts = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == ':' ||
+               Byte(c) >= 0x80;
+    };
+    const auto follows = [&starts](char c) {
+        return starts(c) || (c >= '0' && c <= '9') || c == '-' || c == '.';
+    };
+    const bool good = !name.empty() && starts(name[0]) &&
+                      std::all_of(name.begin(), name.end(), follows) &&
+                      FirstBad(name) == name.size();
+    if (!good) throw vel_err::Error("xml", "bad_name", name);
+}
+
+// ---- Parsing ------------------------------------------------------------------------------------
+
+/// Cleans what came from outside, and refuses what is too deep for those who will walk it.
+class Inspector : public pugi::xml_tree_walker {
+public:
+    bool for_each(pugi::xml_node& node) override {
+        if (depth() >= kMaxDepth && node.type() == pugi::node_element) return false;
+        CheckForeignName(node.name());
+        if (IsBad(node.value())) node.set_value(Clean(node.value()).c_str());
+        for (pugi::xml_attribute attribute : node.attributes()) {
+            CheckForeignName(attribute.name());
+            if (IsBad(attribute.value())) attribute.set_value(Clean(attribute.value()).c_str());
+        }
+        return true;
+    }
+
+private:
+    static bool IsBad(const char* text) {
+        while (IsPlain(*text)) ++text;
+        return *text != '\0' && FirstBad(text) != std::string_view(text).size();
+    }
+    static void CheckForeignName(const char* name) {
+        if (IsBad(name)) Refuse("a name is not UTF-8");
+    }
+};
+
+void CheckEncoding(const pugi::xml_node& declaration) {
+    const std::string encoding = str::Lower(declaration.attribute("encoding").value());
+    if (!encoding.empty() && encoding != "utf-8" && encoding != "utf8" && encoding != "us-ascii") {
+        Refuse("the encoding is not UTF-8");
+    }
+}
+
+bool IsText(pugi::xml_node_type type) {
+    return type == pugi::node_pcdata || type == pugi::node_cdata;
+}
+
+/// The top level holds exactly one element, and what a well-formed document has beside it.
+void CheckTopLevel(pugi::xml_document& doc) {
+    int elements = 0;
+    for (pugi::xml_node node = doc.first_child(), next; node; node = next) {
+        next = node.next_sibling();
+        const pugi::xml_node_type type = node.type();
+        if (type == pugi::node_doctype) Refuse("a document type is not accepted");
+        if (type == pugi::node_declaration) CheckEncoding(node);
+        if (type == pugi::node_element) ++elements;
+        if (IsText(type) && !str::Trim(node.value()).empty()) Refuse("text outside the root");
+        if (IsText(type) || type == pugi::node_declaration) doc.remove_child(node);
+    }
+    if (elements != 1) Refuse(elements == 0 ? "no root element" : "more than one root element");
+}
+
+void AddDeclaration(pugi::xml_document& doc) {
+    pugi::xml_node declaration = doc.prepend_child(pugi::node_declaration);
+    declaration.append_attribute("version") = "1.0";
+    declaration.append_attribute("encoding") = "UTF-8";
+}
+
+std::shared_ptr<Tree> Parse(const std::string& text) {
+    if (text.size() > kMaxSize) Refuse("over 512 MiB");
+    if (text.find('\0') != std::string::npos) Refuse("a NUL byte");
+    auto tree = std::make_shared<Tree>();
+    const pugi::xml_parse_result result =
+        tree->doc.load_buffer(text.data(), text.size(), kParse, pugi::encoding_utf8);
+    if (!result) {
+        Refuse(std::string(result.description()) + " at byte " + std::to_string(result.offset));
+    }
+    CheckTopLevel(tree->doc);
+    Inspector inspector;
+    if (!tree->doc.traverse(inspector)) Refuse("over 256 levels deep");
+    AddDeclaration(tree->doc);
+    return tree;
+}
+
+std::shared_ptr<Tree> EmptyTree() {
+    auto tree = std::make_shared<Tree>();
+    AddDeclaration(tree->doc);
+    tree->doc.append_child("doc");
+    return tree;
+}
+
+std::string ReadAll(std::istream& in) {
+    std::string text;
+    std::string block(std::size_t{1} << 18, '\0');
+    while (in && text.size() <= kMaxSize) {
+        in.read(block.data(), static_cast<std::streamsize>(block.size()));
+        text.append(block, 0, static_cast<std::size_t>(in.gcount()));
+    }
+    if (in.bad()) Refuse("the source cannot be read");
+    return text;
+}
+
+// ---- Walking ------------------------------------------------------------------------------------
+
+pugi::xml_node Node(void* node) {
+    return pugi::xml_node(static_cast<pugi::xml_node_struct*>(node));
+}
+
+pugi::xml_node ElementOrNext(pugi::xml_node node) {
+    while (node && node.type() != pugi::node_element) node = node.next_sibling();
+    return node;
+}
+
+class TextCollector : public pugi::xml_tree_walker {
+public:
+    bool for_each(pugi::xml_node& node) override {
+        if (IsText(node.type())) text += node.value();
+        return true;
+    }
+    std::string text;
+};
+
+void SetText(pugi::xml_node node, const std::string& text) {
+    if (!text.empty()) node.append_child(pugi::node_pcdata).set_value(Clean(text).c_str());
+}
+
+pugi::xpath_node_set Select(const std::shared_ptr<Tree>& tree, const std::string& xpath) {
+    if (!tree) return {};
+    try {
+        return tree->doc.select_nodes(xpath.c_str());
+    } catch (const pugi::xpath_exception& e) {
+        throw vel_err::Error("xml", "bad_xpath", xpath + ": " + e.what());
+    }
+}
+
+struct StringWriter : pugi::xml_writer {
+    void write(const void* data, std::size_t size) override {
+        text.append(static_cast<const char*>(data), size);
+    }
+    std::string text;
+};
+
+}  // namespace
+
+// ---- XmlNode ------------------------------------------------------------------------------------
+
+XmlNode::operator bool() const { return node_ != nullptr; }
+
+std::string XmlNode::Name() const { return Node(node_).name(); }
+
+std::string XmlNode::Str() const {
+    TextCollector collector;
+    Node(node_).traverse(collector);
+    return std::move(collector.text);
+}
+
+std::string XmlNode::GetProp(const std::string& name) const {
+    return Node(node_).attribute(name.c_str()).value();
+}
+
+XmlNode XmlNode::SetProp(const std::string& name, const std::string& value) {
+    if (!node_) return *this;
+    CheckName(name);
+    pugi::xml_attribute attribute = Node(node_).attribute(name.c_str());
+    if (!attribute) attribute = Node(node_).append_attribute(name.c_str());
+    attribute.set_value(Clean(value).c_str());
+    return *this;
+}
+
+void XmlNode::DropProp(const std::string& name) { Node(node_).remove_attribute(name.c_str()); }
+
+void XmlNode::SetContent(const std::string& text) {
+    Node(node_).remove_children();
+    SetText(Node(node_), text);
+}
+
+void XmlNode::SetName(const std::string& name) {
+    if (!node_) return;
+    CheckName(name);
+    Node(node_).set_name(name.c_str());
+}
+
+XmlNode XmlNode::FirstChild() const {
+    return {tree_, ElementOrNext(Node(node_).first_child()).internal_object()};
+}
+
+XmlNode XmlNode::Next() const {
+    return {tree_, ElementOrNext(Node(node_).next_sibling()).internal_object()};
+}
+
+XmlNode XmlNode::Parent() const {
+    const pugi::xml_node parent = Node(node_).parent();
+    if (parent.type() != pugi::node_element) return {};
+    return {tree_, parent.internal_object()};
+}
+
+XmlNode XmlNode::AppendChild(const std::string& name) {
+    if (!node_) return {};
+    CheckName(name);
+    return {tree_, Node(node_).append_child(name.c_str()).internal_object()};
+}
+
+XmlNode XmlNode::AppendChild(const std::string& name, const std::string& text) {
+    XmlNode child = AppendChild(name);
+    SetText(Node(child.node_), text);
+    return child;
+}
+
+XmlNode XmlNode::AppendChild(const XmlNode& source) {
+    if (!node_ || !source) return {};
+    return {tree_, Node(node_).append_copy(Node(source.node_)).internal_object()};
+}
+
+void XmlNode::Unlink() {
+    const pugi::xml_node node = Node(node_);
+    node.parent().remove_child(node);
+    *this = {};
+}
+
+// ---- Xml ----------------------------------------------------------------------------------------
+
+Xml::Xml() : tree_(EmptyTree()) {}
+Xml::Xml(std::istream& in) { Load(in); }
+
+Xml Xml::FromString(const std::string& text) {
+    Xml xml;
+    xml.tree_ = Parse(text);
+    return xml;
+}
+
+void Xml::LoadFromFile(const std::string& path) {
+    const std::string text = vel_file::ReadE(path);
+    try {
+        tree_ = Parse(text);
+    } catch (const vel_err::Error& e) {
+        Refuse(path + ": " + e.value());
+    }
+}
+
+void Xml::Load(std::istream& in) { tree_ = Parse(ReadAll(in)); }
+
+XmlNode Xml::GetRoot() const {
+    if (!tree_) return {};
+    return {tree_, tree_->doc.document_element().internal_object()};
+}
+
+XmlNode Xml::GetNode(const std::string& xpath) const {
+    const XmlNodes nodes = GetNodes(xpath);
+    return nodes.empty() ? XmlNode() : *nodes.begin();
+}
+
+XmlNodes Xml::GetNodes(const std::string& xpath) const {
+    pugi::xpath_node_set found = Select(tree_, xpath);
+    found.sort();
+    XmlNodes out;
+    for (const pugi::xpath_node& one : found) {
+        if (one.node().type() != pugi::node_element) continue;
+        out.nodes_.push_back(XmlNode(tree_, one.node().internal_object()));
+    }
+    return out;
+}
+
+void Xml::RemoveNodes(const std::string& xpath) {
+    XmlNodes found = GetNodes(xpath);
+    // Backwards: what lies within another hit goes before it.
+    for (std::size_t i = found.nodes_.size(); i > 0; --i) found.nodes_[i - 1].Unlink();
+}
+
+void Xml::Save(const std::string& path, bool formatted) const {
+    vel_file::Write(path, Str(formatted));
+}
+
+std::string Xml::Str(bool formatted) const {
+    if (!tree_) return Xml().Str(formatted);
+    StringWriter writer;
+    tree_->doc.save(writer, "  ", formatted ? pugi::format_indent : pugi::format_raw,
+                    pugi::encoding_utf8);
+    return std::move(writer.text);
+}
+
+}  // namespace vel_xml
