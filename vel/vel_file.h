@@ -76,9 +76,9 @@ private:
 
 /// Mode and owner. -1 leaves a value as it is.
 struct Attrs {
-    explicit Attrs(mode_t mode) : mode(mode) {}
-    Attrs(mode_t mode, uid_t uid) : mode(mode), uid(uid) {}
-    Attrs(mode_t mode, uid_t uid, gid_t gid) : mode(mode), uid(uid), gid(gid) {}
+    explicit Attrs(mode_t m) : mode(m) {}
+    Attrs(mode_t m, uid_t u) : mode(m), uid(u) {}
+    Attrs(mode_t m, uid_t u, gid_t g) : mode(m), uid(u), gid(g) {}
     /// Owner first, then mode (a chown would drop set-id bits). A symbolic link in the place is
     /// refused, recursion never follows one.
     void Set(const std::string& path, bool recursive = false) const;
