@@ -13,6 +13,8 @@
 
 namespace backup2 {
 
+class SystemMarkers;
+
 /// The settings of one user's job, as the panel answers them ("backup2.item.info"). Making it
 /// prepares the working directories; the destructor removes what it made.
 class BACKUP2_EXPORT Settings {
@@ -27,7 +29,10 @@ public:
     ~Settings();
 
     /// Reads the document into the members and makes the directories. Called by the constructors.
-    /// A second call appends to the lists. What it made before it threw is removed.
+    /// A second call appends to the lists. What it made before it threw is removed, but for the
+    /// local directory. Throws vel_err::AssertError "Path is symlink_link" when a link stands in
+    /// the place of `system`, vel_err::Error("file", "bad_name", ...) for a marker that would lie
+    /// elsewhere, and "sys" for what the disk refuses.
     void Init();
 
     std::string manager() const { return manager_; }
@@ -44,11 +49,16 @@ public:
     bool empty() const { return system_.empty() && folders_.empty(); }
 
 private:
+    void ReadFolders();
+    void ReadSystem();
+    void ReadEnvironment();
+
     std::string manager_, user_, root_, local_dir_, system_, command_prefix_, slice_size_;
     std::list<std::string> folders_, exclude_files_;
     std::map<std::string, std::string> storage_;
     std::unique_ptr<vel_file::TmpDir> tmp_root_;
     std::shared_ptr<vel_client::Result> params_;
+    std::unique_ptr<SystemMarkers> markers_;  // goes before tmp_root_, in which it may lie
 };
 
 /// Puts the job's storage token, with the archive password added, into BACKUP_TOKEN of this

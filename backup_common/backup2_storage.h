@@ -108,6 +108,9 @@ protected:
     BackupToken token_;
     std::string password_;
     std::set<std::string> made_dirs_;
+
+private:
+    void GetDecoded(const std::string& name, const std::string& plain);
 };
 
 BACKUP2_EXPORT bool IsS3Type(const std::string& type);
