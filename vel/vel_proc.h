@@ -52,7 +52,9 @@ public:
     Execute& SetEnv(const std::string& name, const std::string& value);
     Execute& UnsetEnv(const std::string& name);
     Execute& In(const std::string& bytes);  ///< adds to what the child will read
-    Execute& CloseIn();                     ///< nothing more comes
+    Execute& CloseIn();                     ///< nothing more comes; Str and Result imply it
+    /// The descriptor is copied by the call, so the caller may close its own at once; the copy goes
+    /// when the child has started or could not be.
     Execute& RedirectInTo(vel_file::ResHandle fd);
     Execute& RedirectOutTo(vel_file::ResHandle fd);
 
@@ -69,6 +71,7 @@ public:
 
 private:
     struct Impl;
+    class OutputBuffer;
     std::unique_ptr<Impl> impl_;
 };
 
