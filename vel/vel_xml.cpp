@@ -214,9 +214,16 @@ pugi::xpath_node_set Select(const std::shared_ptr<Tree>& tree, const std::string
     }
 }
 
+/// Collects the document. The library writes a carriage return in a text as it is, and every parser
+/// would turn it into a line feed, so it becomes a reference here; it stands nowhere else.
 struct StringWriter : pugi::xml_writer {
     void write(const void* data, std::size_t size) override {
-        text.append(static_cast<const char*>(data), size);
+        std::string_view rest(static_cast<const char*>(data), size);
+        for (std::size_t at; (at = rest.find('\r')) != std::string_view::npos;) {
+            text.append(rest, 0, at).append("&#13;");
+            rest.remove_prefix(at + 1);
+        }
+        text.append(rest);
     }
     std::string text;
 };

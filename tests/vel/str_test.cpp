@@ -1,0 +1,184 @@
+#include "vel/str.h"
+
+#include <limits>
+
+#include <gtest/gtest.h>
+
+#include "vel/test.h"
+#include "vel/vel_env.h"
+#include "vel/vel_err.h"
+#include "vel/vel_hash.h"
+#include "vel/vel_user.h"
+
+namespace {
+
+std::string EveryByte() {
+    std::string s;
+    for (int i = 0; i < 256; ++i) s += static_cast<char>(i);
+    return s;
+}
+
+TEST(Str, EveryByteSurvivesEachEncoding) {
+    const std::string all = EveryByte();
+    for (std::size_t cut = 0; cut <= all.size(); ++cut) {
+        const std::string s = all.substr(cut);
+        ASSERT_EQ(str::base64::Decode(str::base64::Encode(s)), s) << cut;
+        ASSERT_EQ(str::hex::Decode(str::hex::Encode(s)), s) << cut;
+        ASSERT_EQ(str::url::Decode(str::url::Encode(s)), s) << cut;
+        ASSERT_EQ(str::badchars::Unescape(str::badchars::Escape(s, all, '\\'), '\\'), s) << cut;
+    }
+}
+
+TEST(Str, EncodingsWriteTheirStandardForm) {
+    EXPECT_EQ(str::base64::Encode("foob"), "Zm9vYg==");
+    EXPECT_EQ(str::base64::Encode("\xff\xfe\xfd"), "//79");
+    EXPECT_EQ(str::hex::Encode("\x0f\xA0"), "0fa0");
+    EXPECT_EQ(str::url::Encode("a b/?&=~\xff"), "a%20b%2F%3F%26%3D~%FF");
+    EXPECT_EQ(str::badchars::Escape("a\tb\\c", "\t", '\\'), "a\\tb\\\\c");
+    EXPECT_EQ(str::badchars::Escape("a;b", ";", '%'), "a%073b");
+}
+
+TEST(Str, DecodersTakeNonsenseWithoutFailing) {
+    EXPECT_EQ(str::base64::Decode("Zm\n9v!Yg==tail"), "foob");
+    EXPECT_EQ(str::base64::Decode("Z"), "");
+    EXPECT_EQ(str::hex::Decode("0Fz12"), std::string("\x0f\0", 2));
+    EXPECT_EQ(str::url::Decode("a+b%2"), "a b%2");
+    EXPECT_EQ(str::url::Decode("%zz%41%"), "%zzA%");
+    EXPECT_EQ(str::badchars::Unescape("\\q\\400\\07\\", '\\'), "\\q\\400\\07\\");
+}
+
+TEST(Str, WordsAreCutAtTheDelimiter) {
+    struct Case {
+        std::string text, delimiter, word, rest, last, before;
+    };
+    const Case cases[] = {
+        {"a://b://c", "://", "a", "b://c", "c", "a://b"},
+        {"abc", "/", "abc", "", "abc", ""},
+        {"/a", "/", "", "a", "a", ""},
+        {"a/", "/", "a", "", "", "a"},
+        {"abc", "", "abc", "", "abc", ""},
+        {"", "/", "", "", "", ""},
+    };
+    for (const Case& c : cases) {
+        std::string left = c.text, right = c.text;
+        EXPECT_EQ(str::GetWord(left, c.delimiter), c.word) << c.text;
+        EXPECT_EQ(left, c.rest) << c.text;
+        EXPECT_EQ(str::RGetWord(right, c.delimiter), c.last) << c.text;
+        EXPECT_EQ(right, c.before) << c.text;
+    }
+}
+
+TEST(Str, NumbersAreReadLenientlyAndSaturate) {
+    struct Case {
+        std::string text;
+        int64_t wide;
+        int narrow;
+    };
+    const int64_t max = std::numeric_limits<int64_t>::max(), min = -max - 1;
+    const Case cases[] = {
+        {"", 0, 0},
+        {" \t+42x", 42, 42},
+        {"-7", -7, -7},
+        {"- 7", 0, 0},
+        {"x1", 0, 0},
+        {"2147483648", 2147483648, std::numeric_limits<int>::max()},
+        {"-2147483649", -2147483649, std::numeric_limits<int>::min()},
+        {"9223372036854775807", max, std::numeric_limits<int>::max()},
+        {"9223372036854775808", max, std::numeric_limits<int>::max()},
+        {"-9223372036854775808", min, std::numeric_limits<int>::min()},
+        {"-99999999999999999999", min, std::numeric_limits<int>::min()},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(str::Int64(c.text), c.wide) << c.text;
+        EXPECT_EQ(str::Int(c.text), c.narrow) << c.text;
+    }
+}
+
+TEST(Str, PairsSurviveJoinAndSplit) {
+    const std::map<std::string, std::string> pairs = {{"a", "1=2"}, {"b", ""}, {"c", " x "}};
+    std::map<std::string, std::string> back = {{"a", "old"}};
+    str::Split(str::Join(pairs, ";"), ";", back);
+    EXPECT_EQ(back, pairs);
+
+    std::map<std::string, std::string> odd;
+    str::Split(";;a;b=1;;b=2;", ";", odd);
+    EXPECT_EQ(odd, (std::map<std::string, std::string>{{"a", ""}, {"b", "2"}}));
+
+    std::vector<std::string> list;
+    str::Split("::a:::b::", "::", list);
+    EXPECT_EQ(list, (std::vector<std::string>{"a", ":b"}));
+}
+
+TEST(Str, ReplaceNeverLooksAtReplacedText) {
+    EXPECT_EQ(str::Replace("aaaa", "aa", "a"), "aa");
+    EXPECT_EQ(str::Replace("x.y", ".", ".."), "x..y");
+    EXPECT_EQ(str::Replace("abc", "", "-"), "abc");
+    EXPECT_EQ(str::Replace("\nk\nk\n", "\nk", ""), "\n");
+}
+
+TEST(Str, TrimTakesWhiteSpaceOnly) {
+    EXPECT_EQ(str::Trim("\v\f \t\r\n a b\n"), "a b");
+    EXPECT_EQ(str::Trim(" \n"), "");
+    EXPECT_EQ(str::Trim(std::string("\0 a", 3)), std::string("\0 a", 3));
+}
+
+TEST(Test, DatesAndAddressesAreExact) {
+    for (const char* good : {"2024-02-29", "0000-01-01", "9999-12-31"}) {
+        EXPECT_TRUE(test::Date(good)) << good;
+    }
+    for (const char* bad : {"2023-02-29", "2024-13-01", "2024-00-10", "2024-1-01", "2024-01-0x",
+                            "2024/01/01", "+024-01-01", "2024-01-011", ""}) {
+        EXPECT_FALSE(test::Date(bad)) << bad;
+    }
+    EXPECT_TRUE(test::Ip6("::ffff:1.2.3.4"));
+    for (const std::string& bad : {std::string("[::1]"), std::string("fe80::1%eth0"),
+                                   std::string("1.2.3.4"), std::string("::1\0x", 5)}) {
+        EXPECT_FALSE(test::Ip6(bad)) << bad;
+    }
+}
+
+TEST(Env, NamesThatTheSystemCannotHoldAreRefusedWithoutShowingTheValue) {
+    vel_env::SetEnv("VEL_TEST", "a=b");
+    EXPECT_EQ(vel_env::GetEnv("VEL_TEST"), "a=b");
+    vel_env::UnsetEnv("VEL_TEST");
+    EXPECT_EQ(vel_env::GetEnv("VEL_TEST"), "");
+    for (const std::string& name : {std::string(), std::string("a=b"), std::string("a\0b", 3)}) {
+        try {
+            vel_env::SetEnv(name, "secret");
+            ADD_FAILURE() << "took " << name;
+        } catch (const vel_err::Error& e) {
+            EXPECT_EQ(e.type(), "sys");
+            EXPECT_EQ(std::string(e.what()).find("secret"), std::string::npos);
+        }
+    }
+}
+
+TEST(Hash, DigestsAreTheWellKnownOnesAndStartAfresh) {
+    using vel_hash::HashType;
+    const std::pair<HashType, std::string> cases[] = {
+        {HashType::Md5, "900150983cd24fb0d6963f7d28e17f72"},
+        {HashType::Sha1, "a9993e364706816aba3e25717850c26c9cd0d89d"},
+        {HashType::Sha256, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"}};
+    for (const auto& [type, want] : cases) {
+        vel_hash::Hash hash(type);
+        for (int round = 0; round < 2; ++round) {
+            hash.Update("a");
+            hash.Update("bc");
+            EXPECT_EQ(str::hex::Encode(hash.Str()), want);
+        }
+    }
+    EXPECT_THROW(vel_hash::Hash(static_cast<HashType>(3)), vel_err::Error);
+}
+
+TEST(User, OnlyRealNamesExist) {
+    EXPECT_TRUE(vel_user::Exists("root"));
+    EXPECT_EQ(vel_user::Uid("root"), 0U);
+    EXPECT_EQ(vel_user::Home("root"), "/root");
+    for (const std::string& name :
+         {std::string(), std::string("no such user"), std::string("root\0x", 6)}) {
+        EXPECT_FALSE(vel_user::Exists(name));
+        EXPECT_THROW(vel_user::Gid(name), vel_err::Error);
+    }
+}
+
+}  // namespace
