@@ -172,7 +172,7 @@ private:
                 text = std::to_string(arg.u);
                 break;
         }
-        if (c.precision >= 0) text.resize(std::min<std::size_t>(text.size(), c.precision));
+        if (c.precision >= 0) text = text.substr(0, static_cast<std::size_t>(c.precision));
         Pad(c, text);
     }
 
