@@ -1,0 +1,55 @@
+/// backup2_cp: copies backups to and from their storage.
+#include <iostream>
+#include <stdexcept>
+
+#include "vel/vel_tool.h"
+
+#include "sbin/backup2_cp/actions.h"
+
+namespace backup2_cp {
+
+namespace {
+
+void Act(const Target& target, const Options& options) {
+    switch (options.action) {
+        case Options::Action::kPut:
+            return PutFile(target, options);
+        case Options::Action::kPutSlice:
+            return PutSlice(target, options);
+        case Options::Action::kPutFinal:
+            return PutFinal(target, options);
+        case Options::Action::kGet:
+            return GetFile(target, options);
+        case Options::Action::kGetSlice:
+            return GetSlice(target, options);
+        case Options::Action::kDelete:
+            return Delete(target, options);
+        case Options::Action::kList:
+            return List(target, options);
+        case Options::Action::kCheck:
+            return Check(target, options);
+        case Options::Action::kHelp:
+            break;
+    }
+}
+
+int Run(std::vector<std::string> arguments) {
+    const Options options = ParseOptions(std::move(arguments));
+    if (options.action == Options::Action::kHelp) {
+        std::cout << options.help;
+        return vel_tool::kDone;
+    }
+    const Target target = Target::FromEnvironment();
+    try {
+        Act(target, options);
+    } catch (const std::exception& e) {
+        throw std::runtime_error(target.Redacted(e));
+    }
+    return vel_tool::kDone;
+}
+
+}  // namespace
+
+}  // namespace backup2_cp
+
+int main(int argc, char** argv) { return vel_tool::Main(argc, argv, backup2_cp::Run); }

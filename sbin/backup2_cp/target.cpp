@@ -1,0 +1,138 @@
+#include "sbin/backup2_cp/target.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "vel/str.h"
+#include "vel/vel_client.h"
+#include "vel/vel_env.h"
+#include "vel/vel_err.h"
+#include "vel/vel_file.h"
+#include "vel/vel_log.h"
+#include "vel/vel_proc.h"
+
+#include "backup_common/backup2_misc.h"
+
+#include "sbin/backup2_cp/errors.h"
+#include "sbin/backup2_cp/token_check.h"
+#include "sbin/backup2_cp/workspace.h"
+
+namespace backup2_cp {
+
+namespace {
+
+const vel_log::Module logger("backup2_cp");
+const std::string kPanel = "qorvel", kClient = "backup2";
+constexpr int kRetries = 3, kRetryPause = 1000;
+
+std::string TakeVariable(const std::string& name) {
+    const std::string value = vel_env::GetEnv(name);
+    vel_env::UnsetEnv(name);
+    return value;
+}
+
+std::string AskPanel(const std::string& user) {
+    vel_client::Local panel(kPanel, kClient);
+    panel.WaitLocked(true);
+    return user.empty() ? panel.Query("func=backup2.settings").value("storage")
+                        : panel.Query("func=backup2.storage&elid=?", user).value("storage");
+}
+
+/// These kinds move whole files and stream nothing.
+bool MovesFiles(const backup2::BackupToken& token) {
+    return token.Type() == "sftp" || token.Type() == "node";
+}
+
+int RetryPause() {
+    const std::string set = vel_env::GetEnv("BACKUP2_RETRY_MS");
+    return set.empty() ? kRetryPause : std::max(0, str::Int(set));
+}
+
+}  // namespace
+
+// ---- Which storage ------------------------------------------------------------------------------
+
+Target Target::FromEnvironment() {
+    const std::string token = TakeVariable("BACKUP_TOKEN");
+    const std::string user = TakeVariable("BACKUP_STORAGE");
+    if (!token.empty()) return Target(backup2::BackupToken(token));
+    const std::string named = AskPanel(user);
+    if (named.empty()) {
+        throw std::runtime_error(user.empty() ? "the panel names no storage"
+                                              : "the panel names no storage of user " + user);
+    }
+    return Target(backup2::BackupToken(named));
+}
+
+Target::Target(const backup2::BackupToken& token) : token_(token) { CheckToken(token_); }
+
+std::shared_ptr<backup2::Storage> Target::Open() const { return backup2::GetStorage(token_); }
+
+std::string Target::LocalPath(const std::string& name) const {
+    return token_.IsLocal() ? vel_file::ConcatPath(token_.GetParam("path"), name) : "";
+}
+
+bool Target::IsStored(const std::string& local, const std::string& name) const {
+    const std::string stored = LocalPath(name);
+    if (stored.empty() || vel_file::Name(stored) != vel_file::Name(local)) return false;
+    const vel_file::Info a(vel_file::SplitPath(stored).dir), b(vel_file::SplitPath(local).dir);
+    return a.Exists() && b.Exists() && a.Stat().st_dev == b.Stat().st_dev &&
+           a.Stat().st_ino == b.Stat().st_ino;
+}
+
+bool Target::Encrypts(const std::string& name) const {
+    return token_.IsEncrypted() && backup2::IsEncrypted(name);
+}
+
+void Target::ReadStored(const std::string& name, std::ostream& out) const {
+    if (MovesFiles(token_)) {
+        backup2::BackupToken raw = token_;  // without a password the bytes come as they are
+        raw.DropParam("arch_password");
+        const Workspace work;
+        const std::string copy = vel_file::ConcatPath(work.Path(), "stored");
+        backup2::GetStorage(raw)->Get(name, copy);
+        vel_file::InStream in(copy);
+        return Pump(in, out);
+    }
+    if (!token_.IsLocal()) return Open()->GetArch(name, out);
+    vel_file::InStream in(LocalPath(name));
+    Pump(in, out);
+}
+
+std::string Target::Describe() const {
+    return token_.Type() + " storage " + token_.GetParam("path");
+}
+
+// ---- Failing and trying again -------------------------------------------------------------------
+
+std::string Reason(const std::exception& e) {
+    const auto* error = dynamic_cast<const vel_err::Error*>(&e);
+    if (!error || error->object().empty()) return e.what();
+    if (error->type() != "sys" && error->type() != "file") return e.what();
+    return error->object() + (error->value().empty() ? "" : " " + error->value());
+}
+
+std::string Target::Redacted(const std::exception& e) const { return Redact(Reason(e), token_); }
+
+void Target::Retry(const std::string& what, const std::function<void()>& attempt,
+                   const std::function<void()>& undo) const {
+    const int pause = RetryPause();
+    for (int failed = 0;; ++failed) {
+        try {
+            return attempt();
+        } catch (const Permanent&) {
+            if (undo) undo();
+            throw;
+        } catch (const std::exception& e) {
+            if (undo) undo();
+            const std::string reason = Redacted(e);
+            logger.Write(4, "%s: attempt %d failed: %s", what, failed + 1, reason);
+            if (failed == kRetries) throw std::runtime_error(what + ": " + reason);
+        }
+        vel_proc::Sleep(pause << failed);
+    }
+}
+
+}  // namespace backup2_cp
