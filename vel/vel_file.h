@@ -1,7 +1,9 @@
 /// Paths, files and directories as root must handle them: no link is followed where a stranger
-/// could have planted one, nothing half-written stands under a final name, every descriptor is
-/// close-on-exec. Paths are byte strings. Failures throw vel_err::Error; "sys" carries the
-/// operation as object and "<path>: <reason>" as value.
+/// could have planted one (whatever creates, changes, reads or removes refuses links in the last
+/// component; before it, it follows those that this user or root made in a folder of their own),
+/// nothing half-written stands under a final name, every descriptor is close-on-exec. Paths are
+/// byte strings. Failures throw vel_err::Error; "sys" carries the operation as object and "<path>:
+/// <reason>" as value.
 #pragma once
 
 #include <dirent.h>
@@ -38,6 +40,7 @@ std::string GoodPath(const std::string& path);
 
 class Info {
 public:
+    Info() = default;  ///< of something missing
     /// A missing file is no error (Exists() is false); other failures throw.
     explicit Info(const std::string& path, bool follow_links = true);
     explicit Info(const struct stat& st) : exists_(true), st_(st) {}
@@ -80,7 +83,8 @@ struct Attrs {
     Attrs(mode_t m, uid_t u) : mode(m), uid(u) {}
     Attrs(mode_t m, uid_t u, gid_t g) : mode(m), uid(u), gid(g) {}
     /// Owner first, then mode (a chown would drop set-id bits). A symbolic link in the place is
-    /// refused, recursion never follows one.
+    /// refused. Recursion never follows one, and leaves files alone that have a second name and
+    /// another owner than the folder: a user may have linked somebody else's file into his tree.
     void Set(const std::string& path, bool recursive = false) const;
     void Set(int fd) const;
 
@@ -107,8 +111,10 @@ void RemoveFile(const std::string& path);  ///< one file or link; a missing one 
 /// never leaves the tree. A missing path is no error. Refuses "", "/", "." and "..".
 void Remove(const std::string& path);
 
-/// A file (CopyFile) or a file or tree (Copy). Content, mode, owner and times; `to` appears in one
-/// step and never shares its old inode. Nothing to do when both are the same inode already.
+/// A file (CopyFile) or a file, link or tree (Copy). Content, holes, mode, owner and times; `to`
+/// appears in one step, is on the disk by then, and never shares its old inode. Nothing to do when
+/// both are the same inode already. Copy makes the missing parents of `to`; a tree is never merged
+/// into an existing folder that holds something (EEXIST).
 void CopyFile(const std::string& from, const std::string& to);
 void Copy(const std::string& from, const std::string& to);
 /// rename with fsync of the directory; across file systems copy, then remove.
@@ -151,6 +157,11 @@ private:
 };
 
 /// An exclusive lock between processes on a file, which is created (0600) when missing.
+///
+/// All objects of one process that lock the same file share one lock: none of them waits for
+/// another, each sees what another wrote, and the lock is given up with the last of them. (So it
+/// does not keep the threads of a process apart.) Opening and closing the file elsewhere in the
+/// process does not lose the lock; a forked process does not inherit it.
 class Lock {
 public:
     Lock() = default;
@@ -161,20 +172,24 @@ public:
     /// marker false: waits for the holder. marker true: throws
     /// vel_err::Error("lock", "busy", path) at once when a live process holds it.
     /// Two objects of one process never wait for each other. A link, FIFO or folder in the place
-    /// is a clear error, never a hang.
+    /// is a clear error, never a hang. What this object held before is released first.
     void DoLock(const std::string& path, bool marker);
-    ResHandle GetResHandle() const { return fd_; }
-    std::string Read() const;  ///< whole content of the locked file
-    /// Replaces the content in one step; the lock is kept over it. A killed process leaves the old
-    /// or the new text. Throws on failure with the old text in place.
+    ResHandle GetResHandle() const;  ///< of the locked file; another one after Write
+    std::string Read() const;        ///< whole content of the locked file
+    /// Replaces the content in one step; lock, mode and owner are kept over it. A killed process
+    /// leaves the old or the new text (and at most one ".<name>.new", which the next Write takes
+    /// away). Throws with the old text in place on failure, and vel_err::Error("lock", "lost",
+    /// path) when the path names another file by now.
     void Write(const std::string& content);
     /// True while the path still names the locked file.
     bool Owns() const;
     void Release() noexcept;
 
 private:
+    struct Held;
+    class Registry;
     std::string path_;
-    ResHandle fd_;
+    std::shared_ptr<Held> held_;
 };
 
 }  // namespace vel_file
