@@ -1,0 +1,118 @@
+/// What the subcommands of backup2 share: the panel's view, the backups in the local tree, the
+/// names of one backup and its storage.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "vel/vel_err.h"
+
+#include "backup_common/backup2_misc.h"
+#include "backup_common/backup2_storage.h"
+
+namespace backup2_admin {
+
+inline constexpr char kPanel[] = "qorvel";
+inline constexpr char kCustom[] = "custom";
+
+// ---- Words of the administrator -----------------------------------------------------------------
+
+/// A user's name as it can stand in file names. Throws vel_tool::UsageError for others ("", ".",
+/// with "/", "#" or control bytes, with a leading "-").
+std::string CheckUser(const std::string& user);
+/// "custom", or the day in the form YYYY-MM-DD ("" is today). Throws vel_tool::UsageError.
+std::string CheckDate(const std::string& date);
+/// One line of standard input, without its line end: how a password gets in.
+std::string ReadSecret();
+/// The text of an error for the end of a line: an error of one word is that word.
+std::string Reason(const std::exception& error);
+
+// ---- The panel ----------------------------------------------------------------------------------
+
+/// The administrator's storage and the local tree that belongs to it.
+struct Site {
+    std::string local_dir;
+    backup2::BackupToken token{""};
+    std::string slice_size, size_limit, count_limit;
+};
+Site AskSite();
+std::vector<std::string> AskUsers();               ///< all users of the panel, in its order
+std::string AskUserRoot(const std::string& user);  ///< "" when the panel gives none
+/// Puts the storage into BACKUP_TOKEN for the programs that are started next.
+void UseStorage(const backup2::BackupToken& token);
+
+// ---- Backups ------------------------------------------------------------------------------------
+
+/// One file of an archive on the storage. Sizes and sums are empty when the info file has none.
+struct Slice {
+    std::string path;  ///< below the storage's base directory
+    uint64_t plain = 0, stored = 0;
+    std::string plain_sum, stored_sum;
+};
+
+/// A finished backup, as its info file in the local tree describes it.
+struct Backup {
+    std::string user;  ///< for a role "user#role"
+    std::string date;  ///< or "custom"
+    std::string info_path;
+    std::map<std::string, std::string> info;
+
+    std::string Get(const std::string& key) const;  ///< "" when the info file has no such key
+    std::string Title() const { return user + " " + date; }
+    std::string Kind() const { return Get("type"); }
+    bool Deleted() const { return info.count("deleted") != 0; }
+    /// Name of the archive as the archiver knows it: no ".aes", no ".partK".
+    std::string Archive() const;
+    std::string BaseDate() const;   ///< of an increment the date of its full backup, else ""
+    std::string IndexPath() const;  ///< the local listing, whether it is there or not
+    std::string StoredIndex(const backup2::BackupToken& token) const;
+    std::vector<Slice> Slices() const;  ///< throws vel_err::Error for an info file without them
+};
+
+/// The backups of a user ("" all), of a date ("" all), by user and date. A working info file is no
+/// backup yet and is left out.
+std::vector<Backup> FindBackups(const std::string& local_dir, const std::string& user,
+                                const std::string& date);
+/// Throws vel_err::Error("missed", "backup", "<user> <date>") when there is none.
+Backup GetBackup(const std::string& local_dir, const std::string& user, const std::string& date);
+Backup ReadBackup(const std::string& info_path);
+/// Throws when the backup was encrypted with another password than the storage has now.
+void CheckPassword(const Backup& backup, const backup2::BackupToken& token);
+/// Fetches the listing from the storage when the local tree has lost it; its local path.
+/// Needs UseStorage.
+std::string NeedIndex(const Backup& backup, const backup2::BackupToken& token);
+
+// ---- Programs -----------------------------------------------------------------------------------
+
+struct Done {
+    int status = 0;
+    std::string output;
+    std::string LastLine() const;
+};
+/// Runs a program of sbin/ with its output captured.
+Done RunTool(std::vector<std::string> argv);
+/// The command with which qortar gets the slices of any backup below `local_dir`.
+std::string FetchCommand(const std::string& local_dir);
+
+/// Finds in the service's log why a program failed that the library ran: it tells its caller only
+/// that one did. Make it before.
+class LogWatch {
+public:
+    LogWatch();
+    std::string LastFailure() const;  ///< ": <last line of the program's output>", or ""
+
+private:
+    uint64_t start_;
+};
+
+/// Only one process at a time does `work` ("run", "restore") for a user; held while the object
+/// lives. Throws vel_err::Error("busy", "user", ...) when another one does it.
+std::unique_ptr<backup2::Lock> LockWork(const std::string& work, const std::string& user);
+/// Marks the directory of a backup that is read as in use. Null when somebody else has marked it
+/// already: it is protected then as well.
+std::unique_ptr<backup2::Lock> Protect(const Backup& backup);
+
+}  // namespace backup2_admin

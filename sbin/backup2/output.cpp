@@ -1,0 +1,68 @@
+#include "sbin/backup2/output.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "vel/str.h"
+
+namespace backup2_admin {
+namespace {
+
+std::string ControlBytes() {
+    std::string bytes(1, '\x7f');
+    for (char c = 1; c < ' '; ++c) bytes += c;
+    return bytes;
+}
+
+}  // namespace
+
+std::string HumanSize(uint64_t bytes) {
+    static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
+    auto value = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    for (; value >= 1000 && unit + 1 < std::size(kUnits); ++unit) value /= 1024;
+    char text[64];
+    std::snprintf(text, sizeof text, "%.*f %s", unit == 0 ? 0 : 1, value, kUnits[unit]);
+    return text;
+}
+
+std::string HumanRate(uint64_t bytes, double seconds) {
+    if (seconds < 0.01) return "";
+    return HumanSize(static_cast<uint64_t>(static_cast<double>(bytes) / seconds)) + "/s";
+}
+
+std::string HumanTime(double seconds) {
+    const auto s = static_cast<long>(seconds + 0.5);
+    char text[64];
+    if (s >= 3600) {
+        std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
+    } else {
+        std::snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
+    }
+    return text;
+}
+
+std::string Printable(const std::string& name) {
+    static const std::string kBad = ControlBytes();
+    return str::badchars::Escape(name, kBad, '\\');
+}
+
+std::string Table::Str() const {
+    std::vector<std::size_t> widths(alignment_.size(), 0);
+    for (const auto& row : rows_) {
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::string text;
+    for (const auto& row : rows_) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            const std::string pad(widths[i] - row[i].size(), ' ');
+            line += (i ? "  " : "") + (alignment_[i] == 'r' ? pad + row[i] : row[i] + pad);
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        text += line + "\n";
+    }
+    return text;
+}
+
+}  // namespace backup2_admin

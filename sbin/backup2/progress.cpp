@@ -1,0 +1,127 @@
+#include "sbin/backup2/progress.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <iostream>
+
+#include <nlohmann/json.hpp>
+
+#include "vel/vel_env.h"
+#include "vel/vel_err.h"
+
+#include "sbin/backup2/output.h"
+
+namespace backup2_admin {
+namespace {
+
+const char kVariable[] = "BACKUP2_PROGRESS";
+const char kReports[] = "var/run/backup2.progress";
+constexpr auto kRedraw = std::chrono::milliseconds(200);
+constexpr std::size_t kBarWidth = 24;
+
+double Now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+std::size_t ScreenWidth() {
+    winsize size{};
+    return ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 20 ? size.ws_col : 80;
+}
+
+vel_file::ResHandle OpenReports(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) vel_err::RaiseErrno("open", path, errno);
+    return vel_file::ResHandle(fd);
+}
+
+uint64_t Count(const nlohmann::json& report, const char* name) {
+    const auto found = report.find(name);
+    return found != report.end() && found->is_number_unsigned() ? found->get<uint64_t>() : 0;
+}
+
+}  // namespace
+
+ProgressView::ProgressView(std::string title)
+    : title_(std::move(title)),
+      file_(kReports),
+      reports_(OpenReports(file_.Path())),
+      start_(Now()) {
+    vel_env::SetEnv(kVariable, std::filesystem::absolute(file_.Path()).string());
+    if (isatty(STDERR_FILENO)) drawer_ = std::thread([this] { Draw(); });
+}
+
+ProgressView::~ProgressView() {
+    Stop();
+    vel_env::UnsetEnv(kVariable);
+}
+
+double ProgressView::Seconds() const { return Now() - start_; }
+
+ProgressView::Line ProgressView::Finish(const std::string& tool) {
+    Stop();
+    ReadReports();
+    return latest_[tool];
+}
+
+void ProgressView::Stop() {
+    if (!drawer_.joinable()) return;
+    stop_ = true;
+    drawer_.join();
+    std::cerr << "\r\033[K" << std::flush;
+}
+
+void ProgressView::Draw() {
+    while (!stop_) {
+        ReadReports();
+        std::cerr << "\r" << Bar().substr(0, ScreenWidth() - 1) << "\033[K" << std::flush;
+        std::this_thread::sleep_for(kRedraw);
+    }
+}
+
+void ProgressView::ReadReports() {
+    char block[64 << 10];
+    ssize_t got;
+    while ((got = ::pread(reports_, block, sizeof block, read_to_)) > 0) {
+        read_to_ += got;
+        half_line_.append(block, static_cast<std::size_t>(got));
+    }
+    std::size_t end;
+    while ((end = half_line_.find('\n')) != std::string::npos) {
+        const auto report = nlohmann::json::parse(half_line_.substr(0, end), nullptr, false);
+        half_line_.erase(0, end + 1);
+        if (!report.is_object()) continue;  // a child that was killed in the middle of a line
+        latest_[report.value("tool", "")] = {Count(report, "bytes"), Count(report, "of_bytes"),
+                                             Count(report, "files"), Count(report, "of_files")};
+    }
+}
+
+std::string ProgressView::Bar() const {
+    const auto archiver = latest_.find("qortar");
+    if (archiver == latest_.end()) return title_ + "  starting  " + HumanTime(Seconds());
+    const Line& line = archiver->second;
+    std::string text = title_ + "  ";
+    const double seconds = Seconds();
+    if (line.of_bytes > 0) {
+        const double part =
+            std::min(1.0, static_cast<double>(line.bytes) / static_cast<double>(line.of_bytes));
+        const auto full = static_cast<std::size_t>(part * kBarWidth);
+        text += "[" + std::string(full, '#') + std::string(kBarWidth - full, '.') + "] " +
+                std::to_string(static_cast<int>(part * 100)) + "%  ";
+    }
+    text += HumanSize(line.bytes) + "  " + std::to_string(line.files) + " files  " +
+            HumanRate(line.bytes, seconds);
+    if (line.of_bytes > line.bytes && line.bytes > 0) {
+        const double rate = static_cast<double>(line.bytes) / seconds;
+        text += "  " + HumanTime(static_cast<double>(line.of_bytes - line.bytes) / rate) + " left";
+    }
+    return text;
+}
+
+}  // namespace backup2_admin

@@ -1,0 +1,48 @@
+/// The progress of the programs that backup2 starts.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "vel/vel_file.h"
+
+namespace backup2_admin {
+
+/// While it lives the children report into a file of this object (BACKUP2_PROGRESS); on a terminal
+/// a thread draws a bar on standard error from it, with rate and time left. One at a time.
+class ProgressView {
+public:
+    struct Line {
+        uint64_t bytes = 0, of_bytes = 0, files = 0, of_files = 0;
+    };
+
+    explicit ProgressView(std::string title);
+    ProgressView(const ProgressView&) = delete;
+    ProgressView& operator=(const ProgressView&) = delete;
+    ~ProgressView();
+
+    double Seconds() const;  ///< since it was made
+    /// Ends the drawing, takes the bar off the screen; the last report of the program `tool`.
+    Line Finish(const std::string& tool);
+
+private:
+    void Draw();
+    void ReadReports();
+    std::string Bar() const;
+    void Stop();
+
+    std::string title_;
+    vel_file::Tmp file_;
+    vel_file::ResHandle reports_;
+    int64_t read_to_ = 0;
+    std::string half_line_;
+    std::map<std::string, Line> latest_;
+    double start_;
+    std::atomic<bool> stop_{false};
+    std::thread drawer_;
+};
+
+}  // namespace backup2_admin

@@ -1,0 +1,198 @@
+/// backup2 restore: brings files and databases of one backup back.
+#include <unistd.h>
+
+#include <iostream>
+#include <optional>
+
+#include <CLI/CLI.hpp>
+
+#include "vel/str.h"
+#include "vel/vel_file.h"
+#include "vel/vel_proc.h"
+#include "vel/vel_tool.h"
+#include "vel/vel_user.h"
+
+#include "sbin/backup2/commands.h"
+#include "sbin/backup2/entries.h"
+#include "sbin/backup2/extract.h"
+#include "sbin/backup2/job.h"
+#include "sbin/backup2/output.h"
+#include "sbin/backup2/progress.h"
+
+namespace backup2_admin {
+namespace {
+
+const char kExamples[] = R"(
+Paths are relative to the user's root, as the backup holds them ("data/index.html"). Without paths
+everything comes back. What is in the target and not in the backup stays.
+
+Databases come back into their servers when everything is restored into the user's own root, or
+when --databases or a path like .system/db.SERVER.DATABASE asks for them.
+
+Examples:
+  backup2 restore bob 2024-01-31 --to /root/bob           the files, somewhere else
+  backup2 restore bob 2024-01-31 --yes                    files and databases, in place
+  backup2 restore bob 2024-01-31 --yes data/index.html    one file, in place
+  backup2 restore bob 2024-01-31 --yes .system/db.main.shop   one database
+  backup2 restore bob 2024-01-31 --dry-run --yes          what would be done)";
+
+struct Options {
+    std::string user, date, to, overwrite = "always";
+    std::vector<std::string> paths;
+    bool dry_run = false, yes = false, with_databases = false, no_databases = false;
+    bool password_stdin = false;
+};
+
+const std::string kSystem = ".system";
+
+bool IsSystem(const std::string& path) {
+    return path == kSystem || str::StartsWith(path, kSystem + "/");
+}
+
+class Restore {
+public:
+    explicit Restore(const Options& options);
+    int Run();
+
+private:
+    void ChooseParts();
+    void ChooseTarget();
+    int Files();
+    int Databases();
+
+    const Options& options_;
+    Site site_;
+    Backup backup_;
+    std::unique_ptr<backup2::Lock> alone_, in_use_;
+    std::string index_, target_;
+    std::vector<std::string> files_, system_;  // names to restore
+};
+
+Restore::Restore(const Options& options)
+    : options_(options),
+      site_(AskSite()),
+      backup_(GetBackup(site_.local_dir, CheckUser(options.user), CheckDate(options.date))) {
+    if (options.password_stdin) {
+        site_.token.SetParam("arch_password", str::base64::Encode(ReadSecret()));
+    }
+    CheckPassword(backup_, site_.token);
+    UseStorage(site_.token);
+    alone_ = LockWork("restore", backup_.user);
+    in_use_ = Protect(backup_);
+    index_ = NeedIndex(backup_, site_.token);
+}
+
+void Restore::ChooseParts() {
+    for (const std::string& path : options_.paths) {
+        const std::string name = vel_file::GoodPath(path);
+        if (name.empty() || name[0] == '/') {
+            throw vel_tool::UsageError("'" + path + "' is not relative to the user's root");
+        }
+        (IsSystem(name) ? system_ : files_).push_back(name);
+    }
+    if (options_.paths.empty()) {
+        files_ = TopNames(index_);
+        if (options_.to.empty()) system_ = {kSystem};
+    }
+    if (options_.with_databases && system_.empty()) system_ = {kSystem};
+    if (options_.no_databases) system_.clear();
+}
+
+void Restore::ChooseTarget() {
+    target_ = options_.to.empty() ? AskUserRoot(backup_.user) : vel_tool::Absolute(options_.to);
+    if (target_.empty()) {
+        throw vel_tool::UsageError(backup_.user + " has no root in the panel: say where --to");
+    }
+    if (!options_.to.empty() || options_.yes || options_.dry_run) return;
+    if (!isatty(STDIN_FILENO)) {
+        throw vel_tool::UsageError("this changes " + target_ + ": add --yes, or --to DIR");
+    }
+    std::cout << "Restore " << backup_.Title() << " into " << Printable(target_)
+              << (system_.empty() ? "" : " and its databases") << "? [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    if (answer != "y" && answer != "yes") throw vel_tool::UsageError("nothing was restored");
+}
+
+int Restore::Files() {
+    if (files_.empty()) return vel_tool::kDone;
+    ProgressView progress("restore of " + backup_.user);
+    const Extraction extraction("restore", backup_, site_.local_dir, index_);
+    if (!options_.dry_run) vel_file::MkDir(target_);
+    std::vector<std::string> more = {"--overwrite", options_.overwrite};
+    if (options_.dry_run) more.push_back("--dry-run");
+    const auto result = extraction.Run("--extract", target_, more, files_);
+    for (const std::string& line : result.lines) std::cout << line << "\n";
+    const auto seen = progress.Finish("qortar");
+    const double seconds = progress.Seconds();
+    std::cout << backup_.Title() << ": " << seen.files << " entries, " << HumanSize(seen.bytes)
+              << " in " << HumanTime(seconds) << ", " << HumanRate(seen.bytes, seconds)
+              << std::endl;
+    result.ThrowIfFatal(backup_.Title());
+    return result.status;
+}
+
+/// The dumps never touch the user's tree: they may hold what he must not see.
+int Restore::Databases() {
+    if (system_.empty()) return vel_tool::kDone;
+    const auto staging =
+        vel_file::TmpDir::At(vel_file::ConcatPath(site_.local_dir, ".system." + backup_.user));
+    const Extraction extraction("restore", backup_, site_.local_dir, index_);
+    std::vector<std::string> more;
+    if (options_.dry_run) more.push_back("--dry-run");
+    const auto result = extraction.Run("--extract", staging.Path(), more, system_);
+    for (const std::string& line : result.lines) std::cout << line << "\n";
+    result.ThrowIfFatal(backup_.Title());
+    int status = result.status;
+    const std::string dumps = vel_file::ConcatPath(staging.Path(), kSystem);
+    if (options_.dry_run || !vel_file::Exists(dumps)) return status;
+    for (vel_file::Dir entries(dumps, 2); entries.Next();) {
+        const Done done = RunTool({"backup2_system", "--restore", "--user", backup_.user,
+                                   "--manager", kPanel, entries.Path()});
+        std::cout << Printable(entries.Name()) << "\t"
+                  << (done.status == 0 ? "restored" : done.LastLine()) << std::endl;
+        if (done.status != 0) status = vel_tool::kFailed;
+    }
+    return status;
+}
+
+int Restore::Run() {
+    ChooseParts();
+    ChooseTarget();
+    const int files = Files();
+    const int databases = Databases();
+    if (files == vel_tool::kFailed || databases == vel_tool::kFailed) {
+        throw vel_err::Error("restore", backup_.Title(), "not everything came back, see above");
+    }
+    return std::max(files, databases);
+}
+
+int RunRestore(const Options& options) {
+    if (options.with_databases && options.no_databases) {
+        throw vel_tool::UsageError("--databases and --no-databases exclude each other");
+    }
+    return Restore(options).Run();
+}
+
+}  // namespace
+
+void AddRestore(CLI::App& app, Action& chosen) {
+    auto* command = app.add_subcommand("restore", "Bring files and databases of a backup back");
+    const auto options = std::make_shared<Options>();
+    command->add_option("user", options->user, "Whose backup")->required();
+    command->add_option("date", options->date, "Its day, or \"custom\"")->required();
+    command->add_option("paths", options->paths, "Only these files and folders");
+    command->add_option("--to", options->to, "Target folder (the user's own root)");
+    command->add_option("--overwrite", options->overwrite, "What happens to files that are there")
+        ->check(CLI::IsMember({"always", "changed", "newer", "never"}));
+    command->add_flag("--dry-run", options->dry_run, "Only say what would be done");
+    command->add_flag("--databases", options->with_databases, "Databases too");
+    command->add_flag("--no-databases", options->no_databases, "Files only");
+    command->add_flag("--yes", options->yes, "Do not ask before the user's own files change");
+    command->add_flag("--password-stdin", options->password_stdin,
+                      "Read the archive password from standard input");
+    command->footer(kExamples);
+    command->callback([options, &chosen] { chosen = [options] { return RunRestore(*options); }; });
+}
+
+}  // namespace backup2_admin

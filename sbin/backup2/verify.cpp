@@ -1,0 +1,221 @@
+/// backup2 verify: is what the storage keeps still what was put there?
+#include <algorithm>
+#include <iostream>
+#include <list>
+#include <set>
+#include <streambuf>
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "vel/str.h"
+#include "vel/vel_file.h"
+#include "vel/vel_hash.h"
+#include "vel/vel_tool.h"
+
+#include "sbin/backup2/commands.h"
+#include "sbin/backup2/extract.h"
+#include "sbin/backup2/job.h"
+#include "sbin/backup2/output.h"
+#include "sbin/backup2/progress.h"
+
+namespace backup2_admin {
+namespace {
+
+const char kExamples[] = R"(
+Every stored slice is read back whole; its size and SHA-256 must be those of the info file. --deep
+decrypts and unpacks it too and compares every entry with the listing. Of an increment the full
+backup is checked as well.
+
+Examples:
+  backup2 verify                      everything
+  backup2 verify bob                  all backups of bob
+  backup2 verify bob 2024-01-31 --deep
+
+Exit status 1: something is wrong; the bad slices are named.)";
+
+struct Options {
+    std::string user, date;
+    bool deep = false, json = false;
+};
+
+struct Report {
+    std::string user, date;
+    uint64_t slices = 0, bytes = 0;
+    std::vector<std::pair<std::string, std::string>> bad;  // name, why
+};
+
+/// Takes bytes and keeps their number and digest.
+class SumBuffer : public std::streambuf {
+public:
+    uint64_t Size() const { return size_; }
+    std::string Sum() { return str::hex::Encode(hash_.Str()); }
+
+protected:
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override {
+        hash_.Update(bytes, static_cast<std::size_t>(count));
+        size_ += static_cast<uint64_t>(count);
+        return count;
+    }
+    int_type overflow(int_type c) override {
+        const char byte = traits_type::to_char_type(c);
+        if (!traits_type::eq_int_type(c, traits_type::eof())) xsputn(&byte, 1);
+        return traits_type::not_eof(c);
+    }
+
+private:
+    vel_hash::Hash hash_{vel_hash::HashType::Sha256};
+    uint64_t size_ = 0;
+};
+
+/// "" when the stored slice is as it was recorded, else what is wrong with it.
+std::string CheckSlice(const backup2::BackupToken& token, const Slice& slice, uint64_t& bytes) {
+    SumBuffer sums;
+    std::ostream out(&sums);
+    out.exceptions(std::ios::badbit);
+    try {
+        backup2::GetStorage(token)->GetArch(slice.path, out);
+    } catch (const std::exception& error) {
+        return "cannot be read: " + Reason(error);
+    }
+    bytes += sums.Size();
+    if (slice.stored_sum.empty()) return "";  // an old backup: that it can be read must do
+    if (sums.Size() != slice.stored) {
+        return "has " + str::Str(sums.Size()) + " bytes in place of " + str::Str(slice.stored);
+    }
+    return sums.Sum() == slice.stored_sum ? "" : "its content has changed";
+}
+
+class Verification {
+public:
+    Verification(const Site& site, bool deep) : site_(site), deep_(deep) {}
+
+    Report Check(const Backup& backup);
+
+private:
+    void CheckFiles(const Backup& backup, Report& report);
+    void CheckSlices(const Backup& backup, Report& report);
+    void CheckBase(const Backup& backup, Report& report);
+    void CheckDeep(const Backup& backup, Report& report);
+
+    const Site& site_;
+    bool deep_;
+    std::set<std::string> checked_;  // info paths
+};
+
+Report Verification::Check(const Backup& backup) {
+    Report report;
+    report.user = backup.user;
+    report.date = backup.date;
+    const auto in_use = Protect(backup);
+    try {
+        CheckFiles(backup, report);
+        CheckSlices(backup, report);
+        CheckBase(backup, report);
+        if (deep_ && report.bad.empty()) CheckDeep(backup, report);
+    } catch (const std::exception& error) {
+        report.bad.emplace_back(backup.Title(), Reason(error));
+    }
+    checked_.insert(backup.info_path);
+    return report;
+}
+
+/// Without its info file on the storage no reader there would know the backup.
+void Verification::CheckFiles(const Backup& backup, Report& report) {
+    const auto need = [&](const std::string& name) {
+        std::list<std::string> found;
+        backup2::GetStorage(site_.token)->List(found, name);
+        if (found.empty()) report.bad.emplace_back(name, "is missing");
+    };
+    need(backup.StoredIndex(site_.token));
+    need(backup2::GetPath(backup.info_path));
+}
+
+void Verification::CheckSlices(const Backup& backup, Report& report) {
+    for (const Slice& slice : backup.Slices()) {
+        const std::string why = CheckSlice(site_.token, slice, report.bytes);
+        ++report.slices;
+        if (!why.empty()) report.bad.emplace_back(slice.path, why);
+    }
+}
+
+void Verification::CheckBase(const Backup& backup, Report& report) {
+    if (backup.BaseDate().empty()) return;
+    const Backup base = GetBackup(site_.local_dir, backup.user, backup.BaseDate());
+    if (checked_.insert(base.info_path).second) CheckSlices(base, report);
+}
+
+void Verification::CheckDeep(const Backup& backup, Report& report) {
+    CheckPassword(backup, site_.token);
+    const auto alone = LockWork("verify", backup.user);
+    ProgressView progress("verify " + backup.Title());
+    const Extraction archiver("verify", backup, site_.local_dir, NeedIndex(backup, site_.token));
+    const auto result = archiver.Run("--verify", "", {}, {});
+    for (std::string line : result.lines) {
+        const std::string name = str::GetWord(line, '\t');
+        report.bad.emplace_back(name, line);
+    }
+    if (result.status != 0 && result.lines.empty()) {
+        report.bad.emplace_back(backup.Archive(), result.message);
+    }
+}
+
+nlohmann::json Json(const Report& report) {
+    nlohmann::json json = {{"user", report.user},        {"date", report.date},
+                           {"slices", report.slices},    {"bytes", report.bytes},
+                           {"good", report.bad.empty()}, {"bad", nlohmann::json::array()}};
+    for (const auto& [name, why] : report.bad) {
+        json["bad"].push_back({{"name", name}, {"why", why}});
+    }
+    return json;
+}
+
+void Print(const Report& report) {
+    std::cout << report.user << " " << report.date << ": ";
+    if (report.bad.empty()) {
+        std::cout << "good, " << report.slices << (report.slices == 1 ? " slice, " : " slices, ")
+                  << HumanSize(report.bytes) << std::endl;
+        return;
+    }
+    std::cout << "BAD" << std::endl;
+    for (const auto& [name, why] : report.bad) std::cout << name << "\t" << why << std::endl;
+}
+
+int Verify(const Options& options) {
+    const std::string user = options.user.empty() ? "" : CheckUser(options.user);
+    const std::string date = options.date.empty() ? "" : CheckDate(options.date);
+    const Site site = AskSite();
+    UseStorage(site.token);
+    auto backups = date.empty() ? FindBackups(site.local_dir, user, "")
+                                : std::vector{GetBackup(site.local_dir, user, date)};
+    Verification verification(site, options.deep);
+    nlohmann::json rows = nlohmann::json::array();
+    std::size_t bad = 0;
+    for (const Backup& backup : backups) {
+        const Report report = verification.Check(backup);
+        bad += report.bad.empty() ? 0 : 1;
+        if (options.json) {
+            rows.push_back(Json(report));
+        } else {
+            Print(report);
+        }
+    }
+    if (options.json) PrintJson(rows);
+    if (!options.json && backups.empty()) std::cout << "no backups\n";
+    return bad == 0 ? vel_tool::kDone : vel_tool::kFailed;
+}
+
+}  // namespace
+
+void AddVerify(CLI::App& app, Action& chosen) {
+    auto* command = app.add_subcommand("verify", "Read stored backups back and check them");
+    const auto options = std::make_shared<Options>();
+    command->add_option("user", options->user, "Only the backups of this user");
+    command->add_option("date", options->date, "Only the one of this day, or \"custom\"");
+    command->add_flag("--deep", options->deep, "Unpack everything and compare with the listing");
+    command->add_flag("--json", options->json, "Report as JSON");
+    command->footer(kExamples);
+    command->callback([options, &chosen] { chosen = [options] { return Verify(*options); }; });
+}
+
+}  // namespace backup2_admin
