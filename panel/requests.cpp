@@ -1,0 +1,279 @@
+#include "panel/requests.h"
+
+#include <exception>
+#include <filesystem>
+#include <map>
+
+#include "vel/vel_err.h"
+#include "vel/vel_file.h"
+#include "vel/vel_log.h"
+#include "vel/vel_xml.h"
+
+#include "panel/password.h"
+#include "panel/store.h"
+
+namespace panel {
+namespace {
+
+const vel_log::Module logger("panel");
+
+constexpr char kLocalDir[] = "var/backup/qorvel";
+
+struct Request {
+    const Parameters& parameters;
+    const std::string& address;
+    Store& store;
+    Sessions& sessions;
+
+    std::string Get(const std::string& name) const {
+        const auto found = parameters.find(name);
+        return found == parameters.end() ? "" : found->second;
+    }
+};
+
+using Handler = void (*)(const Request&, vel_xml::XmlNode doc);
+
+std::string AbsoluteLocalDir() {
+    return vel_file::ConcatPath(std::filesystem::current_path().string(), kLocalDir);
+}
+
+// ---- Log-in -------------------------------------------------------------------------------------
+
+void AppendSession(const Request& r, vel_xml::XmlNode doc, const User& user) {
+    doc.AppendChild("auth")
+        .SetProp("id", r.sessions.Open(user.name))
+        .SetProp("user", user.name)
+        .SetProp("level", user.admin ? "admin" : "user");
+}
+
+/// With a key: one that session.newkey left for this user. Else: name and password. A refusal says
+/// the same for an unknown name, a wrong password and a used key.
+void Auth(const Request& r, vel_xml::XmlNode doc) {
+    const std::string name = r.Get("username"), key = r.Get("key");
+    r.sessions.CheckTries(name, r.address);
+    const auto user = r.store.FindUser(name);
+    const bool known = key.empty()
+                           ? CheckPassword(r.Get("password"), user ? user->password_hash : "")
+                           : r.sessions.TakeKey(key, name, r.Get("auth"));
+    if (!user || !known) {
+        r.sessions.Failed(name, r.address);
+        logger.Write(4, "Refused log-in from %s", r.address);
+        throw vel_err::Error("auth", "refused");
+    }
+    AppendSession(r, doc, *user);
+}
+
+void NewKey(const Request& r, vel_xml::XmlNode doc) {
+    const std::string session = r.Get("auth");
+    const auto issuer = r.store.FindUser(r.sessions.User(session));
+    if (!issuer || !issuer->admin) throw vel_err::Error("auth", "refused");
+    const User user = r.store.GetUser(r.Get("username"));
+    r.sessions.AddKey(r.Get("key"), user.name, session);
+    doc.AppendChild("ok");
+}
+
+// ---- Users and storages -------------------------------------------------------------------------
+
+void UserList(const Request& r, vel_xml::XmlNode doc) {
+    for (const User& user : r.store.Users()) {
+        if (user.root.empty()) continue;  // an administrator without files: nothing to save
+        auto elem = doc.AppendChild("elem");
+        elem.AppendChild("name", user.name);
+        elem.AppendChild("uid", std::to_string(user.uid));
+    }
+}
+
+/// An unknown user is an empty document: that is how callers learn that he was removed.
+void UserEdit(const Request& r, vel_xml::XmlNode doc) {
+    const auto user = r.store.FindUser(r.Get("elid"));
+    if (!user) return;
+    doc.AppendChild("elid", user->name);
+    doc.AppendChild("name", user->name);
+    doc.AppendChild("uid", std::to_string(user->uid));
+    doc.AppendChild("root", user->root);
+    doc.AppendChild("plan", user->plan);
+}
+
+void Settings(const Request& r, vel_xml::XmlNode doc) {
+    const auto storage = r.store.FindStorage("");
+    doc.AppendChild("local_dir", storage ? storage->local_dir : AbsoluteLocalDir());
+    if (!storage) return;
+    doc.AppendChild("storage", storage->token);
+    doc.AppendChild("slice_size", storage->slice_size);
+    doc.AppendChild("size_limit", storage->size_limit);
+    doc.AppendChild("count_limit", storage->count_limit);
+}
+
+void AppendStorage(vel_xml::XmlNode doc, const Storage& storage, const std::string& slice_size) {
+    auto node = doc.AppendChild("storage", storage.token)
+                    .SetProp("slice_size", slice_size)
+                    .SetProp("local_dir", storage.local_dir)
+                    .SetProp("size_limit", storage.size_limit)
+                    .SetProp("count_limit", storage.count_limit);
+    if (!storage.user.empty()) node.SetProp("user", storage.user);
+}
+
+/// With "elid" that user's own storage, without it all users' own ones.
+void StorageOf(const Request& r, vel_xml::XmlNode doc) {
+    const std::string name = r.Get("elid");
+    if (name.empty()) {
+        for (const Storage& storage : r.store.UserStorages())
+            AppendStorage(doc, storage, storage.slice_size);
+        return;
+    }
+    const auto storage = r.store.FindStorage(name);
+    if (!storage) throw vel_err::Error("missed", "storage", name);
+    AppendStorage(doc, *storage, storage->slice_size);
+}
+
+// ---- One job ------------------------------------------------------------------------------------
+
+void AppendFiles(vel_xml::XmlNode doc, const User& user) {
+    if (user.root.empty()) return;
+    auto files = doc.AppendChild("files").SetProp("root", user.root);
+    for (const std::string& folder : user.folders) files.AppendChild("folder", folder);
+}
+
+void AppendExcludes(vel_xml::XmlNode doc, const User& user, const Plan& plan) {
+    auto files = doc.AppendChild("exclude_file");
+    for (const auto* patterns : {&plan.excludes, &user.excludes})
+        for (const std::string& pattern : *patterns) files.AppendChild("pattern", pattern);
+    auto databases = doc.AppendChild("exclude_db");
+    for (const std::string& name : plan.exclude_databases) databases.AppendChild("exclude", name);
+}
+
+void AppendSystem(const Request& r, vel_xml::XmlNode doc, const User& user) {
+    auto system = doc.AppendChild("system");
+    for (const Database& database : r.store.Databases(user.name))
+        system.AppendChild("spec")
+            .SetProp("type", "db")
+            .SetProp("name", database.server + "." + database.name);
+    if (r.Get("userdata") != "off")
+        system.AppendChild("spec").SetProp("type", "user").SetProp("name", user.name);
+}
+
+void ItemInfo(const Request& r, vel_xml::XmlNode doc) {
+    const User user = r.store.GetUser(r.Get("elid"));
+    if (const std::string role = r.Get("role"); !role.empty())
+        throw vel_err::Error("missed", "role", role);
+    const Plan plan = r.store.FindPlan(user.plan).value_or(Plan{});
+    const auto storage = r.store.FindStorage("");
+    doc.AppendChild("local_dir", storage ? storage->local_dir : AbsoluteLocalDir());
+    doc.AppendChild("command_prefix", "nice -n 19");
+    AppendFiles(doc, user);
+    AppendExcludes(doc, user, plan);
+    AppendSystem(r, doc, user);
+    if (storage)
+        AppendStorage(doc, *storage,
+                      plan.slice_size.empty() ? storage->slice_size : plan.slice_size);
+    doc.AppendChild("backup").SetProp("local", "yes");
+}
+
+/// What it takes to make the user again by hand or by an import; no password and no token.
+void UserData(const Request& r, vel_xml::XmlNode doc) {
+    const User user = r.store.GetUser(r.Get("elid"));
+    auto edit = doc.AppendChild("elem").SetProp("name", "user.edit").SetProp("elid", user.name);
+    const auto param = [](vel_xml::XmlNode node, const char* name, const std::string& value) {
+        node.AppendChild("param", value).SetProp("name", name);
+    };
+    param(edit, "name", user.name);
+    param(edit, "uid", std::to_string(user.uid));
+    param(edit, "root", user.root);
+    param(edit, "plan", user.plan);
+    for (const std::string& folder : user.folders) param(edit, "folder", folder);
+    for (const std::string& pattern : user.excludes) param(edit, "exclude", pattern);
+    auto databases = doc.AppendChild("elem").SetProp("name", "db");
+    for (const Database& database : r.store.Databases(user.name)) {
+        const std::string type = r.store.GetServer(database.server).type;
+        auto elem = databases.AppendChild("elem").SetProp(
+            "elid", database.name + "->" + type + "->" + user.name);
+        param(elem, "name", database.name);
+        param(elem, "type", type);
+        param(elem, "dbserver", database.server);
+        param(elem, "owner", database.owner);
+    }
+}
+
+void DatabaseAccess(const Request& r, vel_xml::XmlNode doc) {
+    const std::string id = r.Get("elid");
+    for (const Database& database : r.store.Databases(r.Get("user"))) {
+        if (database.server + "." + database.name != id) continue;
+        const DatabaseServer server = r.store.GetServer(database.server);
+        doc.AppendChild("type", server.type);
+        doc.AppendChild("socket", server.socket);
+        doc.AppendChild("host", server.host);
+        doc.AppendChild("port", server.port);
+        doc.AppendChild("login", server.login);
+        doc.AppendChild("password", server.password);
+        doc.AppendChild("owner", database.owner);
+        doc.AppendChild("owner_password", database.owner_password);
+        doc.AppendChild("database", database.name);
+        return;
+    }
+    throw vel_err::Error("missed", "database", id);
+}
+
+// ---- The table ----------------------------------------------------------------------------------
+
+struct Entry {
+    Handler handler;
+    bool from_network;
+};
+
+const std::map<std::string, Entry> kRequests = {
+    {"auth", {Auth, true}},
+    {"session.newkey", {NewKey, true}},
+    {"user", {UserList, false}},
+    {"user.edit", {UserEdit, false}},
+    {"backup2.settings", {Settings, false}},
+    {"backup2.storage", {StorageOf, false}},
+    {"backup2.item.info", {ItemInfo, false}},
+    {"backup2.user.data", {UserData, false}},
+    {"backup2.database", {DatabaseAccess, false}},
+};
+
+std::string Message(const vel_err::Error& error) {
+    static const std::map<std::string, std::string> kTexts = {
+        {"missed", "There is no such object"},
+        {"auth", "The log-in was refused"},
+        {"locked", "The panel is locked; try again later"},
+        {"func", "The request is not known here"},
+    };
+    const auto found = kTexts.find(error.type());
+    return found == kTexts.end() ? error.what() : found->second;
+}
+
+std::string ErrorDocument(const vel_err::Error& error) {
+    vel_xml::Xml xml;
+    auto node = xml.GetRoot().AppendChild("error").SetProp("type", error.type());
+    node.SetProp("object", error.object());
+    node.AppendChild("value", error.value());
+    node.AppendChild("msg", Message(error));
+    return xml.Str();
+}
+
+}  // namespace
+
+std::string Requests::Answer(const Parameters& parameters, Caller caller,
+                             const std::string& address) try {
+    Store store;
+    const Request request{parameters, address, store, sessions_};
+    if (store.Locked()) throw vel_err::Error("locked", "panel");
+    const std::string name = request.Get("func");
+    const auto found = kRequests.find(name);
+    if (found == kRequests.end() || (caller == Caller::Network && !found->second.from_network))
+        throw vel_err::Error("func", name);
+    vel_xml::Xml answer;
+    found->second.handler(request, answer.GetRoot());
+    return answer.Str();
+} catch (const vel_err::Error& e) {
+    if (e.type() == "store" || e.type() == "sys") logger.Write(4, "Request failed: %s", e.what());
+    // The network learns what kind of refusal it is, nothing of the files behind it.
+    const bool internal = e.type() == "store" || e.type() == "sys";
+    return ErrorDocument(internal && caller == Caller::Network ? vel_err::Error("internal") : e);
+} catch (const std::exception& e) {
+    logger.Write(3, "Request failed: %s", e.what());
+    return ErrorDocument(vel_err::Error("internal", "panel"));
+}
+
+}  // namespace panel

@@ -1,0 +1,220 @@
+#include "panel/server.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include <httplib.h>
+
+#include "vel/res_handle.h"
+#include "vel/str.h"
+#include "vel/vel_err.h"
+#include "vel/vel_file.h"
+#include "vel/vel_log.h"
+#include "vel/vel_proc.h"
+
+#include "panel/requests.h"
+
+namespace panel {
+namespace {
+
+const vel_log::Module logger("panel");
+
+constexpr int kIoTimeoutMs = 10000;
+constexpr int kAnyPort = 1;  // the library wants a port even for a unix socket
+
+bool PeerIsRoot(int fd) {
+    ucred peer{};
+    socklen_t size = sizeof(peer);
+    return ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == 0;
+}
+
+/// The library's own stream class is not public; this is what it needs of one connection.
+class SocketStream final : public httplib::Stream {
+public:
+    explicit SocketStream(int fd) : fd_(fd) {}
+    bool is_readable() const override { return Wait(POLLIN); }
+    bool is_writable() const override { return Wait(POLLOUT); }
+    ssize_t read(char* bytes, std::size_t size) override {
+        return is_readable() ? ::recv(fd_, bytes, size, 0) : -1;
+    }
+    ssize_t write(const char* bytes, std::size_t size) override {
+        return is_writable() ? ::send(fd_, bytes, size, MSG_NOSIGNAL) : -1;
+    }
+    void get_remote_ip_and_port(std::string& ip, int& port) const override {
+        ip = "local";
+        port = 0;
+    }
+    void get_local_ip_and_port(std::string& ip, int& port) const override {
+        get_remote_ip_and_port(ip, port);
+    }
+    socket_t socket() const override { return fd_; }
+
+private:
+    bool Wait(short events) const {
+        pollfd poll{fd_, events, 0};
+        int ready = 0;
+        do ready = ::poll(&poll, 1, kIoTimeoutMs);
+        while (ready < 0 && errno == EINTR);
+        return ready > 0;
+    }
+    int fd_;
+};
+
+/// One request a connection, from root only: the socket's mode keeps others out already, the
+/// kernel's word about the peer holds even if somebody loosens it.
+class LocalServer final : public httplib::Server {
+    bool process_and_close_socket(socket_t socket) override {
+        const vel_file::ResHandle fd(socket);
+        if (!PeerIsRoot(fd)) {
+            logger.Write(4, "Refused a connection that is not root's");
+            return false;
+        }
+        SocketStream stream(fd);
+        bool closed = false;
+        const bool done = process_request(stream, true, closed, [](httplib::Request&) {});
+        ::shutdown(fd, SHUT_RDWR);
+        return done;
+    }
+};
+
+/// Parameters of the body (and of the address); of equal names the first counts.
+Parameters Collect(const httplib::Request& request) {
+    Parameters parameters;
+    for (const auto& [name, value] : request.params) parameters.emplace(name, value);
+    return parameters;
+}
+
+void Route(httplib::Server& server, Requests& requests, Caller caller) {
+    server.set_payload_max_length(64 * 1024);
+    server.Post(".*", [&requests, caller](const httplib::Request& in, httplib::Response& out) {
+        out.set_content(requests.Answer(Collect(in), caller, in.remote_addr), "text/xml");
+    });
+}
+
+bool SomebodyListens(const std::string& path) {
+    const vel_file::ResHandle fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    return fd >= 0 &&
+           ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+/// The socket file, from before the bind until the end; the lock beside it keeps a second panel
+/// out between its look and its bind.
+class SocketFile {
+public:
+    SocketFile() {
+        vel_file::MkDir(vel_file::SplitPath(kSocketPath).dir, vel_file::Attrs(0700));
+        try {
+            lock_.DoLock(std::string(kSocketPath) + ".lock", true);
+        } catch (const vel_err::Error& e) {
+            if (e.type() == "lock") throw vel_err::Error("panel", "busy", kSocketPath);
+            throw;
+        }
+        if (SomebodyListens(kSocketPath)) throw vel_err::Error("panel", "busy", kSocketPath);
+        ::unlink(kSocketPath);  // a dead process's; when there is none, so much the better
+        owned_ = true;
+    }
+    ~SocketFile() {
+        if (owned_) ::unlink(kSocketPath);
+    }
+    SocketFile(const SocketFile&) = delete;
+    SocketFile& operator=(const SocketFile&) = delete;
+
+private:
+    vel_file::Lock lock_;
+    bool owned_ = false;
+};
+
+/// A bound server and the thread that runs it.
+class Door {
+public:
+    Door(std::unique_ptr<httplib::Server> server, std::atomic<bool>& failed)
+        : server_(std::move(server)), thread_([this, &failed] {
+              if (server_->listen_after_bind()) return;
+              failed = true;
+              ::kill(::getpid(), SIGTERM);  // the main thread waits for nothing else
+          }) {
+        while (!server_->is_running() && !failed) vel_proc::Sleep(1);
+    }
+    ~Door() {
+        server_->stop();
+        thread_.join();
+    }
+    Door(const Door&) = delete;
+    Door& operator=(const Door&) = delete;
+
+private:
+    std::unique_ptr<httplib::Server> server_;
+    std::thread thread_;
+};
+
+std::unique_ptr<httplib::Server> BindLocal() {
+    auto server = std::make_unique<LocalServer>();
+    server->set_address_family(AF_UNIX);
+    if (!server->bind_to_port(kSocketPath, kAnyPort))
+        vel_err::RaiseErrno("bind", kSocketPath, errno);
+    if (::chmod(kSocketPath, 0600) != 0) vel_err::RaiseErrno("chmod", kSocketPath, errno);
+    return server;
+}
+
+std::unique_ptr<httplib::Server> BindTls(const ServeOptions& options) {
+    auto server =
+        std::make_unique<httplib::SSLServer>(options.certificate.c_str(), options.key.c_str());
+    if (!server->is_valid())
+        throw vel_err::Error("panel", "tls", "cannot use " + options.certificate + " and its key");
+    std::string host = options.tls_address;
+    const std::string port = str::RGetWord(host, ":");
+    if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
+    const int number = str::Int(port);
+    if (host.empty() || number < 1 || number > 65535 || !server->bind_to_port(host, number))
+        throw vel_err::Error("panel", "tls", "cannot listen on " + options.tls_address);
+    return server;
+}
+
+sigset_t BlockEndSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);  // before any thread: they all inherit it
+    return set;
+}
+
+}  // namespace
+
+void Serve(const ServeOptions& options) {
+    const sigset_t end_signals = BlockEndSignals();
+    Requests requests;
+    std::atomic<bool> failed = false;
+    const SocketFile socket_file;
+    auto local = BindLocal();
+    Route(*local, requests, Caller::LocalRoot);
+    std::unique_ptr<httplib::Server> tls;
+    if (!options.tls_address.empty()) {
+        tls = BindTls(options);
+        Route(*tls, requests, Caller::Network);
+    }
+    {
+        const Door local_door(std::move(local), failed);
+        const auto tls_door = tls ? std::make_unique<Door>(std::move(tls), failed) : nullptr;
+        std::cout << "ready" << std::endl;
+        int signal = 0;
+        ::sigwait(&end_signals, &signal);
+    }
+    if (failed) throw vel_err::Error("panel", "listen", "a listening socket broke");
+}
+
+}  // namespace panel

@@ -1,0 +1,100 @@
+/// What the panel knows: users, storages, plans, database servers. One SQLite file, mode 0600,
+/// because it holds storage tokens and server passwords in the clear.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+
+namespace panel {
+
+constexpr char kStorePath[] = "var/backup2_panel.db";
+
+struct User {
+    std::string name;
+    int64_t uid = 0;
+    std::string root;           ///< absolute; "" for an administrator without files
+    std::string password_hash;  ///< "" = cannot log in
+    bool admin = false;
+    std::string plan;                   ///< "" = none
+    std::vector<std::string> folders;   ///< relative to root
+    std::vector<std::string> excludes;  ///< file patterns
+};
+
+struct Storage {
+    std::string user;   ///< "" = the administrator's
+    std::string token;  ///< with arch_password: a secret
+    std::string slice_size, size_limit, count_limit;
+    std::string local_dir;
+};
+
+struct DatabaseServer {
+    std::string name, type;  ///< type: mysql | postgresql
+    std::string socket, host, port, login, password;
+};
+
+struct Database {
+    std::string user, server, name;
+    std::string owner, owner_password;  ///< both may be ""
+};
+
+struct Plan {
+    std::string name, slice_size;
+    std::vector<std::string> excludes, exclude_databases;
+};
+
+/// One connection to the file; every request opens its own, so that threads share nothing.
+/// Failures throw vel_err::Error: "store" (the file, SQLite's text), "missed" or "exists" with the
+/// kind of the object and its name. Nothing is changed by a call that throws.
+class Store {
+public:
+    Store();  ///< creates file and tables when missing
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    void AddUser(const User& user);  ///< throws "exists"
+    void SetPassword(const std::string& name, const std::string& hash);
+    void RemoveUser(const std::string& name);  ///< with his storage and database entries
+    std::optional<User> FindUser(const std::string& name);
+    User GetUser(const std::string& name);  ///< throws "missed"
+    std::vector<User> Users();
+
+    void SetStorage(const Storage& storage);  ///< replaces that user's
+    void RemoveStorage(const std::string& user);
+    std::optional<Storage> FindStorage(const std::string& user);
+    std::vector<Storage> UserStorages();  ///< all but the administrator's
+
+    void AddServer(const DatabaseServer& server);
+    void RemoveServer(const std::string& name);  ///< with the entries of its databases
+    DatabaseServer GetServer(const std::string& name);
+    std::vector<DatabaseServer> Servers();
+
+    void AddDatabase(const Database& database);
+    void RemoveDatabase(const Database& database);  ///< by user, server and name
+    std::vector<Database> Databases(const std::string& user);
+
+    void SetPlan(const Plan& plan);  ///< replaces the one of that name
+    void AssignPlan(const std::string& plan, const std::string& user);
+    void RemovePlan(const std::string& name);
+    std::optional<Plan> FindPlan(const std::string& name);
+    std::vector<Plan> Plans();
+
+    void SetLocked(bool locked);
+    bool Locked();
+
+private:
+    class Transaction;
+    std::vector<std::string> List(const std::string& kind, const std::string& owner);
+    void SetList(const std::string& kind, const std::string& owner,
+                 const std::vector<std::string>& texts);
+    void MustChange(const std::string& kind, const std::string& name);
+
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> db_;
+};
+
+}  // namespace panel
