@@ -1,0 +1,89 @@
+# Shared by the scripts that run a throw-away server: SCRIPT start|stop|status WORKDIR.
+# Everything a server writes lies in WORKDIR, but for its socket, which wants a short path. Servers
+# run under accounts of their own: the folders above WORKDIR must let them pass.
+# "start" returns when the server answers and prints key=value lines; "status" prints them again.
+# shellcheck shell=bash
+set -euo pipefail
+PATH=$PATH:/usr/sbin:/sbin
+
+die() { echo "$0: $*" >&2; exit 1; }
+
+# need TOOL: ends with 77 ("skipped" for test runners) when a program is missing.
+need() { command -v "$1" >/dev/null 2>&1 || { echo "$0: $1 is missing" >&2; exit 77; }; }
+
+# alive PID: true while it runs; a dead one that nobody has collected does not count.
+alive() {
+  local state
+  state=$(sed 's/.*) //; s/ .*//' "/proc/$1/stat" 2>/dev/null) && [ -n "$state" ] && [ "$state" != Z ]
+}
+
+# wait_until PID SECONDS LOG COMMAND...: until the command succeeds; fails when the server dies.
+wait_until() {
+  local pid=$1 tries=$(($2 * 10)) log=$3
+  shift 3
+  while ((tries-- > 0)); do
+    "$@" >/dev/null 2>&1 && return 0
+    alive "$pid" || { tail -20 "$log" >&2; die "the server died while starting"; }
+    sleep 0.1
+  done
+  tail -20 "$log" >&2
+  stop_server
+  die "the server does not answer"
+}
+
+# The server's own id, started in the background by this script: TERM, then KILL after 20 s.
+stop_server() {
+  local pid tries=200
+  [ -s "$WORK/pid" ] || return 0
+  pid=$(cat "$WORK/pid")
+  if kill -TERM "$pid" 2>/dev/null; then
+    while ((tries-- > 0)) && alive "$pid"; do sleep 0.1; done
+    if alive "$pid"; then kill -KILL "$pid"; fi
+  fi
+  [ ! -s "$WORK/socket_dir" ] || rm -rf "$(cat "$WORK/socket_dir")"
+  rm -f "$WORK/pid" "$WORK/socket_dir"
+}
+
+# run_as USER COMMAND...: as that account when the caller is root, else as the caller.
+run_as() {
+  local user=$1
+  shift
+  if [ "$(id -u)" = 0 ]; then
+    setpriv --reuid="$user" --regid="$(id -gn "$user")" --init-groups -- "$@"
+  else
+    "$@"
+  fi
+}
+
+# dispatch "$@": calls start_server with WORK set, in a folder that the server's account OWNER owns.
+dispatch() {
+  [ $# = 2 ] || die "usage: $0 start|stop|status WORKDIR"
+  mkdir -p "$2"
+  WORK=$(cd "$2" && pwd)
+  case $1 in
+    start)
+      if [ -s "$WORK/pid" ] && alive "$(cat "$WORK/pid")"; then die "already running in $WORK"; fi
+      rm -rf "$WORK/data"
+      SOCKETS=$(mktemp -d /tmp/b2s.XXXXXX)
+      echo "$SOCKETS" >"$WORK/socket_dir"
+      mkdir "$WORK/data"
+      chmod 755 "$WORK" "$SOCKETS"
+      chmod 700 "$WORK/data"
+      [ "$(id -u)" != 0 ] || chown "$OWNER" "$WORK/data" "$SOCKETS"
+      run_as "$OWNER" test -w "$WORK/data" || die "the account $OWNER cannot reach $WORK"
+      # shellcheck disable=SC2034  # the scripts read it
+      PASSWORD=$(head -c 18 /dev/urandom | base64 | tr '+/' '-_')
+      start_server
+      cat "$WORK/settings"
+      ;;
+    stop) stop_server ;;
+    status)
+      [ -s "$WORK/pid" ] && alive "$(cat "$WORK/pid")" || die "not running in $WORK"
+      cat "$WORK/settings"
+      ;;
+    *) die "usage: $0 start|stop|status WORKDIR" ;;
+  esac
+}
+
+# settings: key=value lines from standard input, readable by the owner only.
+settings() { (umask 077 && cat >"$WORK/settings"); }
