@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <sstream>
 #include <string_view>
 
@@ -57,11 +58,25 @@ std::size_t CharacterSize(std::string_view s) {
     return overlong || surrogate || code > 0x10ffff || (code & ~1U) == 0xfffe ? 0 : size;
 }
 
+/// How many bytes at the beginning of `s`, in steps of eight, are printable ASCII.
+std::size_t PrintableBytes(std::string_view s) {
+    constexpr uint64_t kOnes = 0x0101010101010101, kHigh = kOnes * 0x80;
+    std::size_t i = 0;
+    for (; i + 8 <= s.size(); i += 8) {
+        uint64_t word = 0;
+        std::memcpy(&word, &s[i], 8);
+        // A byte below the blank borrows, which sets its high bit.
+        if (((word | (word - kOnes * ' ')) & kHigh) != 0) break;
+    }
+    return i;
+}
+
 /// Where the first byte stands that XML cannot hold; the end when there is none.
 std::size_t FirstBad(std::string_view s) {
     std::size_t i = 0;
     while (i < s.size()) {
-        const std::size_t size = IsPlain(s[i]) ? 1 : CharacterSize(s.substr(i));
+        const std::size_t skipped = PrintableBytes(s.substr(i));
+        const std::size_t size = skipped != 0 ? skipped : CharacterSize(s.substr(i));
         if (size == 0) break;
         i += size;
     }
@@ -94,8 +109,10 @@ void CheckName(const std::string& name) {
 /// Cleans what came from outside, and refuses what is too deep for those who will walk it.
 class Inspector : public pugi::xml_tree_walker {
 public:
+    explicit Inspector(bool clean) : clean_(clean) {}
     bool for_each(pugi::xml_node& node) override {
         if (depth() >= kMaxDepth && node.type() == pugi::node_element) return false;
+        if (clean_) return true;
         CheckForeignName(node.name());
         if (IsBad(node.value())) node.set_value(Clean(node.value()).c_str());
         for (pugi::xml_attribute attribute : node.attributes()) {
@@ -106,13 +123,12 @@ public:
     }
 
 private:
-    static bool IsBad(const char* text) {
-        while (IsPlain(*text)) ++text;
-        return *text != '\0' && FirstBad(text) != std::string_view(text).size();
-    }
+    static bool IsBad(const char* text) { return FirstBad(text) != std::string_view(text).size(); }
     static void CheckForeignName(const char* name) {
         if (IsBad(name)) Refuse("a name is not UTF-8");
     }
+
+    const bool clean_;
 };
 
 void CheckEncoding(const pugi::xml_node& declaration) {
@@ -149,7 +165,9 @@ void AddDeclaration(pugi::xml_document& doc) {
 
 std::shared_ptr<Tree> Parse(const std::string& text) {
     if (text.size() > kMaxSize) Refuse("over 512 MiB");
-    if (text.find('\0') != std::string::npos) Refuse("a NUL byte");
+    // Usually one look at the bytes is enough: only a reference can bring in what is not there.
+    const bool clean = FirstBad(text) == text.size() && text.find("&#") == std::string::npos;
+    if (!clean && text.find('\0') != std::string::npos) Refuse("a NUL byte");
     auto tree = std::make_shared<Tree>();
     const pugi::xml_parse_result result =
         tree->doc.load_buffer(text.data(), text.size(), kParse, pugi::encoding_utf8);
@@ -157,7 +175,7 @@ std::shared_ptr<Tree> Parse(const std::string& text) {
         Refuse(std::string(result.description()) + " at byte " + std::to_string(result.offset));
     }
     CheckTopLevel(tree->doc);
-    Inspector inspector;
+    Inspector inspector(clean);
     if (!tree->doc.traverse(inspector)) Refuse("over 256 levels deep");
     AddDeclaration(tree->doc);
     return tree;
