@@ -100,7 +100,9 @@ ResHandle WalkToFolder(std::string path) {
             errno = ELOOP;
             return {};
         }
-        path = ReadLink(next) + (path.empty() ? "" : "/" + path);
+        const std::string target = ReadLink(next);
+        if (target.empty()) return {};
+        path = target + (path.empty() ? "" : "/" + path);
         if (path.front() == '/') folder = OpenStart(path);
     }
     return folder;
@@ -339,42 +341,39 @@ public:
             CopyRange(begin, end);
             at = end;
         }
+        if (IsShorter()) throw Cut();
         if (::ftruncate(out_, size_) != 0) Raise("truncate", path_);
     }
 
 private:
     void CopyRange(off_t begin, off_t end) {
         while (begin < end) {
-            const ssize_t done = in_kernel_ ? CopyInKernel(begin, end) : CopyThrough(begin, end);
-            if (done == 0 && IsCut(begin)) throw Cut();
-            begin += done;
+            const ssize_t done = in_kernel_ ? CopyInKernel(begin, end) : 0;
+            // Not every pair of file systems can: the plain way works, or finds the real error.
+            in_kernel_ = done > 0;
+            begin += in_kernel_ ? done : CopyThrough(begin, end);
         }
     }
-    /// The bytes copied; 0 also where another way must be taken.
-    ssize_t CopyInKernel(off_t begin, off_t end) {
+    ssize_t CopyInKernel(off_t begin, off_t end) const {
         off_t from = begin, to = begin;
-        const ssize_t done =
-            ::copy_file_range(in_, &from, out_, &to, static_cast<std::size_t>(end - begin), 0);
-        if (done > 0) return done;
-        if (done < 0 && (errno == EINTR || errno == ENOSPC || errno == EIO)) {
-            if (errno != EINTR) Raise("copy", path_);
-            return 0;
-        }
-        in_kernel_ = false;
-        return CopyThrough(begin, end);
+        const auto size = static_cast<std::size_t>(end - begin);
+        return ::copy_file_range(in_, &from, out_, &to, size, 0);
     }
     ssize_t CopyThrough(off_t begin, off_t end) {
         buffer_.resize(kCopyChunk);
         const auto wanted = std::min(buffer_.size(), static_cast<std::size_t>(end - begin));
-        const ssize_t got = ::pread(in_, buffer_.data(), wanted, begin);
-        if (got < 0 && errno != EINTR) Raise("read", path_);
-        if (got <= 0) return 0;
+        ssize_t got;
+        do {
+            got = ::pread(in_, buffer_.data(), wanted, begin);
+        } while (got < 0 && errno == EINTR);
+        if (got < 0) Raise("read", path_);
+        if (got == 0) throw Cut();
         WriteAt(out_, buffer_.data(), static_cast<std::size_t>(got), begin, path_);
         return got;
     }
-    bool IsCut(off_t at) const {
+    bool IsShorter() const {
         struct stat st;
-        return ::fstat(in_, &st) != 0 || st.st_size <= at;
+        return ::fstat(in_, &st) != 0 || st.st_size < size_;
     }
     vel_err::Error Cut() const {
         return vel_err::Error("sys", "read", path_ + ": The file became shorter while it was read");
@@ -614,6 +613,19 @@ std::string Read(const std::string& path) {
 
 namespace {
 
+/// A folder to empty: what is mounted there is not a part of the tree (EXDEV).
+ResHandle OpenOnSameMount(int folder, const char* name) {
+    constexpr int kFolder = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    ResHandle fd(OpenAt2(folder, name, kFolder, RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS));
+    if (fd || !IsUnknownCall(errno)) return fd;
+    fd = ResHandle(::openat(folder, name, kFolder));
+    struct stat here, there;
+    if (!fd || ::fstat(folder, &here) != 0 || ::fstat(fd, &there) != 0) return {};
+    if (here.st_dev == there.st_dev) return fd;
+    errno = EXDEV;
+    return {};
+}
+
 /// Empties one folder. Holds at most kMaxDepth descriptors: what lies deeper is moved up into the
 /// folder itself and taken in a later pass, so no ".." is ever used and no depth is too deep.
 class Emptier {
@@ -641,7 +653,7 @@ private:
     };
 
     void Pass() {
-        Enter(top_, ".");
+        if (!Enter(top_, ".")) Note(errno);
         while (!levels_.empty()) {
             DIR* dir = levels_.back().dir.get();
             const dirent* entry = NextEntry(dir);
@@ -695,27 +707,16 @@ private:
     }
     /// False with errno set; errno is 0 on success.
     bool Enter(int folder, const char* name) {
-        ResHandle fd(OpenAt2(folder, name, kFolder, RESOLVE_NO_XDEV | RESOLVE_NO_SYMLINKS));
-        if (!fd && IsUnknownCall(errno)) fd = OpenOnSameDevice(folder, name);
-        DirHandle dir = ListDescriptor(std::move(fd));
+        DirHandle dir = ListDescriptor(OpenOnSameMount(folder, name));
         if (!dir) return false;
         levels_.push_back({std::move(dir), name});
         errno = 0;
         return true;
     }
-    ResHandle OpenOnSameDevice(int folder, const char* name) const {
-        ResHandle fd(::openat(folder, name, kFolder));
-        struct stat here, there;
-        if (!fd || ::fstat(folder, &here) != 0 || ::fstat(fd, &there) != 0) return {};
-        if (here.st_dev == there.st_dev) return fd;
-        errno = EXDEV;
-        return {};
-    }
     void Note(int err) {
         if (failure_ == 0) failure_ = err;
     }
 
-    static constexpr int kFolder = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     const ResHandle top_;
     const std::string path_;
     std::vector<Level> levels_;
@@ -745,7 +746,7 @@ void Remove(const std::string& path) {
     for (int i = 0; i < kRaceTries; ++i) {
         if (::unlinkat(place.folder, place.name.c_str(), 0) == 0 || errno == ENOENT) return;
         if (errno != EISDIR) Raise("remove", path);
-        const ResHandle top = place.Open(O_RDONLY | O_DIRECTORY);
+        const ResHandle top = OpenOnSameMount(place.folder, place.name.c_str());
         if (!top && (errno == ENOTDIR || errno == ELOOP || errno == ENOENT)) continue;
         if (!top) Raise("remove", path);
         Emptier(top, path).Run();
@@ -815,11 +816,12 @@ private:
         struct stat st;
     };
 
-    void CopyFolder(const std::string relative) {
+    void CopyFolder(const std::string relative) {  // a copy: folders_ grows meanwhile
         const ResHandle source = OpenBelow(from_, relative);
         const ResHandle target = OpenBelow(to_, relative);
+        if (!source || !target) Raise("open", ConcatPath(path_, relative));
         const DirHandle dir = ListDescriptor(ResHandle(::fcntl(source, F_DUPFD_CLOEXEC, 0)));
-        if (!source || !target || !dir) Raise("opendir", ConcatPath(path_, relative));
+        if (!dir) Raise("opendir", ConcatPath(path_, relative));
         while (const dirent* entry = NextEntry(dir.get())) {
             const std::string below = ConcatPath(relative, entry->d_name);
             CopyEntry({source, entry->d_name, ConcatPath(path_, below)}, target, below);
@@ -1020,10 +1022,20 @@ TmpDir::~TmpDir() {
 /// locks of the process (F_SETLK) would vanish whenever anything in it closes the file; these stay
 /// with the description, and exclude the holders of either kind in other processes.
 struct Lock::Held {
+    using Inode = std::pair<dev_t, ino_t>;
+    ResHandle Fd() {
+        const std::lock_guard guard(state);
+        return fd;
+    }
+    Inode File() {
+        const std::lock_guard guard(state);
+        return inode;
+    }
+    std::mutex state;  // of these two, which Write replaces
     ResHandle fd;
-    std::pair<dev_t, ino_t> inode;
+    Inode inode;
     int users = 0;
-    pid_t process = ::getpid();
+    const pid_t process = ::getpid();
     std::mutex writing;
 };
 
@@ -1031,7 +1043,7 @@ struct Lock::Held {
 class Lock::Registry {
 public:
     static Registry& Get() {
-        static Registry registry;
+        static Registry& registry = *new Registry;  // locks of static objects outlive all else
         return registry;
     }
     /// The shared lock for the file that `fd` has open.
@@ -1070,8 +1082,12 @@ public:
             held_.insert(std::move(node));
             throw;
         }
-        const ResHandle old = std::exchange(held.fd, next.Fd());
-        node.key() = held.inode = {st.st_dev, st.st_ino};
+        const ResHandle old = held.Fd();
+        {
+            const std::lock_guard state(held.state);
+            held.fd = next.Fd();
+            node.key() = held.inode = {st.st_dev, st.st_ino};
+        }
         held_.insert(std::move(node));
         Unlock(old);  // who waits for it finds the new file
     }
@@ -1110,7 +1126,7 @@ void Lock::DoLock(const std::string& path, bool marker) {
             ::openat(place.folder, place.name.c_str(), O_RDWR | O_CREAT | kPlain, 0600));
         if (!fd) Raise("lock", path);
         held_ = Registry::Get().Join(fd, path);
-        const bool locked = Registry::TryLock(held_->fd, marker ? F_OFD_SETLK : F_OFD_SETLKW);
+        const bool locked = Registry::TryLock(held_->Fd(), marker ? F_OFD_SETLK : F_OFD_SETLKW);
         const int err = errno;
         if (locked && Owns()) return;
         Release();
@@ -1120,22 +1136,24 @@ void Lock::DoLock(const std::string& path, bool marker) {
     }
 }
 
-ResHandle Lock::GetResHandle() const { return held_ ? held_->fd : ResHandle(); }
+ResHandle Lock::GetResHandle() const { return held_ ? held_->Fd() : ResHandle(); }
 
 std::string Lock::Read() const { return ReadToEnd(GetResHandle(), path_); }
 
 void Lock::Write(const std::string& content) {
+    const std::shared_ptr<Held> held = held_;
+    if (!held) throw vel_err::Error("lock", "lost", path_);
+    const std::lock_guard guard(held->writing);
     if (!Owns()) throw vel_err::Error("lock", "lost", path_);
-    const std::lock_guard guard(held_->writing);
     const Place place = PlaceOf("lock", path_);
     struct stat old;
-    if (::fstat(held_->fd, &old) != 0) Raise("stat", path_);
+    if (::fstat(held->Fd(), &old) != 0) Raise("stat", path_);
     Temporary next(place, "." + place.name + ".new");
     KeepOwnerAndMode(next.Fd(), old, path_);
     if (!Registry::TryLock(next.Fd(), F_OFD_SETLK)) Raise("lock", path_);
     WriteAll(next.Fd(), content, path_);
     if (::fsync(next.Fd()) != 0) Raise("fsync", path_);
-    Registry::Get().Replace(*held_, next);
+    Registry::Get().Replace(*held, next);
     SyncFolder(place);
 }
 
@@ -1143,7 +1161,7 @@ bool Lock::Owns() const {
     Place place;
     struct stat st;
     if (!held_ || !FindPlace(path_, place) || !place.Stat(st)) return false;
-    return held_->inode == std::pair(st.st_dev, st.st_ino);
+    return held_->File() == std::pair(st.st_dev, st.st_ino);
 }
 
 void Lock::Release() noexcept {

@@ -114,7 +114,7 @@ void Remove(const std::string& path);
 /// A file (CopyFile) or a file, link or tree (Copy). Content, holes, mode, owner and times; `to`
 /// appears in one step, is on the disk by then, and never shares its old inode. Nothing to do when
 /// both are the same inode already. Copy makes the missing parents of `to`; a tree is never merged
-/// into an existing folder that holds something (EEXIST).
+/// into an existing folder that holds something (ENOTEMPTY).
 void CopyFile(const std::string& from, const std::string& to);
 void Copy(const std::string& from, const std::string& to);
 /// rename with fsync of the directory; across file systems copy, then remove.
