@@ -340,5 +340,14 @@ std::string Unescape(const std::string& s, char escape) {
     return out;
 }
 
+const std::string& Controls() {
+    static const std::string bytes = [] {
+        std::string all = "\x7f";
+        for (char c = 0; c < ' '; ++c) all += c;
+        return all;
+    }();
+    return bytes;
+}
+
 }  // namespace badchars
 }  // namespace str

@@ -75,6 +75,8 @@ namespace badchars {
 std::string Escape(const std::string& s, const std::string& bad, char escape);
 /// The exact inverse; an escape that Escape never writes stays as it is.
 std::string Unescape(const std::string& s, char escape);
+/// Every byte below the blank, and DEL: what must not reach a terminal or break a line.
+const std::string& Controls();
 }  // namespace badchars
 
 }  // namespace str

@@ -16,6 +16,7 @@ public:
     explicit Date(const std::string& text);
 
     int weekday() const;  ///< 0 is Sunday
+    /// Throws vel_err::Error("date", "range", ...) outside the years 0 to 9999; the day stays then.
     Date& AddDays(int days);
     std::string AsDate() const;  ///< "YYYY-MM-DD"
     auto operator<=>(const Date&) const = default;

@@ -200,20 +200,14 @@ private:
 
 // ---- Lines --------------------------------------------------------------------------------------
 
-std::string Controls() {
-    std::string bytes = "\x7f";
-    for (char c = 0; c < ' '; ++c) bytes += c;
-    return bytes;
-}
-
 std::string Line(int level, const char* module, const std::string& text) {
-    static const std::string controls = Controls();
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     ::localtime_r(&now, &local);
     return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} {} {}[{}]: {}\n", local.tm_year + 1900,
                        local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                       level, module, ::getpid(), str::badchars::Escape(text, controls, '\\'));
+                       level, module, ::getpid(),
+                       str::badchars::Escape(text, str::badchars::Controls(), '\\'));
 }
 
 /// Opens for every line: so the file follows a rotation and a change of the install root, and no

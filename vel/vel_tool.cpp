@@ -82,24 +82,14 @@ void EnterRoot() {
 
 // ---- How a program ends -------------------------------------------------------------------------
 
-std::string OneLine(const std::string& text) {
-    std::string bad = "\x7f";
-    for (char c = 0; c < ' '; ++c) bad += c;
-    std::string out;
-    for (const char c : text) {
-        const bool broken = bad.find(c) != std::string::npos;
-        out += broken ? str::badchars::Escape(std::string(1, c), bad, '\\') : std::string(1, c);
-    }
-    return out;
-}
-
 std::string TextOf(const vel_err::Error& e) {
     const bool bare = e.what() == "Type: '" + e.type() + "'";
     return bare ? e.type() : e.what();
 }
 
 int Fail(int status, const std::string& text) {
-    const std::string line = ProgramName() + ": " + OneLine(text) + "\n";
+    const std::string one_line = str::badchars::Escape(text, str::badchars::Controls(), '\\');
+    const std::string line = ProgramName() + ": " + one_line + "\n";
     std::cout << line << std::flush;
     std::cerr << line << std::flush;
     return status;

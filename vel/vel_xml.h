@@ -14,6 +14,9 @@ namespace vel_xml {
 struct Tree;  // the library's document, hidden in the source
 
 /// An element, or nothing: a null node answers with empty texts and null nodes and ignores changes.
+/// Bytes that XML cannot hold become "?" when a text is put in or parsed. A name that XML does not
+/// allow throws vel_err::Error("xml", "bad_name", name). Once an element is unlinked or its content
+/// replaced, other handles to it and to what was in it must not be used any more.
 class XmlNode {
 public:
     XmlNode() = default;
@@ -61,10 +64,12 @@ public:
     void Load(std::istream& in);
 
     XmlNode GetRoot() const;
-    XmlNode GetNode(const std::string& xpath) const;    ///< first match or a null node
+    /// First match or a null node. A bad expression throws vel_err::Error("xml", "bad_xpath", ...)
+    /// in all three.
+    XmlNode GetNode(const std::string& xpath) const;
     XmlNodes GetNodes(const std::string& xpath) const;  ///< all elements, in document order
     void RemoveNodes(const std::string& xpath);
-    /// Replaces the file in one step. Bytes that XML cannot hold are written as "?".
+    /// Replaces the file in one step.
     void Save(const std::string& path, bool formatted) const;
     std::string Str(bool formatted = false) const;
 

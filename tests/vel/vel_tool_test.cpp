@@ -46,7 +46,7 @@ TEST_F(Tool, FailuresBecomeOneLineOnBothOutputsAndAStatus) {
     const Case cases[] = {
         {[](auto) -> int { throw vel_err::Error("nospace"); }, 1, "nospace"},
         {[](auto) -> int { throw vel_err::Error("t", "o", "v\nw\xc3\xa4\\"); }, 1,
-         "Type: 't' Object: 'o' Value: 'v.nw\xc3\xa4.'"},
+         "Type: 't' Object: 'o' Value: 'v.nw\xc3\xa4..'"},
         {[](auto) -> int { throw vel_tool::UsageError("what is --x?"); }, 2, "what is --x."},
         {[](auto) -> int { throw std::runtime_error("plain"); }, 1, "plain"},
         {[](auto) -> int { throw std::bad_alloc(); }, 1, "out of memory"},
