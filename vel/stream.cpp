@@ -85,9 +85,11 @@ ssize_t WriteQuietly(int fd, const void* bytes, std::size_t size) noexcept {
     do {
         done = ::write(fd, bytes, size);
     } while (done < 0 && errno == EINTR);
-    if (done < 0 && errno == EPIPE) {
+    // A write that had room for a part raises the signal too when the reader goes away.
+    if (done < 0 ? errno == EPIPE : static_cast<std::size_t>(done) < size) {
+        const int err = errno;
         guard.TakeSignal();
-        errno = EPIPE;
+        errno = err;
     }
     return done;
 }
