@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <exception>
 #include <functional>
 #include <future>
@@ -16,6 +18,7 @@
 #include "backup_common/backup2_misc.h"
 
 #include "sbin/backup2_cp/actions.h"
+#include "sbin/backup2_cp/errors.h"
 #include "sbin/backup2_cp/info_record.h"
 #include "sbin/backup2_cp/names.h"
 
@@ -146,7 +149,11 @@ Fetched Fetch(const Target& target, const std::string& stored, const std::string
             next(data, size);
             progress.Add(size, 0);
         });
-        target.ReadStored(stored, sums);
+        try {
+            target.ReadStored(stored, sums);
+        } catch (const Permanent& e) {
+            throw Permanent(stored + ": stored are " + e.what());
+        }
         out.stored = sums.Result();
     };
     if (!target.Encrypts(stored)) {
@@ -162,6 +169,13 @@ Fetched Fetch(const Target& target, const std::string& stored, const std::string
     read([&](const char* data, std::size_t size) { decoder.Feed(data, size); });
     out.plain = decoder.Finish();
     return out;
+}
+
+void CopyBytes(const std::string& from, const std::string& to) {
+    vel_file::InStream in(from);
+    vel_file::OutStream out(to);
+    Pump(in, out);
+    out.Close();
 }
 
 void CheckFetched(const Fetched& came, const SliceSums& wanted, const std::string& stored) {
@@ -185,14 +199,16 @@ void GetFile(const Target& target, const Options& options) {
     const vel_file::Tmp fetched(options.file);
     target.Retry(target.Describe() + ", " + options.name + " -> " + options.file,
                  [&] { target.Open()->Get(options.name, fetched); });
-    // A local storage hands out another name of its own file: what the caller gets is a copy.
-    if (vel_file::Info(fetched).Stat().st_nlink == 1) return vel_file::Move(fetched, options.file);
-    const vel_file::Tmp copy(options.file);
-    vel_file::InStream in(fetched);
-    vel_file::OutStream out(copy);
-    Pump(in, out);
-    out.Close();
-    vel_file::Move(copy, options.file);
+    // A local storage may hand out another name of its own file, with the user's rights on it: what
+    // the caller gets is a file of his own.
+    const vel_file::Tmp own(options.file);
+    if (vel_file::Info(fetched).Stat().st_nlink > 1) {
+        CopyBytes(fetched, own);
+    } else {
+        vel_file::Move(fetched, own);
+        vel_file::Attrs(0600, ::geteuid(), ::getegid()).Set(own);
+    }
+    vel_file::Move(own, options.file);
 }
 
 void GetSlice(const Target& target, const Options& options) {
