@@ -159,7 +159,6 @@ void ItemInfo(const Request& r, vel_xml::XmlNode doc) {
     const Plan plan = r.store.FindPlan(user.plan).value_or(Plan{});
     const auto storage = r.store.FindStorage("");
     doc.AppendChild("local_dir", storage ? storage->local_dir : AbsoluteLocalDir());
-    doc.AppendChild("command_prefix", "nice -n 19");
     AppendFiles(doc, user);
     AppendExcludes(doc, user, plan);
     AppendSystem(r, doc, user);
