@@ -1,5 +1,6 @@
 #include "backup_common/backup2_qortar.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,8 +36,29 @@ constexpr char kSystemDir[] = ".system";
 
 namespace {
 
-/// A directory as a path that stays on it whatever its owner renames: through the descriptor.
-std::string Anchor(int fd) { return "/proc/self/fd/" + str::Str(fd) + "/."; }
+struct CloseDir {
+    void operator()(DIR* dir) const { ::closedir(dir); }
+};
+
+/// Removes all that lies in a folder which nobody else can enter, so that it keeps still.
+void Empty(int folder, const std::string& path) {
+    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    vel_file::ResHandle listed(::openat(folder, ".", kFlags));
+    const std::unique_ptr<DIR, CloseDir> dir(::fdopendir(listed));
+    if (!dir) vel_err::RaiseErrno("opendir", path, errno);
+    listed.Release();  // closedir closes it
+    while (const dirent* entry = ::readdir(dir.get())) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == ".." || ::unlinkat(folder, name.c_str(), 0) == 0) continue;
+        const std::string below = vel_file::ConcatPath(path, name);
+        const vel_file::ResHandle sub(::openat(folder, name.c_str(), kFlags));
+        if (sub == -1) vel_err::RaiseErrno("unlink", below, errno);
+        Empty(sub, below);
+        if (::unlinkat(folder, name.c_str(), AT_REMOVEDIR) != 0) {
+            vel_err::RaiseErrno("rmdir", below, errno);
+        }
+    }
+}
 
 [[noreturn]] void RaiseLink(int line, const char* func) {
     vel_err::AssertError::Raise(kSourceFile, line, func, "Path is symlink_link");
@@ -90,7 +112,7 @@ void SystemMarkers::DropLeftOver() const {
     struct stat st {};
     if (::fstatat(root_, kSystemDir, &st, AT_SYMLINK_NOFOLLOW) != 0) return;
     if (S_ISLNK(st.st_mode)) RaiseLink(__LINE__, __func__);
-    if (S_ISDIR(st.st_mode)) vel_file::Remove(vel_file::ConcatPath(Anchor(root_), kSystemDir));
+    if (S_ISDIR(st.st_mode)) vel_file::Remove(path_);
 }
 
 void SystemMarkers::Make() {
@@ -115,11 +137,7 @@ void SystemMarkers::Add(const std::string& name) {
 }
 
 void SystemMarkers::Remove() const {
-    std::vector<std::string> names;
-    for (vel_file::Dir entries(Anchor(dir_)); entries.Next();) names.push_back(entries.Name());
-    for (const std::string& name : names) {
-        vel_file::Remove(vel_file::ConcatPath(Anchor(dir_), name));
-    }
+    Empty(dir_, path_);
     // Takes an empty folder only: one that was put in the place of ours keeps what it holds.
     if (::unlinkat(root_, kSystemDir, AT_REMOVEDIR) != 0) {
         vel_err::RaiseErrno("rmdir", path_, errno);

@@ -227,10 +227,9 @@ bool FitsIntoLimit(const std::string& local) {
 /// True when writing into `archive` would change something else: the source, another name of the
 /// same file, or the file that a link points to.
 bool IsShared(const std::string& archive, const std::string& local) {
-    const vel_file::Info there(archive, false);
+    const vel_file::Info there(archive, false), source(local);
     if (!there.Exists()) return false;
-    const struct stat& to = there.Stat();
-    const struct stat& from = vel_file::Info(local).Stat();
+    const struct stat &to = there.Stat(), &from = source.Stat();
     const bool same = to.st_dev == from.st_dev && to.st_ino == from.st_ino;
     return same || there.IsLink() || to.st_nlink > 1;
 }

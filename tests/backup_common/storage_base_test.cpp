@@ -1,0 +1,199 @@
+// What the base class promises for every kind of storage, tried on one that keeps its files in
+// memory and fails where it is told to.
+#include <gtest/gtest.h>
+
+#include "vel/vel_err.h"
+
+#include "backup_common/backup2_storage.h"
+
+#include "tests/backup_common/support.h"
+
+namespace backup2 {
+namespace {
+
+constexpr char kArchive[] = "bob/2024-03-01/F2024-03-01.bob.tgz.aes";
+constexpr char kToken[] = "type=memory;path=/b;arch_password=c2VjcmV0";
+
+class MemoryStorage final : public Storage {
+public:
+    explicit MemoryStorage(const std::string& token) : Storage(BackupToken(token)) {}
+
+    /// How a download reports that its sink takes no more bytes.
+    enum class OnBrokenSink { LetThrough, OwnError, Silence };
+
+    std::map<std::string, std::string> files;
+    std::vector<std::string> dirs;
+    bool room = true, down = false, dirs_fail = false;
+    OnBrokenSink on_broken_sink = OnBrokenSink::LetThrough;
+
+    void GetArch(const std::string& name, std::ostream& out) override {
+        try {
+            const std::string& bytes = files.at(name);
+            out.write(bytes.data(), std::streamsize(down ? bytes.size() / 2 : bytes.size()));
+            out.flush();
+        } catch (const vel_err::Error&) {
+            if (on_broken_sink == OnBrokenSink::LetThrough) throw;
+            if (on_broken_sink == OnBrokenSink::OwnError) throw vel_err::Error("get_failed", name);
+        }
+        if (down) throw vel_err::Error("connection_lost", name);
+    }
+    bool PutArch(const std::string& name, std::istream& in) override {
+        char first[16];
+        in.read(first, sizeof first);
+        if (down) throw vel_err::Error("connection_lost", name);
+        if (!room) return false;
+        files[name].assign(first, std::size_t(in.gcount()));
+        files[name].append(std::istreambuf_iterator<char>(in), {});
+        return true;
+    }
+    void RealMkDir(const std::string& path) override {
+        dirs.push_back(path);
+        if (dirs_fail) throw vel_err::Error("mkdir_failed", path);
+    }
+    void Delete(const std::string& name) override { files.erase(name); }
+    void List(std::list<std::string>&, const std::string&) override {}
+    void RmDir(const std::string&) override {}
+};
+
+template <class Call>
+std::string Failure(const Call& call) {
+    try {
+        call();
+    } catch (const vel_err::Error& e) {
+        return e.type();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "none";
+}
+
+class StorageBase : public testing::Test {
+protected:
+    FdCheck descriptors_;
+    TempDir dir_;
+    MemoryStorage storage_{kToken};
+    const std::string in_ = dir_ / "in", out_ = dir_ / "out";
+    const std::string big_ = RandomBytes(8 << 20, 1);  // more than any pipe or buffer holds
+};
+
+TEST_F(StorageBase, BytesComeBackThroughOpenssl) {
+    for (const std::size_t size : {0, 1, 15, 16, 17, 3 << 20}) {
+        const std::string bytes = RandomBytes(size, 2);
+        WriteFile(in_, bytes);
+        ASSERT_TRUE(storage_.Put(kArchive, in_));
+        EXPECT_EQ(storage_.files[kArchive].size(), 16 + 16 * (size / 16 + 1)) << size;
+        storage_.Get(kArchive, out_);
+        EXPECT_TRUE(ReadFile(out_) == bytes) << size;
+    }
+}
+
+TEST_F(StorageBase, OnlyArchivesOfAStorageWithAPasswordAreEncrypted) {
+    WriteFile(in_, "plain");
+    for (const char* name : {"a.info", "a.tgz", "a.tgz.aes.1"}) {
+        ASSERT_TRUE(storage_.Put(name, in_));
+        EXPECT_EQ(storage_.files[name], "plain") << name;
+    }
+    MemoryStorage open("type=memory");
+    ASSERT_TRUE(open.Put(kArchive, in_));
+    EXPECT_EQ(open.files[kArchive], "plain");
+    open.Get(kArchive, out_);
+    EXPECT_EQ(ReadFile(out_), "plain");
+}
+
+TEST_F(StorageBase, NoRoomIsAnAnswerAndNoError) {
+    storage_.room = false;
+    WriteFile(in_, big_);
+    EXPECT_FALSE(storage_.Put(kArchive, in_));
+    EXPECT_FALSE(storage_.Put("a.info", in_));
+}
+
+TEST_F(StorageBase, MissingLocalFileNeverBecomesAnEmptyArchive) {
+    for (const char* name : {kArchive, "a.info"}) {
+        EXPECT_EQ(Failure([&] { storage_.Put(name, in_); }), "sys") << name;
+        EXPECT_EQ(storage_.files.count(name), 0u) << name;
+    }
+}
+
+TEST_F(StorageBase, EncoderThatFailsIsReported) {
+    WriteFile(in_, big_);
+    for (const char* script :
+         {"head -c 100000 /dev/zero; exit 1", "head -c 9 /dev/zero; kill -9 $$"}) {
+        FakePrograms programs;
+        programs.Add("openssl", script);
+        EXPECT_EQ(Failure([&] { storage_.Put(kArchive, in_); }), "Fail to encode") << script;
+        storage_.room = !storage_.room;
+    }
+    storage_.down = true;
+    EXPECT_EQ(Failure([&] { storage_.Put(kArchive, in_); }), "connection_lost");
+}
+
+TEST_F(StorageBase, DeadDecoderIsTheCauseWhateverTheBackEndSays) {
+    storage_.files[kArchive] = big_;
+    WriteFile(out_, "old");
+    FakePrograms programs;
+    programs.Add("openssl", "exit 1");
+    using Sink = MemoryStorage::OnBrokenSink;
+    for (const Sink sink : {Sink::LetThrough, Sink::OwnError, Sink::Silence}) {
+        storage_.on_broken_sink = sink;
+        EXPECT_EQ(Failure([&] { storage_.Get(kArchive, out_); }), "Fail to decode") << int(sink);
+    }
+    EXPECT_EQ(ReadFile(out_), "old");
+    EXPECT_EQ(dir_.Names(), std::vector<std::string>({"out"}));
+}
+
+TEST_F(StorageBase, FailedDownloadKeepsTheLocalFile) {
+    WriteFile(in_, big_);
+    WriteFile(out_, "old");
+    ASSERT_TRUE(storage_.Put(kArchive, in_));
+    storage_.files["a.info"] = big_;
+    storage_.down = true;
+    for (const char* name : {kArchive, "a.info"}) {
+        EXPECT_EQ(Failure([&] { storage_.Get(name, out_); }), "connection_lost") << name;
+    }
+    storage_.down = false;
+    storage_.files[kArchive].resize(1000007);
+    EXPECT_EQ(Failure([&] { storage_.Get(kArchive, out_); }), "Fail to decode") << "cut";
+    storage_.files[kArchive].clear();
+    EXPECT_EQ(Failure([&] { storage_.Get(kArchive, out_); }), "Fail to decode") << "empty";
+    EXPECT_EQ(ReadFile(out_), "old");
+    EXPECT_EQ(dir_.Names(), std::vector<std::string>({"in", "out"}));
+}
+
+TEST_F(StorageBase, DirectoryIsAskedForOnceEvenWhenItFailed) {
+    storage_.MkDir("bob");
+    storage_.MkDir("bob");
+    storage_.MkDir("bob/");
+    storage_.dirs_fail = true;
+    EXPECT_EQ(Failure([&] { storage_.MkDir("eve"); }), "mkdir_failed");
+    storage_.MkDir("eve");
+    EXPECT_EQ(storage_.dirs, std::vector<std::string>({"/b/bob", "/b/bob/", "/b/eve"}));
+}
+
+TEST_F(StorageBase, SizeOfAnEncryptedFileIsEstimated) {
+    const MemoryStorage open("type=memory");
+    const std::string local = dir_ / "F2024-03-01.bob.tgz.aes";
+    const std::pair<std::size_t, uint64_t> cases[] = {
+        {0, 0}, {1, 1}, {32, 1}, {33, 33}, {1000, 993}};
+    for (const auto& [size, want] : cases) {
+        WriteFile(local, std::string(size, 'x'));
+        EXPECT_EQ(storage_.Size(local), want);
+        EXPECT_EQ(open.Size(local), size);
+    }
+    const std::string place = "bob/2024-03-01/F2024-03-01.bob.tgz";
+    EXPECT_EQ(open.GetFileInfo(local), place + " 1000");
+    EXPECT_EQ(storage_.GetFileInfo(local), place + ".aes 993 " + BackupToken(kToken).Hash());
+}
+
+TEST_F(StorageBase, RootAndWhatClimbsOutIsNoValidPath) {
+    LogCapture log;
+    for (const char* path : {"", "/", "//", "/x/..", ".", "..", "x/../.."}) {
+        EXPECT_EQ(storage_.GetValidPath(path), "") << path;
+        EXPECT_TRUE(log.Has(4, "Invalid path '" + std::string(path) + "'")) << path;
+    }
+    EXPECT_EQ(storage_.GetValidPath("/b//c/../d/"), "/b/d");
+    storage_.Clear();
+    EXPECT_TRUE(log.Has(4, "Clear is not implemented for this storage"));
+}
+
+}  // namespace
+}  // namespace backup2
