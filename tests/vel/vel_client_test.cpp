@@ -10,8 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include "vel/str.h"
-#include "vel/vel_env.h"
 #include "vel/vel_err.h"
 
 #include "tests/support/work_dir.h"
@@ -98,6 +96,7 @@ protected:
         }
         return "no failure";
     }
+    const FdCheck fds_;
 };
 
 TEST_F(Client, ValuesTravelEncodedInTheBody) {
@@ -159,9 +158,8 @@ TEST_F(Client, ALockedPanelIsAskedAgainUntilTheWaitIsOver) {
     FakePanel panel({locked, Ok("<doc><a>1</a></doc>"), locked});
     EXPECT_EQ(Local().WaitLocked(true).Query("func=x").value("a"), "1");
     EXPECT_EQ(panel.Requests().size(), 2U);
-    vel_env::SetEnv("VEL_LOCK_WAIT", "0");
+    const EnvGuard impatient("VEL_LOCK_WAIT", "0");
     EXPECT_THROW(Local().WaitLocked(true).Query("func=x"), vel_err::Error);
-    vel_env::UnsetEnv("VEL_LOCK_WAIT");
 }
 
 }  // namespace

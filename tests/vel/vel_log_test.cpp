@@ -86,6 +86,7 @@ TEST(Log, TheFileFollowsRotationAndTheInstallRoot) {
 }
 
 TEST(Log, WhatStandsInTheWayIsLeftAloneAndStopsNobody) {
+    const FdCheck fds;
     const WorkDir work;
     std::ofstream("victim") << "precious";
     std::filesystem::create_symlink("../victim", "var/link.log");

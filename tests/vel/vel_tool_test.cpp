@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "vel/vel_env.h"
 #include "vel/vel_err.h"
 
 #include "tests/support/work_dir.h"
@@ -32,9 +31,9 @@ using Body = std::function<int(std::vector<std::string>)>;
 
 class Tool : public testing::Test {
 protected:
-    void SetUp() override { vel_env::SetEnv("VEL_ROOT", work_.Path().string()); }
-    void TearDown() override { vel_env::UnsetEnv("VEL_ROOT"); }
-    WorkDir work_;
+    const FdCheck fds_;
+    const WorkDir work_;
+    const EnvGuard root_{"VEL_ROOT", work_.Path()};
 };
 
 TEST_F(Tool, FailuresBecomeOneLineOnBothOutputsAndAStatus) {
@@ -70,12 +69,12 @@ TEST_F(Tool, ABodyRunsPrivatelyInTheInstallRoot) {
         const bool good = std::filesystem::current_path() == work_.Path() && ::umask(0) == 077 &&
                           core.rlim_max == 0 &&
                           arguments == std::vector<std::string>{"a", "--version"} &&
-                          vel_tool::Absolute("x/../y") == work_.Path() / "below/x/../y" &&
+                          vel_tool::Absolute("x/../y") == work_.Path() + "/below/x/../y" &&
                           vel_tool::Absolute("/z") == "/z";
         return good ? 0 : 9;
     };
     EXPECT_EXIT(RunAsProgram(check, {"a", "--version"}), testing::ExitedWithCode(0), "");
-    vel_env::SetEnv("VEL_ROOT", "/no/such/root");
+    const EnvGuard elsewhere("VEL_ROOT", "/no/such/root");
     EXPECT_EXIT(RunAsProgram(check), testing::ExitedWithCode(1), "/no/such/root: No such file");
 }
 
@@ -103,8 +102,8 @@ TEST_F(Tool, AMissingStandardDescriptorIsNotTakenByAFile) {
 }
 
 TEST_F(Tool, ProgressEndsWithTheSumsOfAllThreads) {
-    vel_env::SetEnv("BACKUP2_PROGRESS", work_.Path() / "progress");
     {
+        const EnvGuard file("BACKUP2_PROGRESS", work_.Path() + "/progress");
         vel_tool::Progress progress("pack \xff\"");
         progress.Total(4000, 40);
         std::vector<std::thread> threads;
@@ -115,7 +114,6 @@ TEST_F(Tool, ProgressEndsWithTheSumsOfAllThreads) {
         }
         for (std::thread& thread : threads) thread.join();
     }
-    vel_env::UnsetEnv("BACKUP2_PROGRESS");
     std::ifstream in("progress");
     nlohmann::json last;
     int lines = 0;
