@@ -10,7 +10,7 @@
 
 #include "backup_common/backup2_storage.h"
 
-#include "tests/backup_common/support.h"
+#include "tests/backup_common/make_file.h"
 
 namespace backup2 {
 namespace {
@@ -37,7 +37,7 @@ TEST_F(LocalStorage, ArchiveBelongsToTheUserOfItsBareName) {
     };
     for (const auto& [name, owner] : cases) {
         WriteFile(in_, "x");
-        WriteFile(base_ + "/" + name + ".dir", "");  // makes the directories
+        MakeFile(base_ + "/" + name + ".dir", "");  // makes the directories
         ASSERT_TRUE(Open()->Put(name, in_));
         const struct stat st = Stat(base_ + "/" + name);
         EXPECT_EQ(st.st_uid, ::getpwnam(owner.c_str())->pw_uid) << name;
@@ -65,7 +65,7 @@ TEST_F(LocalStorage, EncryptingNeverWritesThroughOtherNamesOfAFile) {
     const std::string archive = base_ + "/F2024-03-01.bob.tgz.aes", other = dir_ / "other";
     const auto storage = OpenEncrypted();
     storage->MkDir("");
-    WriteFile(archive, "shared");
+    MakeFile(archive, "shared");
     std::filesystem::create_hard_link(archive, other);
     WriteFile(in_, "new");
     ASSERT_TRUE(storage->Put("F2024-03-01.bob.tgz.aes", in_));

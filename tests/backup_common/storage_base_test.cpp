@@ -6,7 +6,7 @@
 
 #include "backup_common/backup2_storage.h"
 
-#include "tests/backup_common/support.h"
+#include "tests/support/support.h"
 
 namespace backup2 {
 namespace {

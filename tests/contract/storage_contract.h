@@ -10,7 +10,7 @@
 
 #include "backup_common/backup2_storage.h"
 
-#include "tests/backup_common/support.h"
+#include "tests/support/support.h"
 
 /// A storage's far side, alive as long as the object.
 class Site {

@@ -1,0 +1,213 @@
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ctime>
+
+#include <gtest/gtest.h>
+
+#include "vel/vel_err.h"
+#include "vel/vel_file.h"
+
+#include "backup_common/backup2_misc.h"
+
+#include "tests/backup_common/make_file.h"
+#include "tests/support/work_dir.h"
+
+namespace backup2 {
+namespace {
+
+namespace fs = std::filesystem;
+using Names = std::vector<std::string>;
+
+class InfoFiles : public testing::Test {
+protected:
+    /// GetInfoFiles below `dir`, as names relative to it, sorted.
+    Names Found(const std::string& dir, const std::string& user, const std::string& date) const {
+        std::list<std::string> paths{"old"};
+        GetInfoFiles(paths, dir, true, user, date);
+        Names names;
+        for (const std::string& path : paths) names.push_back(fs::relative(path, dir));
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    FdCheck descriptors_;
+    LogCapture log_;
+    WorkDir work_;
+    const std::string admin_ = work_.Path() + "/var/backup/qorvel", user_ = work_.Path() + "/own";
+};
+
+TEST_F(InfoFiles, ServiceFileIsFlatWhereItExistsElseNested) {
+    EXPECT_EQ(GetInfoFile("", "bob", "2024-01-31"), "2024-01-31.bob.info");
+    EXPECT_EQ(GetInfoFile(user_, "bob", "2024-01-31"), user_ + "//2024-01-31/2024-01-31.bob.info");
+    EXPECT_EQ(GetIndexFile(admin_, "bob#3", "custom"), admin_ + "//bob/custom/custom.bob#3.tgz");
+    MakeFile(admin_ + "/2024-01-31.bob.info", "");
+    EXPECT_EQ(GetInfoFile(admin_, "bob", "2024-01-31"), admin_ + "//2024-01-31.bob.info");
+    EXPECT_EQ(GetIndexFile(admin_, "bob", "2024-01-31"),
+              admin_ + "//bob/2024-01-31/2024-01-31.bob.tgz");
+}
+
+TEST_F(InfoFiles, LinksInTheirPlaceAreRefused) {
+    WriteFile(work_.Path() + "/secret", "type=full");
+    fs::create_directories(user_);
+    const std::string info = user_ + "/2024-01-31.bob.info";
+    fs::create_symlink(work_.Path() + "/secret", info);
+    for (const auto& call :
+         {std::function<void()>([&] { GetInfo(info); }),
+          std::function<void()>([&] { GetInfoFile(user_, "bob", "2024-01-31"); }),
+          std::function<void()>([&] { CheckLinkPath(info); })}) {
+        try {
+            call();
+            ADD_FAILURE();
+        } catch (const vel_err::AssertError& e) {
+            EXPECT_EQ(e.message(), "Path is symlink_link");
+        }
+    }
+    EXPECT_NO_THROW(CheckLinkPath(user_ + "/missing"));
+    EXPECT_EQ(Found(user_, "", ""), Names());
+}
+
+TEST_F(InfoFiles, LinesAreKeysAndValues) {
+    const std::string path = user_ + "/a.info";
+    MakeFile(path, "type=full\n\nbase=a=b\nalone\nlast-slice=bob/d/x.tgz.part2\n");
+    using Map = std::map<std::string, std::string>;
+    EXPECT_EQ(GetInfo(path), Map({{"type", "full"},
+                                  {"base", "a=b"},
+                                  {"alone", ""},
+                                  {"last-slice", "bob/d/x.tgz.part2"}}));
+    EXPECT_TRUE(log_.Has(8, "GetInfo info_file = '" + path + "'"));
+    EXPECT_EQ(GetLastSliceLocalPath(path), "bob/d/x.tgz.part2");
+    WriteFile(path, "type=full");
+    EXPECT_EQ(GetLastSliceLocalPath(path), "");
+    EXPECT_THROW(GetInfo(user_ + "/missing.info"), vel_err::Error);
+}
+
+TEST_F(InfoFiles, SearchFindsBothLayoutsOfOneUserAndDate) {
+    for (const std::string& base : {admin_, user_}) {
+        for (const char* name :
+             {"2024-01-31.bob.info", "2024-01-31.bob.tgz", ".2024-01-31.bob.info",
+              "2024-02-01.bob/2024-02-01.bob.info", "bob/2024-01-31/2024-01-31.bob.info",
+              "bob/2024-02-01/2024-02-01.bob#r.info", "bob/custom/custom.bob.info",
+              "bob/2024-02-30/2024-02-30.bob.info", "eve/2024-01-31/2024-01-31.eve.info"}) {
+            MakeFile(base + "/" + name, "");
+        }
+        fs::create_directories(base + "/2024-03-01.bob.info");
+        fs::create_directory_symlink(base + "/eve", base + "/mallory");
+    }
+    const Names everything = {"2024-01-31.bob.info", "bob/2024-01-31/2024-01-31.bob.info",
+                              "bob/2024-02-01/2024-02-01.bob#r.info", "bob/custom/custom.bob.info",
+                              "eve/2024-01-31/2024-01-31.eve.info"};
+    EXPECT_EQ(Found(admin_, "", ""), everything);
+    Names with_second_level = everything;
+    with_second_level.insert(with_second_level.begin() + 1, "2024-02-01.bob/2024-02-01.bob.info");
+    EXPECT_EQ(Found(user_, "", ""), with_second_level) << "any folder of a user's own tree";
+    EXPECT_EQ(Found(admin_, "eve", ""), Names({everything[4]}));
+    EXPECT_EQ(Found(admin_, "bob", "2024-01-31"), Names({everything[0], everything[1]}));
+    EXPECT_EQ(Found(admin_, "", "custom"), Names({everything[3]}));
+    EXPECT_THROW(Found(work_.Path() + "/missing", "", ""), vel_err::Error);
+}
+
+TEST_F(InfoFiles, LocalDirectoryIsMadeForItsUser) {
+    EXPECT_EQ(MkLocalDir(admin_, "nobody", "2024-01-31"), admin_ + "/nobody/2024-01-31");
+    EXPECT_EQ(MkLocalDir(user_, "no-such-user", "d"), user_ + "/d");
+    const struct stat made = vel_file::Info(admin_ + "/nobody/2024-01-31").Stat();
+    EXPECT_EQ(made.st_mode & 07777, 0440u);
+    EXPECT_NE(made.st_uid, 0u);
+    EXPECT_EQ(made.st_gid, 0u);
+    EXPECT_EQ(vel_file::Info(user_ + "/d").Stat().st_uid, 0u);
+
+    EXPECT_EQ(GetLocalBackupPath(user_ + "/x"), user_ + "/x");
+    MakeFile(user_ + "/a.info", "");
+    EXPECT_EQ(GetLocalBackupPath(user_ + "/x"), user_);
+    CreateAttemptsFile(user_ + "/x");
+    EXPECT_EQ(vel_file::Info(user_ + "/x.attempts").Size(), 0u);
+}
+
+TEST_F(InfoFiles, SystemFilesAreDatedOneHourBack) {
+    const std::string path = work_.Path() + "/file";
+    const time_t before = ::time(nullptr);
+    WriteSystemFile(path, "content");
+    const struct stat st = vel_file::Info(path).Stat();
+    EXPECT_EQ(ReadFile(path), "content");
+    EXPECT_GE(st.st_mtime, before - 3600);
+    EXPECT_LE(st.st_mtime, ::time(nullptr) - 3600);
+    EXPECT_EQ(st.st_atime, st.st_mtime);
+}
+
+TEST_F(InfoFiles, LinkNeverEmptiesAnExistingFile) {
+    const std::string a = work_.Path() + "/a", b = work_.Path() + "/b", other = work_.Path() + "/c";
+    WriteFile(a, "new");
+    Link(a, b);
+    EXPECT_TRUE(fs::equivalent(a, b));
+    Link(a, b);
+    Link(a, a);
+    EXPECT_EQ(ReadFile(a) + ReadFile(b), "newnew");
+    fs::remove(b);
+    WriteFile(b, "old");
+    fs::create_hard_link(b, other);
+    Link(a, b);
+    EXPECT_EQ(ReadFile(b) + ReadFile(other), "newold") << "replaced, never written into";
+    EXPECT_THROW(Link(work_.Path() + "/missing", b), vel_err::Error);
+    EXPECT_EQ(ReadFile(b), "new");
+}
+
+/// Status of a child that tries to mark the directory: 0 marked, 1 busy.
+int MarkInAnotherProcess(const std::string& dir) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        try {
+            const Lock lock(dir);
+            ::_exit(0);
+        } catch (const vel_err::Error& e) {
+            ::_exit(e.type() == "lock" && e.object() == "busy" ? 1 : 2);
+        }
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WEXITSTATUS(status);
+}
+
+TEST_F(InfoFiles, DirectoryInUseIsMarkedForOtherProcesses) {
+    const std::string marker = user_ + "/.backup.inuse";
+    { const Lock nothing(user_); }
+    EXPECT_FALSE(fs::exists(user_));
+    fs::create_directory(user_);
+    {
+        const Lock lock(user_);
+        EXPECT_TRUE(fs::exists(marker));
+        EXPECT_EQ(MarkInAnotherProcess(user_), 1);
+        EXPECT_TRUE(fs::exists(marker));
+    }
+    EXPECT_FALSE(fs::exists(marker));
+    EXPECT_EQ(MarkInAnotherProcess(user_), 0);  // ends without removing it, as a killed one does
+    EXPECT_TRUE(fs::exists(marker));
+    {
+        const Lock lock(user_);
+        fs::rename(marker, user_ + "/moved");
+        WriteFile(marker, "another's");
+    }
+    EXPECT_EQ(ReadFile(marker), "another's") << "only the own marker is removed";
+}
+
+TEST_F(InfoFiles, FailedBackupIsDeletedByTheCopyTool) {
+    const auto tool = [](const std::string& end) {
+        MakeFile("./sbin/backup2_cp", "#!/bin/sh\nprintf '%s|' \"$@\"\n" + end + "\n");
+        fs::permissions("sbin/backup2_cp", fs::perms::owner_all);
+    };
+    tool("exit 7");
+    DelBackupOnError("/b", "a 'b$(x)", "2024-01-31");
+    EXPECT_TRUE(log_.Has(4,
+                         "Cant delete error backup. Code: 7. Str: "
+                         "--delete|/b//2024-01-31/2024-01-31.a 'b$(x).info|"));
+    const std::size_t lines = log_.Events().size();
+    tool("exit 0");
+    DelBackupOnError("/b", "bob", "2024-01-31");
+    EXPECT_EQ(log_.Events().size(), lines);
+    fs::create_symlink("/", "2024-01-31.bob.info");
+    EXPECT_NO_THROW(DelBackupOnError("", "bob", "2024-01-31"));
+    EXPECT_TRUE(log_.Mentions("symlink_link"));
+}
+
+}  // namespace
+}  // namespace backup2
