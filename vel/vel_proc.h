@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <initializer_list>
 #include <istream>
 #include <memory>
 #include <string>
@@ -44,6 +45,9 @@ class Execute {
 public:
     Execute();
     Execute(std::vector<std::string> argv, int mode);
+    /// So that two braced literals are words, and not the ends of one shell command.
+    Execute(std::initializer_list<std::string> argv, int mode)
+        : Execute(std::vector<std::string>(argv), mode) {}
     Execute(const std::string& shell_command, int mode);  ///< {"/bin/sh", "-c", text}
     Execute(Execute&&) noexcept;
     Execute& operator=(Execute&&) noexcept;

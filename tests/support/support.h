@@ -155,7 +155,7 @@ public:
     /// Runs the real program, after its arguments were added to `file`, each on a line.
     void Record(const std::string& name, const std::string& file) {
         Add(name, "printf '%s\\n' " + name + " \"$@\" >> '" + file + "'\n" + "PATH='" +
-                      path_.Old().value_or(kDefault) + "' exec " + name + " \"$@\"");
+                      path_.Old().value_or(kDefault) + "'; exec " + name + " \"$@\"");
     }
 
 private:
