@@ -1,0 +1,98 @@
+#include <gtest/gtest.h>
+
+#include "vel/vel_err.h"
+
+#include "backup_common/backup2_qortar.h"
+#include "backup_common/backup2_storage.h"
+
+#include "tests/backup_common/fake_panel.h"
+#include "tests/backup_common/make_file.h"
+#include "tests/support/work_dir.h"
+
+namespace backup2 {
+namespace {
+
+constexpr char kToken[] = "type=local;arch_password=c2VjcmV0";
+
+class LastFull : public testing::Test {
+protected:
+    LastFull() {
+        const FakePanel panel("<doc><local_dir>" + local_ + "</local_dir><storage>" + kToken +
+                              "</storage></doc>");
+        settings_ = std::make_unique<Settings>("panel1", "bob", "");
+    }
+    std::string Place(const std::string& day) const { return local_ + "/bob/" + day + "/" + day; }
+    /// A full backup that can serve as a base, changed by `lines`.
+    void Add(const std::string& day, const std::string& lines = "") const {
+        MakeFile(Place(day) + ".bob.info",
+                 "type=full\ncreated=" + day + " 01:00:00\nfinished=" + day +
+                     " 01:00:00\nkey_hash=" + BackupToken(kToken).Hash() + "\n" + lines);
+        MakeFile(Place(day) + ".bob.tgz", "");
+    }
+    /// The day of the base, "" for a full backup.
+    std::string Base(const std::string& date) const {
+        const std::string index = LookupLastFull(*settings_, "bob", date);
+        if (index.empty() || index == "exists") return index;
+        const std::string day = index.substr(index.rfind('/') + 1, 10);
+        EXPECT_EQ(index, local_ + "//bob/" + day + "/" + day + ".bob.tgz");
+        return day;
+    }
+
+    LogCapture log_;
+    WorkDir work_;
+    const std::string local_ = work_.Path() + "/var/backup/qorvel";
+    std::unique_ptr<Settings> settings_;
+};
+
+// 2024-03-03 is a Sunday.
+TEST_F(LastFull, EarliestFullBackupOfTheWeekIsTheBase) {
+    EXPECT_EQ(Base("2024-03-06"), "");
+    Add("2024-03-02");
+    Add("2024-03-08");
+    EXPECT_EQ(Base("2024-03-06"), "") << "last week's, and a later one";
+    Add("2024-03-05");
+    EXPECT_EQ(Base("2024-03-06"), "2024-03-05");
+    Add("2024-03-03");
+    EXPECT_EQ(Base("2024-03-06"), "2024-03-03");
+    EXPECT_EQ(Base("2024-03-04"), "2024-03-03");
+    EXPECT_EQ(Base("2024-03-09"), "2024-03-03");
+    EXPECT_EQ(Base("2024-03-10"), "") << "a week begins with a full backup";
+    EXPECT_EQ(Base("2024-3-6"), "2024-03-03") << "dates are compared, not texts";
+}
+
+TEST_F(LastFull, BackupOfTheDayComesBeforeAllElse) {
+    MakeFile(local_ + "/2024-03-06.bob.info", "\xff");
+    MakeFile(Place("2024-03-03") + ".bob.info", "created=nonsense");
+    EXPECT_EQ(Base("2024-03-06"), "exists");
+    EXPECT_TRUE(log_.Has(4, "Backup for user 'bob' for 0 already exists"));
+}
+
+TEST_F(LastFull, UnusableBackupsAreSteppedOver) {
+    Add("2024-03-04");
+    const std::string unusable[] = {
+        "type=incremental",
+        "type=Full",
+        "deleted=",
+        "created=2024-03-03 01:00:01",
+        "finished=",
+        "key_hash=",
+        "key_hash=" + BackupToken("arch_password=YQ==").Hash(),
+    };
+    for (const std::string& line : unusable) {
+        Add("2024-03-03", line + "\n");  // of equal keys the last counts
+        EXPECT_EQ(Base("2024-03-06"), "2024-03-04") << line;
+    }
+    EXPECT_TRUE(log_.Has(4, "Ceated in 2024-03-03 backup belongs to restored user"));
+    Add("2024-03-03");
+    std::filesystem::remove(Place("2024-03-03") + ".bob.tgz");
+    EXPECT_EQ(Base("2024-03-06"), "2024-03-04") << "no index";
+}
+
+TEST_F(LastFull, BadDatesAreErrors) {
+    EXPECT_THROW(Base("2024-02-30"), vel_err::Error);
+    Add("2024-03-03", "created=yesterday\n");
+    EXPECT_THROW(Base("2024-03-06"), vel_err::Error);
+}
+
+}  // namespace
+}  // namespace backup2
