@@ -1,0 +1,376 @@
+#include "vel/vel_file.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+
+#include <gtest/gtest.h>
+
+#include "vel/vel_err.h"
+#include "vel/vel_proc.h"
+
+#include "tests/support/support.h"
+
+namespace vel_file {
+namespace {
+
+constexpr uid_t kStranger = 65534;
+
+class Files : public testing::Test {
+protected:
+    void SetUp() override { WriteFile(victim_, "canary"); }
+    void TearDown() override { EXPECT_EQ(ReadFile(victim_), "canary"); }
+
+    FdCheck descriptors_;
+    ChildCheck children_;
+    TempDir outside_, dir_;
+    const std::string victim_ = outside_ / "victim";
+};
+
+struct stat StatOf(const std::string& path) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) ADD_FAILURE() << path;
+    return st;
+}
+
+std::string Failure(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const vel_err::Error& e) {
+        return e.value();
+    }
+    return "none";
+}
+
+TEST(Paths, AreJoinedCutAndNormalised) {
+    const struct {
+        const char *a, *b, *c, *want;
+    } joins[] = {{"a", "b", "", "a/b"}, {"a//", "//b", "", "a/b"}, {"", "b", "", "b"},
+                 {"a", "", "", "a"},    {"/", "b", "", "/b"},      {"a", "b", "/", "a/b/"},
+                 {"a", "", "c", "a/c"}, {"/", "/", "", "/"},       {"", "", "", ""}};
+    for (const auto& c : joins) EXPECT_EQ(ConcatPath(c.a, c.b, c.c), c.want) << c.a << "," << c.b;
+    const struct {
+        const char *path, *dir, *tail, *name;
+    } cuts[] = {{"a/b/c", "a/b", "/c", "c"}, {"c", "", "c", "c"}, {"/c", "", "/c", "c"},
+                {"a/", "a", "/", ""},        {"", "", "", ""},    {"a//b", "a/", "/b", "b"}};
+    for (const auto& c : cuts) {
+        EXPECT_EQ(SplitPath(c.path).dir, c.dir) << c.path;
+        EXPECT_EQ(SplitPath(c.path).tail, c.tail) << c.path;
+        EXPECT_EQ(Name(c.path), c.name) << c.path;
+    }
+    const struct {
+        const char *path, *want;
+    } goods[] = {{"/a//b/./c/..", "/a/b"},
+                 {"/", "/"},
+                 {"//..//", "/"},
+                 {"/a/..", "/"},
+                 {"/../a", "/a"},
+                 {"a/../b", "b"},
+                 {".", ""},
+                 {"", ""},
+                 {"..", ""},
+                 {"a/../..", ""},
+                 {"a/", "a"},
+                 {"..a/.b", "..a/.b"},
+                 {"/...", "/..."}};
+    for (const auto& c : goods) EXPECT_EQ(GoodPath(c.path), c.want) << c.path;
+}
+
+TEST_F(Files, WriteReplacesInOneStepAndKeepsModeAndOwner) {
+    const std::string file = dir_ / "file";
+    Write(file, "first");
+    EXPECT_EQ(StatOf(file).st_mode & 07777, 0600u);
+    ASSERT_EQ(::chown(file.c_str(), kStranger, 7), 0);
+    ASSERT_EQ(::chmod(file.c_str(), 0440), 0);
+    ASSERT_EQ(::link(file.c_str(), (dir_ / "other").c_str()), 0);
+    Write(file, "second");
+    const struct stat st = StatOf(file);
+    EXPECT_EQ(st.st_mode & 07777, 0440u);
+    EXPECT_EQ(std::pair(st.st_uid, st.st_gid), std::pair(kStranger, gid_t(7)));
+    EXPECT_EQ(Read(file), "second");
+    EXPECT_EQ(ReadE(dir_ / "other"), "first");
+    EXPECT_EQ(Read(dir_ / "missing"), "");
+    EXPECT_EQ(Failure([&] { ReadE(dir_ / "missing"); }),
+              dir_ / "missing: No such file or directory");
+    EXPECT_EQ(dir_.Names(), std::vector<std::string>({"file", "other"}));
+}
+
+TEST_F(Files, NothingButARegularFileIsOpenedAnywhere) {
+    MkDir(dir_ / "folder");
+    ASSERT_EQ(::symlink(victim_.c_str(), (dir_ / "link").c_str()), 0);
+    ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+    const std::map<std::string, std::string> kinds = {{"folder", "Is a directory"},
+                                                      {"link", "Too many levels of symbolic links"},
+                                                      {"fifo", "Not a regular file"}};
+    for (const auto& [name, reason] : kinds) {
+        const std::string path = dir_ / name, want = path + ": " + reason;
+        EXPECT_EQ(Failure([&path = path] { Write(path, "x"); }), want);
+        EXPECT_EQ(Failure([&path = path] { ReadE(path); }), want);
+        EXPECT_EQ(Failure([&path = path] { CopyFile(path, path + ".copy"); }), want);
+        EXPECT_EQ(Failure([&path = path] { Lock().DoLock(path, true); }), want);
+    }
+    EXPECT_EQ(Failure([&] { Attrs(0777, kStranger).Set(dir_ / "link"); }),
+              dir_ / "link: Too many levels of symbolic links");
+    EXPECT_EQ(dir_.Names().size(), 3u);
+}
+
+TEST_F(Files, LinkThatAStrangerMadeIsNotPassedThrough) {
+    MkDir(dir_ / "tree");
+    ASSERT_EQ(::symlink(outside_.Path().c_str(), (dir_ / "tree/way").c_str()), 0);
+    const std::string through = dir_ / "tree/way/victim";
+    EXPECT_EQ(ReadE(through), "canary") << "root's own link in root's own folder";
+    const auto all_refuse = [&] {
+        EXPECT_THROW(ReadE(through), vel_err::Error);
+        EXPECT_THROW(Write(through, "x"), vel_err::Error);
+        EXPECT_THROW(Remove(through), vel_err::Error);
+        EXPECT_THROW(Attrs(0777).Set(through), vel_err::Error);
+        EXPECT_THROW(MkDir(dir_ / "tree/way/new"), vel_err::Error);
+        EXPECT_THROW(Move(through, dir_ / "stolen"), vel_err::Error);
+        EXPECT_THROW(TmpDir::At(through), vel_err::Error);
+    };
+    ASSERT_EQ(::chown((dir_ / "tree").c_str(), kStranger, 0), 0);
+    all_refuse();
+    ASSERT_EQ(::chown((dir_ / "tree").c_str(), 0, 0), 0);
+    ASSERT_EQ(::lchown((dir_ / "tree/way").c_str(), kStranger, 0), 0);
+    all_refuse();
+    EXPECT_EQ(StatOf(victim_).st_mode & 0777, 0644u);
+}
+
+TEST_F(Files, RemoveTakesEverythingButFollowsNothing) {
+    const TmpDir tree = TmpDir::At(dir_ / "tree");
+    ASSERT_EQ(vel_proc::Execute("cd " + vel_proc::Escape(tree) +
+                                    " && mkdir -p a/b c && mkfifo a/f && touch a/b/x && "
+                                    "ln -s " +
+                                    vel_proc::Escape(outside_.Path()) +
+                                    " a/out && chmod 0 c && "
+                                    "ln " +
+                                    vel_proc::Escape(victim_) + " a/hard",
+                                0)
+                  .Result(),
+              0);
+    Remove(tree);
+    Remove(tree);
+    EXPECT_EQ(dir_.Names(), std::vector<std::string>());
+    ASSERT_EQ(::symlink(outside_.Path().c_str(), (dir_ / "link").c_str()), 0);
+    Remove(dir_ / "link");
+    for (const char* path : {"", "/", "//", ".", "..", "a/..", "/tmp/."}) {
+        EXPECT_THROW(Remove(path), vel_err::Error) << path;
+    }
+    EXPECT_THROW(RemoveFile(dir_ / "missing"), vel_err::Error);
+}
+
+TEST_F(Files, VeryDeepTreesAreCopiedChangedAndRemoved) {
+    constexpr int kLevels = 1200;  // a path of 13,200 bytes
+    const std::string top = dir_ / "deep";
+    MkDir(top);
+    ResHandle fd(::open(top.c_str(), O_PATH | O_CLOEXEC));
+    for (int i = 0; i < kLevels; ++i) {
+        ASSERT_EQ(::mkdirat(fd, "0123456789", 0755), 0);
+        fd = ResHandle(::openat(fd, "0123456789", O_PATH | O_CLOEXEC));
+    }
+    ASSERT_TRUE(ResHandle(::openat(fd, "leaf", O_CREAT | O_WRONLY | O_CLOEXEC, 0600)));
+    struct rlimit old {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    const struct rlimit few = {64, old.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    Attrs(0750, kStranger).Set(top, true);
+    Copy(top, dir_ / "copy");
+    Remove(top);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
+    const std::string count =
+        "find " + vel_proc::Escape(dir_ / "copy") + " -user 65534 -perm 750 | wc -l";
+    EXPECT_EQ(vel_proc::Execute(count, 0).Str(), std::to_string(kLevels + 2) + "\n");
+    Remove(dir_ / "copy");
+    EXPECT_EQ(dir_.Names(), std::vector<std::string>());
+}
+
+TEST_F(Files, RemoveLeavesWhatIsMountedInTheTree) {
+    MkDir(dir_ / "tree/mount");
+    WriteFile(dir_ / "tree/file", "");
+    if (::mount(outside_.Path().c_str(), (dir_ / "tree/mount").c_str(), nullptr, MS_BIND,
+                nullptr) != 0) {
+        GTEST_SKIP() << "no right to mount";
+    }
+    EXPECT_EQ(Failure([&] { Remove(dir_ / "tree"); }), dir_ / "tree: Invalid cross-device link");
+    EXPECT_FALSE(Exists(dir_ / "tree/file"));
+    ASSERT_EQ(::umount((dir_ / "tree/mount").c_str()), 0);
+}
+
+/// A process that exchanges two names as fast as it can until the object goes.
+class Racer {
+public:
+    Racer(const std::string& a, const std::string& b) : pid_(::fork()) {
+        while (pid_ == 0) ::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
+    }
+    Racer(const Racer&) = delete;
+    Racer& operator=(const Racer&) = delete;
+    ~Racer() {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+
+private:
+    const pid_t pid_;
+};
+
+TEST_F(Files, RacerWhoSwapsFoldersForLinksLosesNobodysFiles) {
+    const std::string home = dir_ / "home", tree = home + "/tree";
+    MkDir(outside_ / "sub", Attrs(0755));
+    WriteFile(outside_ / "sub/precious", "canary");
+    int removed = 0;
+    for (const auto end = ::time(nullptr) + 2; ::time(nullptr) < end;) {
+        MkDir(tree + "/sub/deeper");
+        for (const char* name : {"/sub/1", "/sub/2", "/sub/precious"}) WriteFile(tree + name, "");
+        for (const auto& [at, target] : {std::pair(tree + "/link", outside_ / "sub"),
+                                         std::pair(home + "/link", outside_.Path())}) {
+            Remove(at);  // the last round may have left a folder here
+            ASSERT_EQ(::symlink(target.c_str(), at.c_str()), 0);
+            ASSERT_EQ(::lchown(at.c_str(), kStranger, 0), 0);
+        }
+        ASSERT_EQ(::chown(home.c_str(), kStranger, 0), 0);
+        const Racer inner(tree + "/link", tree + "/sub"), parent(home + "/link", tree);
+        for (const char* path : {"/sub/1", "/sub/precious", "", "/sub"}) {
+            const std::string failure = Failure([&] { Remove(tree + path); });
+            removed += failure == "none";
+        }
+    }
+    EXPECT_EQ(ReadFile(outside_ / "sub/precious"), "canary");
+    EXPECT_GT(removed, 0) << "nothing was tried";
+}
+
+TEST_F(Files, RecursiveAttrsSpareFilesThatWereLinkedIn) {
+    MkDir(dir_ / "tree/sub");
+    ASSERT_EQ(::chown((dir_ / "tree").c_str(), kStranger, 0), 0);
+    ASSERT_EQ(::link(victim_.c_str(), (dir_ / "tree/sub/hard").c_str()), 0);
+    ASSERT_EQ(::symlink(victim_.c_str(), (dir_ / "tree/sub/soft").c_str()), 0);
+    WriteFile(dir_ / "tree/sub/own", "");
+    Attrs(04711, kStranger, 8).Set(dir_ / "tree", true);
+    EXPECT_EQ(StatOf(victim_).st_uid, 0u);
+    EXPECT_EQ(StatOf(victim_).st_mode & 07777, 0644u);
+    EXPECT_EQ(StatOf(dir_ / "tree/sub/soft").st_uid, kStranger);
+    EXPECT_EQ(StatOf(dir_ / "tree/sub/own").st_gid, 8u);
+    EXPECT_EQ(StatOf(dir_ / "tree/sub/own").st_mode & 07777, 04711u);
+}
+
+TEST_F(Files, CopyFileKeepsHolesModeOwnerAndTimesOnANewInode) {
+    const std::string from = dir_ / "from", to = dir_ / "to";
+    const std::string bytes = RandomBytes(1 << 20, 4);
+    const ResHandle fd(::open(from.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0640));
+    ASSERT_EQ(::pwrite(fd, bytes.data(), bytes.size(), 16 << 20), 1 << 20);
+    ASSERT_EQ(::ftruncate(fd, 48 << 20), 0);
+    const timespec times[2] = {{1000, 5}, {2000, 123456789}};
+    ASSERT_EQ(::futimens(fd, times), 0);
+    ASSERT_EQ(::fchown(fd, kStranger, 9), 0);
+    WriteFile(to, "old");
+    ASSERT_EQ(::link(to.c_str(), (dir_ / "old").c_str()), 0);
+    for (const std::string& folder :
+         {dir_.Path(), std::string("/dev/shm")}) {  // the same file system, another one
+        const Tmp copy(ConcatPath(folder, "x"));
+        CopyFile(from, copy);
+        Move(copy, to);
+        const struct stat st = StatOf(to);
+        EXPECT_EQ(st.st_size, 48 << 20);
+        EXPECT_LT(st.st_blocks * 512, 4 << 20);
+        EXPECT_EQ(st.st_mtim.tv_nsec, 123456789);
+        EXPECT_EQ(std::pair(st.st_mode & 07777, st.st_uid), std::pair(0640u, kStranger));
+        EXPECT_EQ(vel_proc::Execute({"cmp", from, to}, 0).Result(), 0);
+        EXPECT_EQ(Info(copy.Path()).Exists(), false);
+    }
+    EXPECT_EQ(ReadFile(dir_ / "old"), "old");
+    const ino_t before = StatOf(from).st_ino;
+    ASSERT_EQ(::link(from.c_str(), (dir_ / "same").c_str()), 0);
+    CopyFile(from, dir_ / "same");
+    EXPECT_EQ(StatOf(dir_ / "same").st_ino, before);
+}
+
+TEST_F(Files, CopiedTreeIsTheSameOrNotThereAtAll) {
+    const std::string from = dir_ / "from", to = dir_ / "new/to";
+    ASSERT_EQ(
+        vel_proc::Execute(
+            "mkdir -p $D/a/b && cd $D && echo 1 >a/1 && ln -s nowhere a/l && mkfifo -m 640 a/f && "
+            "mknod a/dev c 1 3 && chown -h 7:8 a/1 a/l a/b a/f && touch -h -d @1 a/l a/b a/f a . "
+            "&& chmod 4711 a/1",
+            0)
+            .SetEnv("D", from)
+            .Result(),
+        0);
+    Copy(from, to);
+    const std::string list = "cd $D && find . -printf '%p %y %m %U %G %T@ %l\n' | sort && cat a/1";
+    EXPECT_EQ(vel_proc::Execute(list, 0).SetEnv("D", to).Str(),
+              vel_proc::Execute(list, 0).SetEnv("D", from).Str());
+    EXPECT_THROW(Copy(from, to), vel_err::Error) << "an existing tree is not merged";
+    Copy(from, from + "/a/self");
+    EXPECT_FALSE(Exists(from + "/a/self/a/self"));
+    const EnvGuard path("PATH", "/usr/sbin:/usr/bin:/sbin:/bin");
+    ASSERT_EQ(vel_proc::Execute("head -c 100 /dev/zero > $D/a/z", 0).SetEnv("D", from).Result(), 0);
+    struct rlimit old {
+    }, small{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
+    small = {10, old.rlim_max};
+    const auto handler = ::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    const std::string failure = Failure([&] { Copy(from, dir_ / "cut"); });
+    const std::string lost = Failure([&] { Write(from + "/a/1", "longer than ten bytes"); });
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
+    ::signal(SIGXFSZ, handler);
+    EXPECT_EQ(failure, from + "/a/z: File too large");
+    EXPECT_EQ(lost, from + "/a/1: File too large");
+    EXPECT_EQ(ReadFile(from + "/a/1"), "1\n");
+    EXPECT_EQ(dir_.Names(), std::vector<std::string>({"from", "new"}));
+}
+
+TEST_F(Files, FolderListsAndMakesOnlyWhatIsAsked) {
+    MkDir(dir_ / "a/b", Attrs(0751, kStranger));
+    EXPECT_EQ(StatOf(dir_ / "a/b").st_mode & 07777, 0751u);
+    EXPECT_EQ(StatOf(dir_ / "a/b").st_uid, kStranger);
+    EXPECT_EQ(StatOf(dir_ / "a").st_uid, 0u);
+    MkDir(dir_ / "a/b/", Attrs(0700, 0));
+    EXPECT_EQ(StatOf(dir_ / "a/b").st_mode & 07777, 0751u);
+    EXPECT_THROW(MkDir(victim_ + "/x"), vel_err::Error);
+    EXPECT_THROW(MkDir(victim_), vel_err::Error);
+    WriteFile(dir_ / "a/x.info", "12345");
+    WriteFile(dir_ / "a/.info", "");
+    ASSERT_EQ(::symlink("b", (dir_ / "a/l").c_str()), 0);
+    ASSERT_EQ(::symlink("none", (dir_ / "a/n").c_str()), 0);
+    std::map<std::string, std::string> found;
+    for (Dir dir(dir_ / "a"); dir.Next();) {
+        const vel_file::Info to = dir.Info(0), own = dir.Info(2);
+        found[dir.Name()] = std::string(dir.HasExt(".info") ? "e" : "") + (to.IsDir() ? "d" : "") +
+                            (own.IsLink() ? "l" : "") + (to.Exists() ? "" : "-") +
+                            std::to_string(to.IsFile() ? to.Size() : 0);
+    }
+    EXPECT_EQ(found,
+              (std::map<std::string, std::string>{
+                  {"x.info", "e5"}, {".info", "0"}, {"b", "d0"}, {"l", "dl0"}, {"n", "l-0"}}));
+    EXPECT_THROW(Dir(dir_ / "none"), vel_err::Error);
+    EXPECT_FALSE(Exists(dir_ / "a/n"));
+}
+
+TEST_F(Files, TemporariesGoUnlessTheyWereMoved) {
+    std::string file, kept, under;
+    {
+        const Tmp dropped(dir_ / "new/x"), moved(dir_ / "x");
+        file = dropped;
+        EXPECT_EQ(SplitPath(file).dir, dir_ / "new");
+        EXPECT_EQ(StatOf(file).st_mode & 07777, 0600u);
+        EXPECT_EQ(StatOf(dir_ / "new").st_mode & 07777, 0700u);
+        Move(moved, dir_ / "x");
+        TmpDir first = TmpDir::Under(dir_ / "base");
+        const TmpDir second = std::move(first);
+        under = second;
+        WriteFile(ConcatPath(under, "f"), "");
+    }
+    EXPECT_FALSE(Exists(file) || Exists(under));
+    ASSERT_EQ(::symlink(outside_.Path().c_str(), (dir_ / "at").c_str()), 0);
+    TmpDir::At(dir_ / "at");
+    EXPECT_EQ(dir_.Names(), std::vector<std::string>({"base", "new", "x"}));
+}
+
+}  // namespace
+}  // namespace vel_file
