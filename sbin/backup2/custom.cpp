@@ -22,7 +22,7 @@ const char kOldInfo[] = "old.info";     // the record of the one before, until i
 
 void PutAgain(const std::string& local) {
     const Done done = RunTool({"backup2_cp", "--put", "--no-delete", local});
-    if (done.status != 0) throw vel_err::Error("upload", local, done.LastLine());
+    if (done.status != 0) throw std::runtime_error(local + ": " + done.LastLine());
 }
 
 }  // namespace

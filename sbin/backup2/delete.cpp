@@ -34,7 +34,7 @@ int Delete(const Options& options) {
     std::vector<std::string> argv = {"backup2_cp", "--delete", backup.info_path};
     if (options.force) argv.push_back("--force");
     const Done done = RunTool(argv);
-    if (done.status != 0) throw vel_err::Error("delete", backup.Title(), done.LastLine());
+    if (done.status != 0) throw std::runtime_error(backup.Title() + ": " + done.LastLine());
     std::cout << backup.Title() << ": "
               << (vel_file::Exists(backup.info_path) ? "marked as deleted, increments still need it"
                                                      : "deleted")

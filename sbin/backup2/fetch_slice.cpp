@@ -21,7 +21,7 @@ int FetchSlice(const std::string& local_dir, const std::string& local) {
     const std::string date = str::GetWord(file, '/');
     const std::string info = backup2::GetInfoFile(local_dir, user, date);
     const Done done = RunTool({"backup2_cp", "--get", "--info-file", info, "--slice", local});
-    if (done.status != 0) throw vel_err::Error("fetch", vel_file::Name(local), done.LastLine());
+    if (done.status != 0) throw std::runtime_error(vel_file::Name(local) + ": " + done.LastLine());
     return vel_tool::kDone;
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <iostream>
 #include <list>
+#include <stdexcept>
 #include <tuple>
 
 #include "vel/str.h"
@@ -83,9 +84,13 @@ std::string ReadSecret() {
 std::string Reason(const std::exception& error) {
     const auto* own = dynamic_cast<const vel_err::Error*>(&error);
     if (!own) return error.what();
-    if (own->value().empty() && own->object().empty()) return own->type();
-    return own->value().empty() ? own->type() + ": " + own->object()
-                                : own->type() + " " + own->object() + ": " + own->value();
+    if (own->type() == "missed") {
+        return "there is no " + own->object() + (own->value().empty() ? "" : " " + own->value());
+    }
+    std::string text = own->type() == "sys" ? "" : own->type();
+    str::Append(text, own->object(), " ");
+    str::Append(text, own->value(), own->object().empty() ? " " : ": ");
+    return text;
 }
 
 // ---- The panel ----------------------------------------------------------------------------------
@@ -114,7 +119,7 @@ std::string AskUserRoot(const std::string& user) {
 }
 
 void UseStorage(const backup2::BackupToken& token) {
-    if (!token) throw vel_err::Error("missed", "storage", "no storage is set up in the panel");
+    if (!token) throw std::runtime_error("no storage is set up in the panel");
     vel_env::SetEnv("BACKUP_TOKEN", token.Str());
 }
 
@@ -148,7 +153,7 @@ std::vector<Slice> Backup::Slices() const {
     const std::string last = Get("last-slice");
     const int64_t parts = std::max<int64_t>(1, str::Int64(Get("parts")));
     if (last.empty() || parts > kMaxParts) {
-        throw vel_err::Error("info", "broken", info_path + ": no usable list of slices");
+        throw std::runtime_error(info_path + ": no usable list of slices");
     }
     // The place follows from the name, so that an info file cannot name another backup's files.
     const bool single = WithoutPart(last) == last;
@@ -203,10 +208,9 @@ Backup GetBackup(const std::string& local_dir, const std::string& user, const st
 
 void CheckPassword(const Backup& backup, const backup2::BackupToken& token) {
     if (backup.Get("key_hash").empty() || backup.Get("key_hash") == token.Hash()) return;
-    throw vel_err::Error("password", backup.Title(),
-                         token.IsEncrypted()
-                             ? "the backup was encrypted with another password than the storage has"
-                             : "the backup is encrypted and the storage has no password");
+    throw std::runtime_error(backup.Title() + ": the backup is encrypted, and " +
+                             (token.IsEncrypted() ? "the storage has another password now"
+                                                  : "the storage has no password"));
 }
 
 std::string NeedIndex(const Backup& backup, const backup2::BackupToken& token) {
@@ -214,7 +218,7 @@ std::string NeedIndex(const Backup& backup, const backup2::BackupToken& token) {
     if (vel_file::Exists(index)) return index;
     const Done done = RunTool({"backup2_cp", "--get", backup.StoredIndex(token), index});
     if (done.status != 0) {
-        throw vel_err::Error("fetch", backup.Title(), "no listing: " + done.LastLine());
+        throw std::runtime_error(backup.Title() + ": no listing: " + done.LastLine());
     }
     return index;
 }
@@ -259,15 +263,25 @@ std::string LogWatch::LastFailure() const {
     return last.empty() ? "" : ": " + last;
 }
 
-std::unique_ptr<backup2::Lock> LockWork(const std::string& work, const std::string& user) {
-    const std::string dir = vel_file::ConcatPath("var/run/backup2." + work, user);
-    vel_file::MkDir(dir, vel_file::Attrs(0700));
+WorkLock::WorkLock(const std::string& work, const std::string& user)
+    : dir_(vel_file::ConcatPath("var/run/backup2." + work, user)) {
+    vel_file::MkDir(dir_, vel_file::Attrs(0700));
     try {
-        return std::make_unique<backup2::Lock>(dir);
+        lock_ = std::make_unique<backup2::Lock>(dir_);
     } catch (const vel_err::Error& error) {
         if (error.type() != "lock") throw;
-        throw vel_err::Error("busy", user, "another process does \"backup2 " + work + "\" for it");
+        throw std::runtime_error(user + ": another process does \"backup2 " + work + "\" just now");
     }
+    RemoveTemporaries(dir_, ".tmp.");
+}
+
+void RemoveTemporaries(const std::string& dir, const std::string& beginning) {
+    std::vector<std::string> found;
+    if (!vel_file::Exists(dir)) return;
+    for (vel_file::Dir entries(dir, 2); entries.Next();) {
+        if (str::StartsWith(entries.Name(), beginning)) found.push_back(entries.Path());
+    }
+    for (const std::string& path : found) vel_file::Remove(path);
 }
 
 std::unique_ptr<backup2::Lock> Protect(const Backup& backup) {

@@ -27,7 +27,7 @@ std::string CheckUser(const std::string& user);
 std::string CheckDate(const std::string& date);
 /// One line of standard input, without its line end: how a password gets in.
 std::string ReadSecret();
-/// The text of an error for the end of a line: an error of one word is that word.
+/// An error in words for people.
 std::string Reason(const std::exception& error);
 
 // ---- The panel ----------------------------------------------------------------------------------
@@ -69,7 +69,7 @@ struct Backup {
     std::string BaseDate() const;   ///< of an increment the date of its full backup, else ""
     std::string IndexPath() const;  ///< the local listing, whether it is there or not
     std::string StoredIndex(const backup2::BackupToken& token) const;
-    std::vector<Slice> Slices() const;  ///< throws vel_err::Error for an info file without them
+    std::vector<Slice> Slices() const;  ///< throws for an info file without them
 };
 
 /// The backups of a user ("" all), of a date ("" all), by user and date. A working info file is no
@@ -108,9 +108,20 @@ private:
     uint64_t start_;
 };
 
-/// Only one process at a time does `work` ("run", "restore") for a user; held while the object
-/// lives. Throws vel_err::Error("busy", "user", ...) when another one does it.
-std::unique_ptr<backup2::Lock> LockWork(const std::string& work, const std::string& user);
+/// Only one process at a time does `work` ("run", "restore", "verify") for a user; held while the
+/// object lives. Throws std::runtime_error when another one does it.
+class WorkLock {
+public:
+    WorkLock(const std::string& work, const std::string& user);
+    /// A directory of this work alone, empty but for what its holder puts there.
+    const std::string& Dir() const { return dir_; }
+
+private:
+    std::string dir_;
+    std::unique_ptr<backup2::Lock> lock_;
+};
+/// Removes the temporaries in `dir` that begin with `beginning`: what a dead run left.
+void RemoveTemporaries(const std::string& dir, const std::string& beginning);
 /// Marks the directory of a backup that is read as in use. Null when somebody else has marked it
 /// already: it is protected then as well.
 std::unique_ptr<backup2::Lock> Protect(const Backup& backup);

@@ -4,9 +4,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include "vel/vel_err.h"
 #include "vel/vel_tool.h"
 
 #include "sbin/backup2/commands.h"
+#include "sbin/backup2/job.h"
 
 namespace {
 
@@ -48,7 +50,11 @@ int Body(const std::vector<std::string>& args) {
     } catch (const CLI::ParseError& wrong) {
         throw vel_tool::UsageError(std::string(wrong.what()) + " (backup2 --help shows the usage)");
     }
-    return chosen();
+    try {
+        return chosen();
+    } catch (const vel_err::Error& error) {
+        throw std::runtime_error(Reason(error));
+    }
 }
 
 }  // namespace

@@ -21,7 +21,6 @@ namespace backup2_admin {
 namespace {
 
 const char kVariable[] = "BACKUP2_PROGRESS";
-const char kReports[] = "var/run/backup2.progress";
 constexpr auto kRedraw = std::chrono::milliseconds(200);
 constexpr std::size_t kBarWidth = 24;
 
@@ -48,9 +47,9 @@ uint64_t Count(const nlohmann::json& report, const char* name) {
 
 }  // namespace
 
-ProgressView::ProgressView(std::string title)
+ProgressView::ProgressView(std::string title, const std::string& dir)
     : title_(std::move(title)),
-      file_(kReports),
+      file_(vel_file::ConcatPath(dir, "progress")),
       reports_(OpenReports(file_.Path())),
       start_(Now()) {
     vel_env::SetEnv(kVariable, std::filesystem::absolute(file_.Path()).string());

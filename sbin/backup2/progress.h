@@ -19,7 +19,8 @@ public:
         uint64_t bytes = 0, of_bytes = 0, files = 0, of_files = 0;
     };
 
-    explicit ProgressView(std::string title);
+    /// `dir` is where the file lies: one that only root can enter.
+    ProgressView(std::string title, const std::string& dir);
     ProgressView(const ProgressView&) = delete;
     ProgressView& operator=(const ProgressView&) = delete;
     ~ProgressView();

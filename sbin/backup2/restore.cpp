@@ -63,7 +63,8 @@ private:
     const Options& options_;
     Site site_;
     Backup backup_;
-    std::unique_ptr<backup2::Lock> alone_, in_use_;
+    WorkLock alone_;
+    std::unique_ptr<backup2::Lock> in_use_;
     std::string index_, target_;
     std::vector<std::string> files_, system_;  // names to restore
 };
@@ -71,13 +72,13 @@ private:
 Restore::Restore(const Options& options)
     : options_(options),
       site_(AskSite()),
-      backup_(GetBackup(site_.local_dir, CheckUser(options.user), CheckDate(options.date))) {
+      backup_(GetBackup(site_.local_dir, CheckUser(options.user), CheckDate(options.date))),
+      alone_("restore", backup_.user) {
     if (options.password_stdin) {
         site_.token.SetParam("arch_password", str::base64::Encode(ReadSecret()));
     }
     CheckPassword(backup_, site_.token);
     UseStorage(site_.token);
-    alone_ = LockWork("restore", backup_.user);
     in_use_ = Protect(backup_);
     index_ = NeedIndex(backup_, site_.token);
 }
@@ -116,7 +117,7 @@ void Restore::ChooseTarget() {
 
 int Restore::Files() {
     if (files_.empty()) return vel_tool::kDone;
-    ProgressView progress("restore of " + backup_.user);
+    ProgressView progress("restore of " + backup_.user, alone_.Dir());
     const Extraction extraction("restore", backup_, site_.local_dir, index_);
     if (!options_.dry_run) vel_file::MkDir(target_);
     std::vector<std::string> more = {"--overwrite", options_.overwrite};
@@ -125,7 +126,7 @@ int Restore::Files() {
     for (const std::string& line : result.lines) std::cout << line << "\n";
     const auto seen = progress.Finish("qortar");
     const double seconds = progress.Seconds();
-    std::cout << backup_.Title() << ": " << seen.files << " entries, " << HumanSize(seen.bytes)
+    std::cout << backup_.Title() << ": " << seen.files << " files, " << HumanSize(seen.bytes)
               << " in " << HumanTime(seconds) << ", " << HumanRate(seen.bytes, seconds)
               << std::endl;
     result.ThrowIfFatal(backup_.Title());
@@ -162,7 +163,7 @@ int Restore::Run() {
     const int files = Files();
     const int databases = Databases();
     if (files == vel_tool::kFailed || databases == vel_tool::kFailed) {
-        throw vel_err::Error("restore", backup_.Title(), "not everything came back, see above");
+        throw std::runtime_error(backup_.Title() + ": not everything came back, see above");
     }
     return std::max(files, databases);
 }

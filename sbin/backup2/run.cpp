@@ -56,7 +56,7 @@ struct Report {
 class Job {
 public:
     Job(const std::string& user, const std::string& date)
-        : user_(user), date_(date), alone_(LockWork("run", user)), settings_(kPanel, user, "") {}
+        : user_(user), date_(date), alone_("run", user), settings_(kPanel, user, "") {}
 
     Report Run();
 
@@ -64,6 +64,7 @@ private:
     bool IsCustom() const { return date_ == kCustom; }
     void UseOwnStorage() const;
     void RemoveLeftovers();
+    void RemoveFailed();
     void ChooseNames();
     void WriteWorkingInfo() const;
     void Archive();
@@ -72,7 +73,7 @@ private:
     Report MakeReport(ProgressView& progress);
 
     std::string user_, date_;
-    std::unique_ptr<backup2::Lock> alone_;
+    WorkLock alone_;
     backup2::Settings settings_;
     std::optional<CustomBackup> custom_;
     std::string base_;  // listing of the full backup of an increment, else ""
@@ -88,18 +89,12 @@ Report Job::Run() {
         return nothing;
     }
     UseOwnStorage();
-    if (IsCustom()) {
-        const std::string place = backup2::MkLocalDir(settings_.local_dir(), user_, kCustom);
-        custom_.emplace(settings_.local_dir(), place, user_,
-                        backup2::BackupToken(settings_.storage().at("BACKUP_TOKEN")));
-    }
     RemoveLeftovers();
-    ProgressView progress("backup of " + user_);
+    ProgressView progress("backup of " + user_, alone_.Dir());
     base_ = IsCustom() ? "" : backup2::LookupLastFull(settings_, user_, date_);
     if (base_ == "exists") {
-        throw vel_err::Error("exists", "backup", user_ + " " + date_ + " is there already");
+        throw std::runtime_error("the backup exists already");
     }
-    dir_ = backup2::MkLocalDir(settings_.local_dir(), user_, date_);
     ChooseNames();
     WriteWorkingInfo();
     try {
@@ -114,23 +109,40 @@ Report Job::Run() {
 
 void Job::UseOwnStorage() const {
     const backup2::BackupToken token(settings_.storage().at("BACKUP_TOKEN"));
-    if (!token) throw vel_err::Error("missed", "storage", "no storage is set up for " + user_);
+    if (!token) throw std::runtime_error("no storage is set up in the panel");
     backup2::SetStorageEnv(settings_, user_, date_,
                            str::base64::Decode(token.GetParam("arch_password")));
 }
 
 /// This process alone works for the user now: a working info file is what a dead run left.
 void Job::RemoveLeftovers() {
-    if (IsCustom()) return custom_->Recover();
-    const std::string info =
-        backup2::ConcatPath(settings_.local_dir(), date_ + "." + user_ + ".info");
-    if (!vel_file::Exists(info)) return;
-    logger.Write(5, "Removing what a broken run left of '%s' %s", user_, date_);
-    backup2::DelBackupOnError(settings_.local_dir(), user_, date_);
-    UseOwnStorage();
-    if (vel_file::Exists(info)) {
-        throw vel_err::Error("leftover", info, "a broken run left it and it cannot be removed");
+    const std::string local = settings_.local_dir();
+    if (IsCustom()) {
+        dir_ = backup2::MkLocalDir(local, user_, kCustom);
+        custom_.emplace(local, dir_, user_,
+                        backup2::BackupToken(settings_.storage().at("BACKUP_TOKEN")));
+        return custom_->Recover();
     }
+    info_ = backup2::ConcatPath(local, date_ + "." + user_ + ".info");
+    if (!vel_file::Exists(info_)) return;
+    logger.Write(5, "Removing what a broken run left of '%s' %s", user_, date_);
+    RemoveFailed();
+    if (vel_file::Exists(info_)) {
+        throw std::runtime_error("what a broken run left cannot be removed: " + info_);
+    }
+}
+
+void Job::RemoveFailed() {
+    const std::string local = settings_.local_dir();
+    backup2::DelBackupOnError(local, user_, date_);
+    for (const char* mark : {"F", "I"}) {
+        RemoveTemporaries(local, "." + (mark + date_) + "." + user_ + ".tgz");
+    }
+    const std::string dir = vel_file::SplitPath(backup2::GetInfoFile(local, user_, date_)).dir;
+    RemoveTemporaries(dir, ".tmp.");
+    // Fails when other files are in it, and that is right.
+    (void)::rmdir(dir.c_str());
+    UseOwnStorage();
 }
 
 void Job::ChooseNames() {
@@ -141,10 +153,11 @@ void Job::ChooseNames() {
         info_ = vel_file::ConcatPath(work, "working/custom." + user_ + ".info");
         archive_ = vel_file::ConcatPath(work, "C" + custom_->Stamp() + "." + user_ + ".tgz");
         listing_ = vel_file::ConcatPath(work, "custom." + user_ + ".tgz");
+        vel_file::MkDir(vel_file::SplitPath(info_).dir);
         return;
     }
+    dir_ = backup2::MkLocalDir(local, user_, date_);
     const std::string mark = base_.empty() ? "F" : "I";
-    info_ = backup2::ConcatPath(local, date_ + "." + user_ + ".info");
     archive_ = vel_file::ConcatPath(local, mark + date_ + "." + user_ + ".tgz");
     listing_ = vel_file::ConcatPath(dir_, date_ + "." + user_ + ".tgz");
 }
@@ -157,7 +170,7 @@ void Job::WriteWorkingInfo() const {
     info["user"] = user_;
     if (vel_user::Exists(user_)) info["uid"] = str::Str(int64_t{vel_user::Uid(user_)});
     if (!base_.empty()) info["base"] = "F" + vel_file::Name(base_);
-    const vel_file::Tmp complete(info_);
+    const vel_file::Tmp complete(listing_);
     vel_file::Write(complete.Path(), str::Join(info, "\n") + "\n");
     if (::link(complete.Path().c_str(), info_.c_str()) != 0) {
         vel_err::RaiseErrno("create", info_, errno);
@@ -185,7 +198,7 @@ void Job::Undo() try {
     if (IsCustom()) {
         custom_->TakeBack();
     } else {
-        backup2::DelBackupOnError(settings_.local_dir(), user_, date_);
+        RemoveFailed();
     }
 } catch (const std::exception& error) {
     // The working info file stays, so the next run tries again; the first failure is the one to
@@ -242,7 +255,7 @@ void Print(const Report& report) {
         std::cout << title << "nothing to save" << std::endl;
         return;
     }
-    std::cout << title << report.kind << " backup, " << report.files << " entries, "
+    std::cout << title << report.kind << " backup, " << report.files << " files, "
               << HumanSize(report.bytes) << " in " << report.parts
               << (report.parts == 1 ? " slice, " : " slices, ") << HumanTime(report.seconds)
               << std::endl;
@@ -260,7 +273,7 @@ nlohmann::json Json(const Report& report) {
     json["kind"] = report.empty ? "nothing" : report.kind;
     json["size"] = report.bytes;
     json["slices"] = report.parts;
-    json["entries"] = report.files;
+    json["files"] = report.files;
     json["seconds"] = report.seconds;
     json["flagged"] = nlohmann::json::array();
     for (const auto& entry : report.flagged) {

@@ -29,14 +29,14 @@ int Check(const std::string& user) {
     }
     const Done done = RunTool({"backup2_cp", "--check"});
     const std::string whose = user.empty() ? "the storage" : "the storage of " + user;
-    if (done.status != 0) throw vel_err::Error("storage", whose, done.LastLine());
+    if (done.status != 0) throw std::runtime_error(whose + ": " + done.LastLine());
     std::cout << whose << " can be written, listed and read\n";
     return vel_tool::kDone;
 }
 
 int ShowStorage() {
     const Site site = AskSite();
-    if (!site.token) throw vel_err::Error("missed", "storage", "no storage is set up in the panel");
+    if (!site.token) throw std::runtime_error("no storage is set up in the panel");
     Table table("ll");
     table.Add({"type", site.token.Type()});
     for (const char* name : {"url", "ip", "port", "username", "path", "mode"}) {

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "vel/str.h"
+#include "vel/stream.h"
 #include "vel/vel_file.h"
 #include "vel/vel_hash.h"
 #include "vel/vel_tool.h"
@@ -68,13 +69,20 @@ private:
     uint64_t size_ = 0;
 };
 
+/// The stored bytes as they are. A local storage hands out files and no streams.
+void ReadStored(const backup2::BackupToken& token, const std::string& name, std::ostream& out) {
+    if (!token.IsLocal()) return backup2::GetStorage(token)->GetArch(name, out);
+    vel_file::InStream in(vel_file::ConcatPath(token.GetParam("path"), name));
+    out << in.rdbuf();
+}
+
 /// "" when the stored slice is as it was recorded, else what is wrong with it.
 std::string CheckSlice(const backup2::BackupToken& token, const Slice& slice, uint64_t& bytes) {
     SumBuffer sums;
     std::ostream out(&sums);
     out.exceptions(std::ios::badbit);
     try {
-        backup2::GetStorage(token)->GetArch(slice.path, out);
+        ReadStored(token, slice.path, out);
     } catch (const std::exception& error) {
         return "cannot be read: " + Reason(error);
     }
@@ -147,8 +155,8 @@ void Verification::CheckBase(const Backup& backup, Report& report) {
 
 void Verification::CheckDeep(const Backup& backup, Report& report) {
     CheckPassword(backup, site_.token);
-    const auto alone = LockWork("verify", backup.user);
-    ProgressView progress("verify " + backup.Title());
+    const WorkLock alone("verify", backup.user);
+    ProgressView progress("verify " + backup.Title(), alone.Dir());
     const Extraction archiver("verify", backup, site_.local_dir, NeedIndex(backup, site_.token));
     const auto result = archiver.Run("--verify", "", {}, {});
     for (std::string line : result.lines) {
