@@ -77,7 +77,7 @@ protected:
 };
 
 TEST_F(StorageBase, BytesComeBackThroughOpenssl) {
-    for (const std::size_t size : {0, 1, 15, 16, 17, 3 << 20}) {
+    for (const std::size_t size : std::vector<std::size_t>{0, 1, 15, 16, 17, 3 << 20}) {
         const std::string bytes = RandomBytes(size, 2);
         WriteFile(in_, bytes);
         ASSERT_TRUE(storage_.Put(kArchive, in_));

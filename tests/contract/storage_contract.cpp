@@ -56,7 +56,8 @@ protected:
 using Names = std::vector<std::string>;
 
 TEST_P(StorageContract, GetReturnsTheBytesThatPutStored) {
-    for (const std::size_t size : {0, 1, 15, 16, 17, 1 << 20}) {  // around the cipher's block
+    for (const std::size_t size :
+         std::vector<std::size_t>{0, 1, 15, 16, 17, 1 << 20}) {  // around the cipher's block
         SCOPED_TRACE(size);
         const std::string bytes = RandomBytes(size, 7);
         for (const char* name : {kArchive, kInfo}) {
