@@ -1,6 +1,7 @@
 #include "sbin/backup2_system/child.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,7 +15,8 @@
 namespace backup2_system {
 namespace {
 
-constexpr char kTmpBase[] = "var/run";
+constexpr char kSecretsBase[] = "var/run";
+constexpr char kSecretsName[] = "backup2_system.";  // then the process and a number
 constexpr std::size_t kLongestReason = 400;
 
 /// Settings of the caller's shell must not turn a dump to another server or another account.
@@ -24,6 +26,12 @@ constexpr const char* kForeignVariables[] = {
     "PGOPTIONS",       "PGPASSFILE",     "PGSYSCONFDIR",   "PGSERVICEFILE", "PGSSLMODE",
     "PGAPPNAME",       "MYSQL_PWD",      "MYSQL_HOST",     "MYSQL_HOME",    "MYSQL_TCP_PORT",
     "MYSQL_UNIX_PORT", "HOME",           "XDG_CONFIG_HOME"};
+
+std::string NewSecretsPath() {
+    static int count = 0;
+    return vel_file::ConcatPath(
+        kSecretsBase, kSecretsName + std::to_string(::getpid()) + "." + std::to_string(count++));
+}
 
 /// The first line that speaks of an error, else the first one.
 std::string Reason(const std::string& errors) {
@@ -78,7 +86,17 @@ void Prepare(vel_proc::Execute& child, const Job& job) {
 
 }  // namespace
 
-Secrets::Secrets() : dir_(vel_file::TmpDir::Under(kTmpBase)) {}
+Secrets::Secrets() : dir_(vel_file::TmpDir::At(NewSecretsPath())) {}
+
+void SweepSecrets() {
+    for (vel_file::Dir dir(kSecretsBase); dir.Next();) {
+        std::string name = dir.Name();
+        if (!str::StartsWith(name, kSecretsName)) continue;
+        str::GetWord(name, '.');
+        const pid_t pid = str::Int(str::GetWord(name, '.'));
+        if (pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH) vel_file::Remove(dir.Path());
+    }
+}
 
 std::string Secrets::Add(const std::string& name, const std::string& content) {
     // Absolute: the programs' own start scripts may change the directory.

@@ -26,6 +26,9 @@ private:
     vel_file::TmpDir dir_;
 };
 
+/// Removes what runs that were killed left of their Secrets.
+void SweepSecrets();
+
 struct Job {
     Words program;
     std::map<std::string, std::string> environment;

@@ -13,6 +13,7 @@
 #include "vel/vel_file.h"
 #include "vel/vel_tool.h"
 
+#include "sbin/backup2_system/child.h"
 #include "sbin/backup2_system/database.h"
 #include "sbin/backup2_system/marker.h"
 
@@ -91,12 +92,6 @@ Options Parse(std::vector<std::string> arguments, CLI::App& app) {
     return options;
 }
 
-/// One clear line: which object, which step, why.
-[[noreturn]] void Explain(const Object& object, const vel_err::Error& e) {
-    if (e.type() != "database") throw e;
-    throw std::runtime_error("Database " + object.name + ": " + e.object() + ": " + e.value());
-}
-
 int Act(const Options& options) {
     const Object object = ParseMarkerName(vel_file::Name(options.file));
     try {
@@ -104,7 +99,9 @@ int Act(const Options& options) {
         options.start ? Start(options, object) : EmptyMarker(options.file);
         return vel_tool::kDone;
     } catch (const vel_err::Error& e) {
-        Explain(object, e);
+        if (e.type() != "database") throw;
+        // One clear line: which object, which step, why.
+        throw std::runtime_error("Database " + object.name + ": " + e.object() + ": " + e.value());
     }
 }
 
@@ -113,7 +110,9 @@ int Body(std::vector<std::string> arguments) {
     for (const char* name : {"BACKUP_TOKEN", "BACKUP_STORAGE", "PASSWORD"}) vel_env::UnsetEnv(name);
     CLI::App app("Saves and restores what a user has outside his files.", vel_tool::ProgramName());
     try {
-        return Act(Parse(std::move(arguments), app));
+        const Options options = Parse(std::move(arguments), app);
+        SweepSecrets();
+        return Act(options);
     } catch (const CLI::CallForHelp& help) {
         return app.exit(help);
     }

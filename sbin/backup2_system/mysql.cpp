@@ -45,9 +45,16 @@ std::string GrantName(const std::string& name) {
     return Name(str::Replace(str::Replace(name, "_", "\\_"), "%", "\\%"));
 }
 
+/// An unescaped quote within a value would end it, and a "#" behind it begin a comment.
+std::string OptionValue(const std::string& value) {
+    std::string text = str::Replace(value, "\\", "\\\\");
+    text = str::Replace(text, "\"", "\\\"");
+    return "\"" + str::Replace(text, "'", "\\'") + "\"";
+}
+
 std::string OptionFile(const Access& access, const Account& account) {
     const auto line = [](const std::string& key, const std::string& value) {
-        return value.empty() ? "" : key + "=\"" + str::Replace(value, "\\", "\\\\") + "\"\n";
+        return value.empty() ? "" : key + "=" + OptionValue(value) + "\n";
     };
     return "[client]\n" + line("user", account.login) + line("password", account.password) +
            line("socket", access.socket) + line("host", access.host) + line("port", access.port) +

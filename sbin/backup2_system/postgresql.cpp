@@ -23,6 +23,7 @@ namespace {
 const vel_log::Module logger("backup2_system");
 
 constexpr char kMaintenance[] = "postgres";
+constexpr int kSwapAttempts = 5;
 
 std::string Name(const std::string& name) { return "\"" + str::Replace(name, "\"", "\"\"") + "\""; }
 
@@ -122,16 +123,17 @@ public:
             Administer(access_, "swap", Rename(fresh_, access_.database));
             return;
         }
-        const std::string database = Name(access_.database);
-        Administer(access_, "swap", "ALTER DATABASE " + database + " ALLOW_CONNECTIONS false;\n");
-        try {
-            Administer(access_, "swap",
-                       Disconnect(access_.database) + "BEGIN;\n" + Rename(access_.database, old_) +
-                           Rename(fresh_, access_.database) + "COMMIT;\n");
-        } catch (...) {
-            Administer(access_, "swap",
-                       "ALTER DATABASE " + database + " ALLOW_CONNECTIONS true;\n");
-            throw;
+        const std::string sql = Disconnect(access_.database) + "BEGIN;\n" +
+                                Rename(access_.database, old_) + Rename(fresh_, access_.database) +
+                                "COMMIT;\n";
+        for (int left = kSwapAttempts; left > 0; --left) {
+            try {
+                Administer(access_, "swap", sql);
+                return;
+            } catch (const vel_err::Error&) {
+                // A program that reconnects at once may slip in between: the renaming is refused.
+                if (left == 1) throw;
+            }
         }
     }
 

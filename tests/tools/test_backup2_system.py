@@ -1,0 +1,431 @@
+"""Dumps and restores of real databases, with a stranger at the dump and at the marker."""
+
+import contextlib
+import os
+import pathlib
+import re
+import shutil
+import stat
+import subprocess
+import tempfile
+import unittest
+
+import backup2_test
+from panel import Panel
+
+SERVERS = pathlib.Path(__file__).resolve().parents[1] / "servers"
+OWNER_PASSWORD = "ow'n\"er \\ #;1:x"
+MAGIC = bytes(range(256)) * 5
+
+
+class Server:
+    """A throw-away server, shared by the tests of one class; each uses databases of its own."""
+
+    def __init__(self, kind):
+        self.kind = kind
+        self.work = tempfile.mkdtemp(prefix="backup2-db-")
+        os.chmod(self.work, 0o755)
+        try:
+            shown = self._script("start")
+        except BaseException:
+            self.stop()
+            raise
+        self.settings = dict(line.split("=", 1) for line in shown.splitlines())
+        self.type = "mysql" if kind == "mariadb" else "postgresql"
+
+    def _script(self, action):
+        done = subprocess.run([str(SERVERS / self.kind), action, self.work], text=True, timeout=120,
+                              stdout=subprocess.PIPE, check=False)
+        if done.returncode == 77:
+            raise unittest.SkipTest(f"{self.kind} is not installed")
+        if done.returncode:
+            raise AssertionError(f"{self.kind} {action}: status {done.returncode}")
+        return done.stdout
+
+    def stop(self):
+        self._script("stop")
+        shutil.rmtree(self.work)
+
+    def sql(self, text, database=""):
+        """Runs statements as the administrator; what they print, one line a row."""
+        if self.kind == "mariadb":
+            argv = ["mariadb", "--defaults-file=" + self.settings["options"], "-N", "-r",
+                    "--default-character-set=utf8mb4", database]
+        else:
+            argv = ["psql", "-X", "-q", "-A", "-t", "-w", "-v", "ON_ERROR_STOP=1", "-U", "admin",
+                    "-h", self.settings["socket"], "-p", "5432", "-d", database or "postgres"]
+        env = backup2_test.environment(PGPASSFILE=self.settings.get("pgpass", "/dev/null"))
+        done = subprocess.run(argv, input=text.encode(), env=env, capture_output=True, check=False)
+        if done.returncode:
+            raise AssertionError(done.stderr.decode(errors="replace"))
+        return done.stdout.decode(errors="surrogateescape").strip()
+
+
+class SystemCase(unittest.TestCase):
+    kind = None
+
+    @classmethod
+    def setUpClass(cls):
+        if cls.kind is None:
+            raise unittest.SkipTest("the cases are in the classes below")
+        cls.server = Server(cls.kind)
+        cls.addClassCleanup(cls.server.stop)
+        # The panel's log-in has a password with everything that option files and shells dislike.
+        password = OWNER_PASSWORD.replace("'", "''")
+        if cls.kind == "mariadb":
+            password = password.replace("\\", "\\\\")
+            cls.server.sql(f"CREATE USER boss@localhost IDENTIFIED BY '{password}';"
+                           "GRANT ALL ON *.* TO boss@localhost WITH GRANT OPTION")
+        else:
+            cls.server.sql(f"CREATE ROLE boss SUPERUSER LOGIN PASSWORD '{password}'")
+
+    def setUp(self):
+        self.root = self.enterContext(backup2_test.install_root())
+        self.panel = self.enterContext(Panel())
+        self.tree = self.root / "tree"
+        self.system = self.tree / ".system"
+        self.system.mkdir(parents=True)
+        os.chmod(self.system, 0o700)
+        self.panel.command(["user", "add", "bob", "--root", str(self.tree), "--uid", "1001"])
+        self.panel.command(["server", "add", "srv", "--type", self.server.type, "--socket",
+                            self.server.settings["socket"], "--login", "boss"], OWNER_PASSWORD)
+
+    def give(self, database, owner=""):
+        """Puts the database under the panel's care; gives its (empty) marker."""
+        words = ["db", "add", "bob", "srv", database] + (["--owner", owner] if owner else [])
+        self.panel.command(words, OWNER_PASSWORD if owner else "")
+        marker = self.system / f"db.srv.{database}"
+        marker.touch(mode=0o600)
+        return marker
+
+    def tool(self, action, marker, expect=0, prefix=()):
+        argv = [*prefix, backup2_test.program("backup2_system"), "--" + action, "--user", "bob",
+                "--manager", "qorvel", marker]
+        done = backup2_test.run(argv)
+        self.assertEqual(done.returncode, expect, done.stdout + done.stderr)
+        if expect:
+            self.assertEqual(len(done.stderr.strip().splitlines()), 1, done.stderr)
+        self.assertEqual([p.name for p in (self.root / "var/run").iterdir()
+                          if not p.name.startswith("qorvel.sock")], [], "credentials left behind")
+        return done.stdout + done.stderr
+
+    def dump(self, marker):
+        """What --start writes, kept where --restore may read it; the marker is empty again."""
+        self.tool("start", marker)
+        saved = marker.read_bytes()
+        self.assertEqual(stat.S_IMODE(marker.stat().st_mode), 0o600)
+        self.tool("end", marker)
+        self.assertEqual(marker.stat().st_size, 0)
+        return saved
+
+    def restore(self, marker, dump, expect=0):
+        marker.write_bytes(dump)
+        return self.tool("restore", marker, expect)
+
+    # ---- Cases that both servers pass -----------------------------------------------------------
+
+    def check_secrets_in_arguments(self, marker):
+        trace = self.root / "trace"
+        for action in ("start", "restore"):
+            self.tool(action, marker, prefix=(
+                "strace", "-f", "-qq", "-s", "9999", "-e", "trace=execve", "-o", trace))
+            started = trace.read_text(errors="replace")
+            self.assertIn("dump" if action == "start" else "setpriv", started)
+            self.assertNotIn(OWNER_PASSWORD[-6:], started)
+
+    def check_failed_dump(self, broken):
+        missing = self.give("missing")
+        said = self.tool("start", missing, expect=1)
+        self.assertIn("srv.missing", said)
+        self.assertEqual(missing.stat().st_size, 0)
+        real = shutil.which(broken)  # the real program, cut off after its first bytes
+        fake = self.root / "fake" / broken
+        fake.parent.mkdir()
+        self.server.sql("CREATE DATABASE half")
+        half = self.give("half")
+        for ending in ("exit 0", "kill -9 $$"):
+            fake.write_text(f"#!/bin/sh\n{real} \"$@\" | head -c 300\n{ending}\n")
+            fake.chmod(0o755)
+            with self.subTest(ending):
+                path = f"{fake.parent}:{os.environ['PATH']}"
+                self.tool("start", half, expect=1, prefix=("env", "PATH=" + path))
+                self.assertEqual(half.stat().st_size, 0)
+
+    def check_cut_dump(self, marker, state):
+        """A dump that lost its end is refused and the database stays as it is."""
+        dump, before = self.dump(marker), state()
+        for length in (0, 10, len(dump) // 2, len(dump) - 60):
+            with self.subTest(length):
+                self.restore(marker, dump[:length], expect=1)
+                self.assertEqual(state(), before)
+
+
+class MariaDb(SystemCase):
+    kind = "mariadb"
+
+    def make(self, name, owner=""):
+        self.server.sql(f"CREATE DATABASE `{name}` CHARACTER SET latin1")
+        self.server.sql("""
+            CREATE TABLE plain (id INT PRIMARY KEY AUTO_INCREMENT, word VARCHAR(100));
+            INSERT INTO plain (word) VALUES ('gr\u00fc\u00df'), (NULL), ('quote''s;\\n-- x'), ('\\\\! id');
+            CREATE TABLE wide (word MEDIUMTEXT) CHARACTER SET utf8mb4;
+            INSERT INTO wide VALUES ('\U0001f600 \u4e2d\u6587'), (REPEAT('long line ', 20000));
+            CREATE TABLE raw (bytes LONGBLOB, bits BIT(9));
+            INSERT INTO raw VALUES (0x%s, b'100000001');
+            CREATE VIEW few AS SELECT word FROM plain WHERE id < 3;
+            CREATE TRIGGER doubled BEFORE INSERT ON wide FOR EACH ROW SET NEW.word = CONCAT(NEW.word, '!');
+            DELIMITER //
+            CREATE PROCEDURE fill(n INT) BEGIN WHILE n > 0 DO
+              INSERT INTO plain (word) VALUES (n); SET n = n - 1; END WHILE; END //
+            DELIMITER ;
+            CREATE FUNCTION twice(n INT) RETURNS INT DETERMINISTIC RETURN 2 * n;
+            CREATE EVENT nightly ON SCHEDULE EVERY 1 DAY DO DELETE FROM plain WHERE word IS NULL;
+            """ % MAGIC.hex(), name)
+        if owner:
+            password = OWNER_PASSWORD.replace("\\", "\\\\").replace("'", "''")
+            self.server.sql(f"CREATE USER '{owner}'@'localhost' IDENTIFIED BY '{password}';"
+                            f"GRANT ALL ON `{name}`.* TO '{owner}'@'localhost'")
+        return self.give(name, owner)
+
+    def state(self, name):
+        return self.server.sql(f"""
+            SELECT HEX(word) FROM plain ORDER BY id; SELECT MD5(word) FROM wide ORDER BY word;
+            SELECT MD5(bytes), HEX(bits) FROM raw; SELECT HEX(word) FROM few; SELECT twice(21);
+            SELECT TABLE_NAME, TABLE_TYPE, TABLE_COLLATION FROM information_schema.TABLES
+              WHERE TABLE_SCHEMA='{name}' ORDER BY 1;
+            SELECT ROUTINE_NAME FROM information_schema.ROUTINES WHERE ROUTINE_SCHEMA='{name}' ORDER BY 1;
+            SELECT EVENT_NAME FROM information_schema.EVENTS WHERE EVENT_SCHEMA='{name}';
+            SELECT DEFAULT_CHARACTER_SET_NAME FROM information_schema.SCHEMATA WHERE SCHEMA_NAME='{name}';
+            """, name)
+
+    def test_a_database_comes_back_as_it_was(self):
+        for name, owner in (("owned", "owner1"), ("free.and-easy", "")):
+            with self.subTest(name):
+                marker = self.make(name, owner)
+                before, dump = self.state(name), self.dump(marker)
+                self.assertTrue(dump.rstrip().splitlines()[-1].startswith(b"-- Dump completed"))
+                self.server.sql("DELETE FROM plain; DROP VIEW few; CREATE TABLE later (a INT);"
+                                "DROP FUNCTION twice; INSERT INTO wide VALUES ('new')", name)
+                self.restore(marker, dump)
+                self.assertEqual(self.state(name), before)
+                self.server.sql("CALL fill(2); INSERT INTO wide VALUES ('x')", name)
+                self.server.sql(f"DROP DATABASE `{name}`")
+                self.restore(marker, dump)
+                self.assertEqual(self.state(name), before)
+                definers = self.server.sql(
+                    f"SELECT DEFINER FROM information_schema.VIEWS WHERE TABLE_SCHEMA='{name}' UNION "
+                    f"SELECT DEFINER FROM information_schema.ROUTINES WHERE ROUTINE_SCHEMA='{name}'"
+                    f" UNION SELECT DEFINER FROM information_schema.EVENTS WHERE EVENT_SCHEMA='{name}'"
+                    f" UNION SELECT DEFINER FROM information_schema.TRIGGERS WHERE TRIGGER_SCHEMA='{name}'")
+                self.assertRegex(definers, "^owner1@localhost$" if owner else r"^b2_restore_\w+@%$")
+        self.assertEqual(self.server.sql("SHOW DATABASES LIKE 'b2%'"), "")
+        self.assertIn('"account_locked":true', self.server.sql(
+            "SELECT Priv FROM mysql.global_priv WHERE User LIKE 'b2_restore_%'").replace(" ", ""))
+
+    def test_a_strangers_dump_reaches_nothing_else(self):
+        marker = self.make("target", "owner2")
+        self.server.sql("CREATE DATABASE other; CREATE TABLE other.t (a INT); INSERT INTO other.t VALUES (7)")
+        dump, before = self.dump(marker), self.state("target")
+        canary = self.root / "canary"
+        sandbox = b"/*M!999999\\- enable the sandbox mode */"
+        hostile = [
+            f"\\! touch {canary}\n", f"system touch {canary}\n", f"\\o |touch {canary}\n",
+            f"tee {canary}\n", f"\\T {canary}\n", "source /etc/passwd\n",
+            f"SELECT 'x' INTO OUTFILE '{canary}';\n",
+            f"SELECT 1;\n\\! touch {canary}\n-- '\n",
+            f"CREATE TABLE l (a TEXT);\nLOAD DATA LOCAL INFILE '/etc/passwd' INTO TABLE l;\n",
+            "DROP DATABASE other;\n", "USE other;\nDELETE FROM t;\n", "DELETE FROM other.t;\n",
+            "GRANT ALL ON *.* TO 'owner2'@'localhost';\n", "CREATE USER 'evil'@'%';\n",
+            "CREATE DEFINER=`root`@`localhost` PROCEDURE bad() SQL SECURITY DEFINER DELETE FROM other.t;\nCALL bad();\n",
+            "SET @x=1; CREATE DEFINER=`root`@`localhost` VIEW bad2 AS SELECT * FROM other.t;\n",
+        ]
+        for text in hostile:
+            with self.subTest(text):
+                marker.write_bytes(text.encode() + dump.replace(sandbox, b""))
+                self.tool("restore", marker, expect=1)
+                self.assertFalse(canary.exists())
+                self.assertEqual(self.state("target"), before)
+                self.assertEqual(self.server.sql("SELECT a FROM other.t"), "7")
+        self.assertEqual(self.server.sql("SELECT COUNT(*) FROM mysql.user WHERE User='evil'"), "0")
+        self.assertNotRegex(self.server.sql("SHOW GRANTS FOR 'owner2'@'localhost'"),
+                            r"ALL PRIVILEGES ON \*|b2")
+
+    def test_cut_and_failed_dumps(self):
+        marker = self.make("cut")
+        self.check_cut_dump(marker, lambda: self.state("cut"))
+        self.check_failed_dump("mariadb-dump")
+
+    def test_no_secret_in_arguments(self):
+        self.check_secrets_in_arguments(self.make("quiet", "owner3"))
+
+
+class Postgres(SystemCase):
+    kind = "postgres"
+
+    def make(self, name, owner=""):
+        if owner:
+            self.server.sql("CREATE ROLE %s LOGIN PASSWORD '%s'" % (
+                owner, OWNER_PASSWORD.replace("'", "''")))
+        self.server.sql(f'CREATE DATABASE "{name}" TEMPLATE template0 ENCODING \'LATIN1\' LC_COLLATE '
+                        f"'C' LC_CTYPE 'C'" + (f" OWNER {owner}" if owner else ""))
+        self.server.sql((f"SET ROLE {owner};" if owner else "") + """
+            CREATE TABLE plain (id serial PRIMARY KEY, word text);
+            INSERT INTO plain (word) VALUES ('gr' || chr(252)), (NULL), (E'quote''s\\n\\\\! id'), ('\\.');
+            CREATE TABLE raw (bytes bytea); INSERT INTO raw VALUES ('\\x%s');
+            CREATE TABLE "odd
+            \\! name" (a int); INSERT INTO "odd
+            \\! name" VALUES (5);
+            CREATE VIEW few AS SELECT word FROM plain WHERE id < 3;
+            CREATE FUNCTION twice(n int) RETURNS int LANGUAGE plpgsql AS $$ BEGIN RETURN 2 * n; END $$;
+            SELECT lo_from_bytea(4242, 'large object'); COMMENT ON TABLE plain IS 'noted';
+            """ % MAGIC.hex(), name)
+        return self.give(name, owner)
+
+    def state(self, name):
+        return self.server.sql("""
+            SELECT id, md5(word) FROM plain ORDER BY id; SELECT md5(bytes) FROM raw; SELECT * FROM few;
+            SELECT twice(21), lo_get(4242), obj_description('plain'::regclass);
+            SELECT relname, relkind FROM pg_class WHERE relnamespace='public'::regnamespace ORDER BY 1;
+            SELECT datcollate, encoding FROM pg_database WHERE datname=current_database();
+            SELECT nextval('plain_id_seq') > 4""", name)
+
+    def test_a_database_comes_back_as_it_was(self):
+        for name, owner in (("owned", "owner1"), ("free.and-easy", "")):
+            with self.subTest(name):
+                marker = self.make(name, owner)
+                before, dump = self.state(name), self.dump(marker)
+                self.server.sql("DELETE FROM plain; DROP VIEW few; CREATE TABLE later (a int);"
+                                "DROP FUNCTION twice(int)", name)
+                self.restore(marker, dump)
+                self.assertEqual(self.state(name), before)
+                owners = self.server.sql(
+                    "SELECT DISTINCT pg_get_userbyid(relowner) FROM pg_class WHERE relnamespace="
+                    "'public'::regnamespace UNION SELECT pg_get_userbyid(datdba) FROM pg_database "
+                    "WHERE datname=current_database()", name)
+                self.assertRegex(owners, "^owner1$" if owner else r"^b2_owner_\w+$")
+        self.server.sql("DROP DATABASE owned")
+        self.restore(self.system / "db.srv.owned", (self.system / "db.srv.owned").read_bytes())
+        self.assertEqual(self.server.sql("SELECT count(*) FROM raw", "owned"), "1")
+        self.assertEqual(self.server.sql(
+            "SELECT datname FROM pg_database WHERE datname LIKE 'b2%' UNION "
+            "SELECT rolname FROM pg_roles WHERE rolname LIKE 'b2_restore%'"), "")
+
+    def test_a_strangers_dump_reaches_nothing_else(self):
+        marker = self.make("target", "owner2")
+        dump, before = self.dump(marker), self.state("target")
+        canary = self.root / "canary"
+        for text in (f"\\! touch {canary}\n", f"\\o |touch {canary}\n-- PostgreSQL database dump complete\n",
+                     f"COPY plain FROM PROGRAM 'touch {canary}';\n"):
+            with self.subTest(text):  # text is no archive
+                self.restore(marker, text.encode(), expect=1)
+                self.assertFalse(canary.exists())
+        # The archive itself, with the definition of the function replaced by as long a text: what
+        # its maker would put there.
+        found = re.search(rb"CREATE FUNCTION public\.twice.*?\$\$;\n", dump, re.S)
+        for text in (f"\\! touch {canary}\n", f"COPY plain FROM PROGRAM 'touch /tmp/b2canary';\n",
+                     "ALTER ROLE owner2 SUPERUSER;", "RESET ROLE; CREATE ROLE evil;",
+                     "COPY plain(word) FROM '/etc/passwd';", "DROP DATABASE postgres;"):
+            with self.subTest(text):
+                body = text.encode().ljust(len(found[0]))[:len(found[0])]
+                self.restore(marker, dump.replace(found[0], body), expect=1)
+                self.assertFalse(canary.exists() or os.path.exists("/tmp/b2canary"))
+                self.assertEqual(self.state("target"), before)
+        self.assertEqual(self.server.sql("SELECT rolsuper FROM pg_roles WHERE rolname='owner2'"), "f")
+        self.server.sql("ALTER ROLE owner2 SUPERUSER")
+        self.assertIn("superuser", self.restore(marker, dump, expect=1))
+
+    def test_cut_and_failed_dumps(self):
+        marker = self.make("cut")
+        self.check_cut_dump(marker, lambda: self.state("cut"))
+        self.check_failed_dump("pg_dump")
+
+    def test_no_secret_in_arguments(self):
+        self.check_secrets_in_arguments(self.make("quiet", "owner3"))
+
+
+class Markers(unittest.TestCase):
+    def setUp(self):
+        self.root = self.enterContext(backup2_test.install_root())
+        self.panel = self.enterContext(Panel())
+        self.panel.command("user add bob --root /srv/bob --uid 1001")
+        self.system = self.root / "tree/.system"
+        self.system.mkdir(parents=True)
+        os.chmod(self.system, 0o700)
+        self.victim = self.root / "victim"
+        self.victim.write_text("untouched")
+
+    def tool(self, action, path):
+        return backup2_test.run(["backup2_system", "--" + action, "--user", "bob", "--manager",
+                                 "qorvel", path], timeout=20)
+
+    def test_the_users_document_is_written_and_emptied(self):
+        marker = self.system / "user.bob"
+        marker.touch()
+        self.assertEqual(self.tool("start", marker).returncode, 0)
+        self.assertIn('name="user.edit"', marker.read_text())
+        restored = self.tool("restore", marker)
+        self.assertEqual(restored.returncode, 0)
+        self.assertIn("nothing to restore", restored.stdout)
+        self.assertEqual(self.tool("end", marker).returncode, 0)
+        self.assertEqual(marker.read_text(), "")
+
+    def test_credentials_of_a_killed_run_are_swept(self):
+        with subprocess.Popen(["true"]) as ended:
+            ended.wait()
+        left = [self.root / f"var/run/backup2_system.{pid}.0" for pid in (ended.pid, os.getpid())]
+        for folder in left:
+            folder.mkdir()
+            (folder / "client.cnf").write_text("password")
+        (self.system / "user.bob").touch()
+        self.assertEqual(self.tool("end", self.system / "user.bob").returncode, 0)
+        self.assertEqual([folder.exists() for folder in left], [False, True])
+
+    def test_names_outside_the_grammar_are_refused(self):
+        for name in ("db.srv", "db..x", "db.srv.", "other.x", "db.-x.y", "db.srv.a b", "db.srv.$(id)",
+                     "db.srv.a\nb", "user.", "user.a;b", "bob"):
+            with self.subTest(name):
+                self.assertEqual(self.tool("start", self.system / name).returncode, 2)
+
+    def test_nothing_planted_is_written_through(self):
+        marker = self.system / "user.bob"
+        plants = {
+            "symbolic link": lambda: marker.symlink_to(self.victim),
+            "hard link": lambda: os.link(self.victim, marker),
+            "FIFO": lambda: os.mkfifo(marker),
+            "folder": marker.mkdir,
+            "nothing": lambda: None,
+            "a user's file": lambda: (marker.touch(), os.chown(marker, 1001, 1001)),
+        }
+        for kind, plant in plants.items():
+            plant()
+            for action in ("start", "end"):
+                with self.subTest(kind, action=action):
+                    done = self.tool(action, marker)
+                    self.assertEqual(done.returncode, 1, done.stderr)
+                    self.assertEqual(self.victim.read_text(), "untouched")
+            with contextlib.suppress(FileNotFoundError):
+                marker.rmdir() if marker.is_dir() else marker.unlink()
+
+    def test_a_planted_folder_is_refused(self):
+        elsewhere = self.root / "elsewhere"
+        elsewhere.mkdir()
+        (elsewhere / "user.bob").write_text("untouched")
+        for kind in ("link", "user's folder", "writable"):
+            self.system.rename(self.root / kind)
+            if kind == "link":
+                self.system.symlink_to(elsewhere)
+            else:
+                self.system.mkdir()
+                (self.system / "user.bob").write_text("untouched")
+                os.chown(self.system, 1001 if kind == "user's folder" else 0, 0)
+                os.chmod(self.system, 0o777 if kind == "writable" else 0o755)
+            with self.subTest(kind):
+                self.assertEqual(self.tool("start", self.system / "user.bob").returncode, 1)
+                self.assertEqual((self.system / "user.bob").read_text(), "untouched")
+        self.assertEqual((elsewhere / "user.bob").read_text(), "untouched")
+
+
+del SystemCase  # its classes above hold the cases
+
+if __name__ == "__main__":
+    unittest.main()
