@@ -18,8 +18,6 @@ const std::string kTgz = ".tgz", kAes = ".aes", kInfo = ".info", kDar = ".dar", 
 const std::string kCustom = "custom";
 constexpr std::size_t kDateSize = 10, kMaxName = 255;
 
-bool IsControl(char c) { return static_cast<unsigned char>(c) < 32 || c == 127; }
-
 bool CutEnd(std::string& text, const std::string& end) {
     if (text.size() <= end.size() || !str::EndsWith(text, end)) return false;
     text.resize(text.size() - end.size());
@@ -80,6 +78,8 @@ bool ReadEnding(std::string& rest, BackupName& out) {
 }
 
 }  // namespace
+
+bool IsControl(char c) { return static_cast<unsigned char>(c) < 32 || c == 127; }
 
 std::optional<uint64_t> ParseNumber(const std::string& text, uint64_t max) {
     uint64_t value = 0;

@@ -43,6 +43,8 @@ BackupName InfoNameOf(const std::string& path);
 /// A number of decimal digits without sign and leading zeros, at most `max`.
 std::optional<uint64_t> ParseNumber(const std::string& text, uint64_t max = UINT64_MAX);
 
+bool IsControl(char c);  ///< a byte below 32, or 127
+
 /// A relative path below a storage's base: no empty, "." or ".." part, no control bytes, no part
 /// that begins with "-". Throws std::runtime_error that quotes it.
 void CheckStorageName(const std::string& name);

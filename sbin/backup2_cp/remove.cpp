@@ -23,6 +23,7 @@ namespace {
 
 const vel_log::Module logger("backup2_cp");
 const std::string kMarker = ".backup.inuse";
+const std::string kTemporary = ".tmp.";  // what a killed writer leaves
 
 /// One backup and where its local files lie.
 struct Place {
@@ -105,6 +106,8 @@ bool IsOwn(const std::string& bare, const BackupName& backup) {
     return name && name->SameBackup(backup);
 }
 
+bool IsLeftOver(const std::string& bare) { return str::StartsWith(bare, kTemporary); }
+
 bool Holds(backup2::Storage& storage, const std::string& dir, const std::string& bare) {
     std::list<std::string> names;
     storage.List(names, dir);
@@ -126,7 +129,7 @@ void RemoveStored(const Target& target, const BackupName& backup) {
         }
     }
     storage->List(left, folder);
-    left.remove(kMarker);
+    left.remove_if([](const auto& bare) { return bare == kMarker || IsLeftOver(bare); });
     if (left.empty() && Holds(*storage, backup.user, backup.date)) storage->RmDir(folder);
 }
 
@@ -139,7 +142,8 @@ void RemoveLocal(const Place& place) {
     for (const auto& dir : {place.top, place.folder}) {
         if (!vel_file::Info(dir).IsDir()) continue;
         for (vel_file::Dir entry(dir, 2); entry.Next();) {
-            if (IsOwn(entry.Name(), place.name)) paths.push_back(entry.Path());
+            const bool stale = dir == place.folder && IsLeftOver(entry.Name());
+            if (stale || IsOwn(entry.Name(), place.name)) paths.push_back(entry.Path());
         }
     }
     paths.remove_if([&](const auto& path) { return vel_file::GoodPath(path) == place.info; });

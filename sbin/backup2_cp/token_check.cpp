@@ -68,9 +68,8 @@ bool IsCloud(const std::string& type) {
 void CheckToken(const backup2::BackupToken& token) {
     const std::string type = token.Type();
     if (type.empty()) Refuse("names no storage type");
-    for (unsigned char c : token.Str()) {
-        if (c < 32 || c == 127) Refuse("holds control bytes");
-    }
+    const std::string text = token.Str();
+    if (std::any_of(text.begin(), text.end(), IsControl)) Refuse("holds control bytes");
     const bool shell = type == "node" || type == "sftp";
     CheckPath(token.GetParam("path"), shell || token.IsLocal(), shell);
     if (shell || type == "ftp") {

@@ -94,9 +94,12 @@ SliceSums PutOnce(const Target& target, const std::string& local, const std::str
         source = vel_file::ConcatPath(work.emplace().Path(), vel_file::Name(local));
         vel_file::CopyFile(local, source);
     }
+    const bool encrypted = target.Encrypts(stored);
     Summing summing(local);
     const auto storage = target.Open();
     storage->MkDir(vel_file::SplitPath(stored).dir);
+    // Its user may hold an earlier object open: the cipher must not write into that inode.
+    if (encrypted && target.Token().IsLocal()) vel_file::Remove(target.LocalPath(stored));
     if (!storage->Put(stored, source)) throw NoRoom("no room");
     SliceSums sums;
     const bool linked = SameInode(RegularFile(source), vel_file::Info(target.LocalPath(stored)));

@@ -452,6 +452,25 @@ done
             self.assertNotIn("BACKUP_TOKEN", environ)
             self.assertEqual(SECRET in environ, '"env:PASSWORD"' in argv or "env:PASSWORD" in argv)
 
+    def test_the_panel_names_the_storage_when_the_environment_does_not(self):
+        panel = t.start(["backup2_panel", "serve"])
+        try:
+            self.assertIn("ready", panel.stdout.readline())
+            self.assertEqual(t.run(["backup2_panel", "user", "add", "bob", "--root", self.root,
+                                    "--uid", "65534"], stdin="").returncode, 0)
+            mine, theirs = self.root / "panel's", self.root / "bob's"
+            for words, place in ((["set"], mine), (["set", "--user", "bob"], theirs)):
+                done = t.run(["backup2_panel", "storage", *words], stdin=t.local_token(place, SECRET))
+                self.assertEqual(done.returncode, 0, done.stderr)
+            for variables, place in (({}, mine), ({"BACKUP_STORAGE": "bob"}, theirs)):
+                self.assertIn(str(place), self.cp("--check", BACKUP_TOKEN="", **variables))
+            said = self.cp("--check", code=1, BACKUP_TOKEN="", BACKUP_STORAGE="alice")
+            self.assertIn("alice", said)
+        finally:
+            panel.terminate()
+            panel.communicate()
+        self.cp("--check", code=1, BACKUP_TOKEN="")
+
     # ---- The rest -------------------------------------------------------------------------------
 
     def test_wrong_usage_does_nothing(self):
