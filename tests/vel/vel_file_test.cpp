@@ -202,11 +202,17 @@ TEST_F(Files, RemoveLeavesWhatIsMountedInTheTree) {
     ASSERT_EQ(::umount((dir_ / "tree/mount").c_str()), 0);
 }
 
-/// A process that exchanges two names as fast as it can until the object goes.
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+/// A process that exchanges the names of each pair as fast as it can until the object goes.
 class Racer {
 public:
-    Racer(const std::string& a, const std::string& b) : pid_(::fork()) {
-        while (pid_ == 0) ::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
+    explicit Racer(const Pairs& pairs) : pid_(::fork()) {
+        while (pid_ == 0) {
+            for (const auto& [a, b] : pairs) {
+                ::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
+            }
+        }
     }
     Racer(const Racer&) = delete;
     Racer& operator=(const Racer&) = delete;
@@ -221,26 +227,29 @@ private:
 
 TEST_F(Files, RacerWhoSwapsFoldersForLinksLosesNobodysFiles) {
     const std::string home = dir_ / "home", tree = home + "/tree";
-    MkDir(outside_ / "sub", Attrs(0755));
-    WriteFile(outside_ / "sub/precious", "canary");
-    int removed = 0;
+    WriteFile(outside_ / "precious", "canary");
+    int removed = 0, rounds = 0;
     for (const auto end = ::time(nullptr) + 2; ::time(nullptr) < end;) {
-        MkDir(tree + "/sub/deeper");
-        for (const char* name : {"/sub/1", "/sub/2", "/sub/precious"}) WriteFile(tree + name, "");
-        for (const auto& [at, target] : {std::pair(tree + "/link", outside_ / "sub"),
-                                         std::pair(home + "/link", outside_.Path())}) {
-            Remove(at);  // the last round may have left a folder here
-            ASSERT_EQ(::symlink(target.c_str(), at.c_str()), 0);
-            ASSERT_EQ(::lchown(at.c_str(), kStranger, 0), 0);
+        Pairs inner, parent = {{tree, home + "/link"}};
+        for (int i = 0; i < 200; ++i) {
+            inner.emplace_back(tree + "/" + std::to_string(i), home + "/" + std::to_string(i));
+            MkDir(inner.back().first);
+        }
+        MkDir(tree + "/precious");
+        for (const Pairs& pairs : {inner, parent}) {
+            for (const auto& [folder, link] : pairs) {
+                Remove(link);  // the last round may have left a folder here
+                ASSERT_EQ(::symlink(outside_.Path().c_str(), link.c_str()), 0);
+                ASSERT_EQ(::lchown(link.c_str(), kStranger, 0), 0);
+            }
         }
         ASSERT_EQ(::chown(home.c_str(), kStranger, 0), 0);
-        const Racer inner(tree + "/link", tree + "/sub"), parent(home + "/link", tree);
-        for (const char* path : {"/sub/1", "/sub/precious", "", "/sub"}) {
-            const std::string failure = Failure([&] { Remove(tree + path); });
-            removed += failure == "none";
-        }
+        const Racer racer(++rounds % 2 == 0 ? parent : inner);
+        for (int i = 0; rounds % 2 == 0 && i < 100; ++i)
+            Failure([&] { Remove(tree + "/precious"); });
+        removed += Failure([&] { Remove(tree); }) == "none";
     }
-    EXPECT_EQ(ReadFile(outside_ / "sub/precious"), "canary");
+    EXPECT_EQ(ReadFile(outside_ / "precious"), "canary");
     EXPECT_GT(removed, 0) << "nothing was tried";
 }
 
