@@ -84,6 +84,14 @@ void CheckSums(const Target& target, const std::string& stored, const SliceSums&
     }
 }
 
+/// On a local storage an earlier object goes first: its user may hold it open, so nothing must be
+/// written into that inode, and a link where nothing stands is made in one step.
+void MakePlace(const Target& target, const std::string& source, const std::string& stored) {
+    const std::string there = target.LocalPath(stored);
+    if (there.empty() || SameInode(RegularFile(source), vel_file::Info(there, false))) return;
+    vel_file::Remove(there);
+}
+
 /// One attempt at one upload.
 SliceSums PutOnce(const Target& target, const std::string& local, const std::string& stored,
                   bool keep) {
@@ -94,12 +102,10 @@ SliceSums PutOnce(const Target& target, const std::string& local, const std::str
         source = vel_file::ConcatPath(work.emplace().Path(), vel_file::Name(local));
         vel_file::CopyFile(local, source);
     }
-    const bool encrypted = target.Encrypts(stored);
     Summing summing(local);
     const auto storage = target.Open();
     storage->MkDir(vel_file::SplitPath(stored).dir);
-    // Its user may hold an earlier object open: the cipher must not write into that inode.
-    if (encrypted && target.Token().IsLocal()) vel_file::Remove(target.LocalPath(stored));
+    MakePlace(target, source, stored);
     if (!storage->Put(stored, source)) throw NoRoom("no room");
     SliceSums sums;
     const bool linked = SameInode(RegularFile(source), vel_file::Info(target.LocalPath(stored)));
