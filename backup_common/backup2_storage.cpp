@@ -2,7 +2,6 @@
 
 #include <sys/vfs.h>
 
-#include <limits>
 #include <stdexcept>
 
 #include "vel/str.h"
@@ -141,9 +140,8 @@ bool Storage::Put(const std::string& name, const std::string& local) {
     vel_proc::Execute encoder(kEncoder + " -in " + vel_proc::Escape(local), vel_proc::kStream);
     encoder.In(password_).CloseIn().Run();
     const bool stored = PutArch(name, encoder.Out());
-    // A back-end without room leaves output unread, and an encoder that meets a closed pipe fails:
-    // that would hide the answer.
-    if (!stored) encoder.Out().ignore(std::numeric_limits<std::streamsize>::max());
+    // Result also drains what a back-end without room left unread: an encoder that meets a closed
+    // pipe fails, and that would hide the answer.
     if (encoder.Result() != 0) FailToEncode();
     return stored;
 }

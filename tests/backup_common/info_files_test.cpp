@@ -94,6 +94,7 @@ TEST_F(InfoFiles, SearchFindsBothLayoutsOfOneUserAndDate) {
         }
         fs::create_directories(base + "/2024-03-01.bob.info");
         fs::create_directory_symlink(base + "/eve", base + "/mallory");
+        fs::create_directory_symlink(base + "/eve/2024-01-31", base + "/bob/2024-03-03");
     }
     const Names everything = {"2024-01-31.bob.info", "bob/2024-01-31/2024-01-31.bob.info",
                               "bob/2024-02-01/2024-02-01.bob#r.info", "bob/custom/custom.bob.info",

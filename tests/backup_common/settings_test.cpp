@@ -161,6 +161,8 @@ TEST_F(SettingsTest, FolderSwappedDuringTheJobCostsNobodyAFile) {
     auto settings = Make(Files() + spec_);
     fs::rename(root_ + "/.system", root_ + "/moved");
     fs::create_directory_symlink(work_.Path() + "/canary", root_ + "/.system");
+    EXPECT_THROW(settings->Init(), vel_err::AssertError);
+    EXPECT_EQ(settings->system(), "");
     settings.reset();
     EXPECT_EQ(In(work_.Path() + "/canary"), Names({"file"}));
     EXPECT_EQ(In(root_ + "/moved"), Names()) << "the markers are gone, wherever they are now";
