@@ -155,6 +155,7 @@ done
                     damage(self.stored(1))
                     to, said = self.get(info, 1, code=1)
                     self.assertIn(str(self.stored(1).relative_to(self.store)), said)
+                    self.assertRegex(said, "damaged|stored size|stored are|missing")
                     self.assertFalse(os.path.exists(to.parent) and os.listdir(to.parent))
                     self.stored(1).unlink(missing_ok=True)
                     self.stored(1).write_bytes(good)
@@ -168,7 +169,7 @@ done
 
     def test_another_password_is_called_that(self):
         info = self.backup([b"content"])
-        for self.password, said in (("some other", "wrong password"), (None, "has no password")):
+        for self.password, said in (("some other", "wrong password: the backup was made"), (None, "has no password")):
             self.assertIn(said, self.get(info, 1, code=1)[1])
         self.password, self.store = None, self.root / "plain"
         info = self.backup([b"content"])
