@@ -184,7 +184,8 @@ class MariaDb(SystemCase):
         if owner:
             password = OWNER_PASSWORD.replace("\\", "\\\\").replace("'", "''")
             self.server.sql(f"CREATE USER '{owner}'@'localhost' IDENTIFIED BY '{password}';"
-                            f"GRANT ALL ON `{name}`.* TO '{owner}'@'localhost'")
+                            "GRANT ALL ON `%s`.* TO '%s'@'localhost'" % (
+                                name.replace("_", "\\_"), owner))
         return self.give(name, owner)
 
     def state(self, name):
@@ -223,9 +224,10 @@ class MariaDb(SystemCase):
             "SELECT Priv FROM mysql.global_priv WHERE User LIKE 'b2_restore_%'").replace(" ", ""))
 
     def test_a_strangers_dump_reaches_nothing_else(self):
-        marker = self.make("target", "owner2")
-        self.server.sql("CREATE DATABASE other; CREATE TABLE other.t (a INT); INSERT INTO other.t VALUES (7)")
-        dump, before = self.dump(marker), self.state("target")
+        # A grant for tar_get, taken as a pattern, would cover the other one too.
+        marker = self.make("tar_get", "owner2")
+        self.server.sql("CREATE DATABASE tarXget; CREATE TABLE tarXget.t (a INT); INSERT INTO tarXget.t VALUES (7)")
+        dump, before = self.dump(marker), self.state("tar_get")
         canary = self.root / "canary"
         sandbox = b"/*M!999999\\- enable the sandbox mode */"
         hostile = [
@@ -234,18 +236,18 @@ class MariaDb(SystemCase):
             f"SELECT 'x' INTO OUTFILE '{canary}';\n",
             f"SELECT 1;\n\\! touch {canary}\n-- '\n",
             f"CREATE TABLE l (a TEXT);\nLOAD DATA LOCAL INFILE '/etc/passwd' INTO TABLE l;\n",
-            "DROP DATABASE other;\n", "USE other;\nDELETE FROM t;\n", "DELETE FROM other.t;\n",
+            "DROP DATABASE tarXget;\n", "USE tarXget;\nDELETE FROM t;\n", "DELETE FROM tarXget.t;\n",
             "GRANT ALL ON *.* TO 'owner2'@'localhost';\n", "CREATE USER 'evil'@'%';\n",
-            "CREATE DEFINER=`root`@`localhost` PROCEDURE bad() SQL SECURITY DEFINER DELETE FROM other.t;\nCALL bad();\n",
-            "SET @x=1; CREATE DEFINER=`root`@`localhost` VIEW bad2 AS SELECT * FROM other.t;\n",
+            "CREATE DEFINER=`root`@`localhost` PROCEDURE bad() SQL SECURITY DEFINER DELETE FROM tarXget.t;\nCALL bad();\n",
+            "SET @x=1; CREATE DEFINER=`root`@`localhost` VIEW bad2 AS SELECT * FROM tarXget.t;\n",
         ]
         for text in hostile:
             with self.subTest(text):
                 marker.write_bytes(text.encode() + dump.replace(sandbox, b""))
                 self.tool("restore", marker, expect=1)
                 self.assertFalse(canary.exists())
-                self.assertEqual(self.state("target"), before)
-                self.assertEqual(self.server.sql("SELECT a FROM other.t"), "7")
+                self.assertEqual(self.state("tar_get"), before)
+                self.assertEqual(self.server.sql("SELECT a FROM tarXget.t"), "7")
         self.assertEqual(self.server.sql("SELECT COUNT(*) FROM mysql.user WHERE User='evil'"), "0")
         self.assertNotRegex(self.server.sql("SHOW GRANTS FOR 'owner2'@'localhost'"),
                             r"ALL PRIVILEGES ON \*|b2")
