@@ -35,17 +35,26 @@ bool Covers(const std::string& folder, const std::string& other) {
            other.compare(0, folder.size() + 1, folder + "/") == 0;
 }
 
-// The folders in normal form, without those that lie in others of the list. What leads out of the
-// root is told and left out.
+// Whether the text is one of ".", "./", ".//." and the like.
+bool NamesRoot(const std::string& text) {
+    return !text.empty() && text[0] == '.' && text.find("..") == std::string::npos &&
+           text.find_first_not_of("./") == std::string::npos;
+}
+
+// In normal form; "" for what does not lie below the root.
+std::string CleanFolder(const std::string& text) {
+    if (NamesRoot(text)) return std::string(1, '.');
+    std::string folder = vel_file::GoodPath(text);
+    return folder.empty() || folder[0] == '/' ? std::string() : folder;
+}
+
+// The folders without those that lie in others of the list. What leads out of the root is reported
+// and left out.
 std::vector<std::string> CleanFolders(const std::vector<std::string>& given) {
-    if (given.empty()) return {"."};
     std::vector<std::string> folders;
     for (const std::string& text : given) {
-        std::string folder = vel_file::GoodPath(text);
-        const bool is_root =
-            text.find_first_not_of("./") == std::string::npos && text.find("..") > text.size();
-        if (folder.empty() && is_root && !text.empty() && text[0] != '/') folder = ".";
-        if (folder.empty() || folder[0] == '/') {
+        const std::string folder = CleanFolder(text);
+        if (folder.empty()) {
             std::fprintf(stderr, "%s\tit is not below the root\n",
                          backup2::EncodeFileName(text).c_str());
             continue;
@@ -55,6 +64,7 @@ std::vector<std::string> CleanFolders(const std::vector<std::string>& given) {
         std::erase_if(folders, [&](const std::string& other) { return Covers(folder, other); });
         folders.push_back(folder);
     }
+    if (given.empty()) folders.push_back(CleanFolder("."));
     return folders;
 }
 
