@@ -187,7 +187,9 @@ void TreeSaver::SaveFolder(const std::string& folder) {
     const std::string name = vel_file::Name(folder);
     const vel_file::ResHandle parent =
         dir.empty() ? root_ : OpenBeneath(root_, dir, O_RDONLY | O_DIRECTORY);
-    if (!parent) return ReportOpenFailure({root_, folder, folder, DT_DIR}, errno);
+    const Found whole{root_, folder, folder, DT_UNKNOWN};
+    if (!parent && errno == ENOENT) return ReportOpenFailure(whole, ENOENT);
+    if (!parent) return ReportEntry(whole, 'u', "what stands above it is no folder");
     const Found found{parent, name, folder, DT_UNKNOWN};
     if (TypeOf(found) == DT_LNK) return ReportEntry(found, 'u', "it is a link and not followed");
     const vel_file::ResHandle fd = Visit(found);
