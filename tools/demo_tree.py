@@ -12,6 +12,7 @@ import pathlib
 import pickle
 import pwd
 import random
+import stat
 import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "tests/support"))
@@ -25,14 +26,20 @@ def make(top, owner):
     top = pathlib.Path(top)
     (top / "changed-later").write_bytes(random.Random(1).randbytes(4096))
     uid, gid = pwd.getpwnam(owner)[2:4]
-    os.chown(top / "changed-later", uid, gid)
-    # Names of one inode must be the user's: others' are not read for him.
-    for folder, dirs, files in os.walk(top):
+    own(top / "changed-later", uid, gid)
+    # Set-id bits and several names of one inode are kept for what is the user's own.
+    for folder, _, files in os.walk(top):
         for name in files:
-            path = os.path.join(folder, name)
-            info = os.lstat(path)
-            if info.st_nlink > 1 and info.st_uid != uid:
-                os.chown(path, uid, gid, follow_symlinks=False)
+            info = os.lstat(os.path.join(folder, name))
+            if info.st_nlink > 1 or (stat.S_ISREG(info.st_mode) and info.st_mode & 0o6000):
+                own(os.path.join(folder, name), uid, gid)
+
+
+def own(path, uid, gid):
+    mode = os.lstat(path).st_mode
+    os.chown(path, uid, gid, follow_symlinks=False)
+    if not stat.S_ISLNK(mode):
+        os.chmod(path, stat.S_IMODE(mode))  # chown dropped set-id bits
 
 
 def change(top):

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <list>
+#include <stdexcept>
 
 #include "vel/str.h"
 #include "vel/vel_date.h"
-#include "vel/vel_err.h"
 #include "vel/vel_file.h"
 
 #include "backup_common/backup2_misc.h"
@@ -59,7 +59,10 @@ std::string CustomBackup::StampIn(const std::string& info_path) const {
 
 void CustomBackup::Recover() {
     for (const std::string& stamp : StampsOf(kComplete)) Complete(stamp);
-    for (const std::string& stamp : StampsOf(kMaking)) TakeBack(stamp);
+    for (const std::string& stamp : StampsOf(kMaking)) {
+        EndOrphans(Dir(kMaking, stamp));
+        TakeBack(stamp);
+    }
 }
 
 void CustomBackup::Begin() {

@@ -1,9 +1,9 @@
 /// backup2 delete: removes one backup.
 #include <iostream>
+#include <stdexcept>
 
 #include <CLI/CLI.hpp>
 
-#include "vel/vel_err.h"
 #include "vel/vel_file.h"
 #include "vel/vel_tool.h"
 

@@ -2,9 +2,9 @@
 
 #include <map>
 #include <set>
+#include <stdexcept>
 
 #include "vel/str.h"
-#include "vel/vel_err.h"
 #include "vel/vel_proc.h"
 
 #include "backup_common/backup2_misc.h"
@@ -37,10 +37,10 @@ void EachEntry(const std::string& index,
         complete = str::StartsWith(line, "#end ");
         if (str::StartsWith(line, "#")) continue;
         const auto fields = Fields(line);
-        if (fields.size() != kFields) throw vel_err::Error("listing", "broken", index);
+        if (fields.size() != kFields) throw std::runtime_error(index + ": broken listing");
         each(fields[kFlags], backup2::DecodeFileName(fields[kName]));
     }
-    if (tar.Result() != 0 || !complete) throw vel_err::Error("listing", "broken", index);
+    if (tar.Result() != 0 || !complete) throw std::runtime_error(index + ": broken listing");
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 #include "sbin/backup2/extract.h"
 
+#include <stdexcept>
+
 #include "vel/str.h"
-#include "vel/vel_err.h"
 #include "vel/vel_proc.h"
 #include "vel/vel_user.h"
 
@@ -31,9 +32,9 @@ void Sort(const std::string& output, Extraction::Result& result) {
 
 void Extraction::Result::ThrowIfFatal(const std::string& title) const {
     if (status == 0 || status == 3 || !lines.empty()) return;
-    throw vel_err::Error(
-        "restore", title,
-        message.empty() ? "the archiver ended with status " + str::Str(status) : message);
+    throw std::runtime_error(
+        title + ": " +
+        (message.empty() ? "the archiver ended with status " + str::Str(status) : message));
 }
 
 Extraction::Extraction(const std::string& work, const Backup& backup, const std::string& local_dir,

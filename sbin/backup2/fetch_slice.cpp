@@ -1,11 +1,10 @@
 /// backup2 fetch-slice: one command by which qortar gets any slice while it restores. The slice's
 /// own name tells which backup it belongs to, so it serves an increment and its base alike.
-#include <iostream>
+#include <stdexcept>
 
 #include <CLI/CLI.hpp>
 
 #include "vel/str.h"
-#include "vel/vel_err.h"
 #include "vel/vel_file.h"
 #include "vel/vel_tool.h"
 

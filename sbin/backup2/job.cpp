@@ -3,8 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <list>
+#include <set>
 #include <stdexcept>
 #include <tuple>
 
@@ -49,6 +53,21 @@ void ReadSums(std::string text, Slice& slice) {
     slice.stored = static_cast<uint64_t>(str::Int64(str::GetWord(text)));
     slice.plain_sum = str::GetWord(text);
     slice.stored_sum = str::GetWord(text);
+}
+
+/// The service's own programs that have `path` in an argument.
+std::vector<pid_t> ProgramsWith(const std::string& path) {
+    static const std::set<std::string> kPrograms = {"sbin/qortar", "sbin/backup2_cp", "/bin/sh"};
+    std::vector<pid_t> found;
+    for (vel_file::Dir processes("/proc", 2); processes.Next();) {
+        const int pid = str::Int(processes.Name());
+        if (pid <= 0 || pid == ::getpid()) continue;
+        std::ifstream file(processes.Path() + "/cmdline", std::ios::binary);
+        const std::string words(std::istreambuf_iterator<char>(file), {});
+        const bool own = kPrograms.count(words.substr(0, words.find('\0'))) != 0;
+        if (own && words.find(path) != std::string::npos) found.push_back(pid);
+    }
+    return found;
 }
 
 }  // namespace
@@ -273,6 +292,16 @@ WorkLock::WorkLock(const std::string& work, const std::string& user)
         throw std::runtime_error(user + ": another process does \"backup2 " + work + "\" just now");
     }
     RemoveTemporaries(dir_, ".tmp.");
+}
+
+void EndOrphans(const std::string& path) {
+    for (int tries = 0; tries < 100; ++tries) {
+        const auto orphans = ProgramsWith(path);
+        if (orphans.empty()) return;
+        for (const pid_t pid : orphans) ::kill(pid, SIGKILL);  // it may have ended by itself
+        vel_proc::Sleep(100);
+    }
+    throw std::runtime_error("programs of a broken run do not end; they work with " + path);
 }
 
 void RemoveTemporaries(const std::string& dir, const std::string& beginning) {

@@ -120,6 +120,9 @@ private:
     std::string dir_;
     std::unique_ptr<backup2::Lock> lock_;
 };
+/// Ends programs of a run whose "backup2" was killed: they work with the file or folder `path` and
+/// would go on writing. Throws when they do not end.
+void EndOrphans(const std::string& path);
 /// Removes the temporaries in `dir` that begin with `beginning`: what a dead run left.
 void RemoveTemporaries(const std::string& dir, const std::string& beginning);
 /// Marks the directory of a backup that is read as in use. Null when somebody else has marked it

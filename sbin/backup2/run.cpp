@@ -125,6 +125,7 @@ void Job::RemoveLeftovers() {
     }
     info_ = backup2::ConcatPath(local, date_ + "." + user_ + ".info");
     if (!vel_file::Exists(info_)) return;
+    EndOrphans(info_);
     logger.Write(5, "Removing what a broken run left of '%s' %s", user_, date_);
     RemoveFailed();
     if (vel_file::Exists(info_)) {

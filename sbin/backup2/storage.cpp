@@ -1,10 +1,10 @@
 /// backup2 storage: is the storage usable, and which one is it.
 #include <iostream>
+#include <stdexcept>
 
 #include <CLI/CLI.hpp>
 
 #include "vel/vel_env.h"
-#include "vel/vel_err.h"
 #include "vel/vel_tool.h"
 
 #include "sbin/backup2/commands.h"

@@ -1,0 +1,322 @@
+"""The command of the administrator, end to end: panel, archiver, copy tool, storage, databases."""
+
+import contextlib
+import json
+import os
+import pathlib
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+import backup2_test
+from backup2_test import local_token, run, tree_state
+from panel import Panel
+
+USER = "www-data"  # every Debian has it
+MONDAY, TUESDAY, WEDNESDAY = "2024-03-04", "2024-03-05", "2024-03-06"
+SERVERS = pathlib.Path(__file__).parents[1] / "servers"
+PASSWORD = "a pass'word $(touch canary)"
+
+
+def own(path):
+    """Gives it to the user, mode kept: set-id bits and hard links are restored for him only then."""
+    mode = os.lstat(path).st_mode & 0o7777
+    os.chown(path, 33, 33)
+    os.chmod(path, mode)
+
+
+@unittest.skipUnless(os.geteuid() == 0, "the service runs as root")
+class BackupRestore(unittest.TestCase):
+    def setUp(self):
+        stack = contextlib.ExitStack()
+        self.addCleanup(stack.close)
+        self.root = stack.enter_context(backup2_test.install_root())
+        # Words that a shell or an option parser would stumble over.
+        self.home = self.root / "www/it's $(touch canary) \"here\"" / USER
+        self.store = self.root / "the store $(touch canary)"
+        self.local = self.root / "-local %p dir/var/backup/qorvel"
+        (self.home / "data").mkdir(parents=True)
+        self.store.mkdir()
+        self.panel = stack.enter_context(Panel())
+        self.panel.command(["user", "add", USER, "--root", str(self.home)])
+        self.use_password(PASSWORD)
+
+    def use_password(self, password):
+        self.panel.command(["storage", "set", "--slice-size", "1M", f"--local-dir={self.local}"],
+                           local_token(self.store, password))
+
+    def make_tree(self):
+        backup2_test.make_tree(self.home / "data", seed=5)
+        own(self.home / "data/links/first")
+        for path in (self.home / "data/sizes").iterdir():
+            if path.stat().st_mode & 0o6000:
+                own(path)
+
+    def backup2(self, *words, expect=0, **options):
+        done = run(["backup2", *words], **options)
+        self.assertEqual(done.returncode, expect, (words, done.stdout, done.stderr))
+        if expect == 1:  # one line says why, on both outputs
+            self.assertEqual(done.stderr.count("\n"), 1 if words[0] != "verify" else 0, done.stderr)
+        self.assertNotIn(PASSWORD, done.stdout + done.stderr)
+        self.assertEqual(list(self.root.rglob("canary")), [])
+        return done.stdout
+
+    def restored(self, date, *words):
+        target = pathlib.Path(tempfile.mkdtemp(dir=self.root)) / "-to here"
+        self.backup2("restore", USER, date, f"--to={target}", *words)
+        return target
+
+    def slices(self, date=MONDAY):
+        return sorted(self.store.glob(f"{USER}/{date}/[FIC]*"))
+
+    def assert_nothing_left(self):
+        """Neither working files nor temporaries: the local tree holds indexes and infos only."""
+        left = [path for path in self.local.rglob("*") if path.is_file()
+                and not (path.suffix in (".tgz", ".info") and path.name[0] in "2c")]
+        left += [path for path in self.local.iterdir() if path.name != USER]
+        left += list(self.home.glob(".system*"))
+        left += [path for path in (self.root / "var/run").glob("backup2*/*/*")]
+        left += [path for path in self.store.rglob(".*")]
+        self.assertEqual([str(path) for path in left], [])
+
+    # ---- The main job ---------------------------------------------------------------------------
+
+    def test_full_and_incremental_states_come_back_identical(self):
+        self.make_tree()
+        before = tree_state(self.home)
+        self.backup2("run", USER, "--date", MONDAY)
+        (self.home / "data/names/-rf").unlink()
+        (self.home / "data/new \n file").write_text("new")
+        os.rename(self.home / "data/small", self.home / "data/big")
+        after = tree_state(self.home)
+        self.backup2("run", USER, "--date", TUESDAY)
+        self.assertEqual(tree_state(self.restored(MONDAY)), before)
+        self.assertEqual(tree_state(self.restored(TUESDAY)), after)
+        self.backup2("verify", "--deep")
+
+        kinds = {row["date"]: (row["kind"], row["base"])
+                 for row in json.loads(self.backup2("list", "--json"))}
+        self.assertEqual(kinds, {MONDAY: ("full", ""), TUESDAY: ("incremental", MONDAY)})
+        self.assertIn("exists", self.backup2("run", USER, "--date", TUESDAY, expect=1))
+        self.assert_nothing_left()
+
+    def test_single_paths_come_back_alone_and_without_needless_slices(self):
+        self.make_tree()
+        self.backup2("run", USER, "--date", MONDAY)
+        wanted = ["data/names/$(touch canary)", "data/names/-rf", "data/names/quote'\"`"]
+        target = self.restored(MONDAY, *wanted)
+        found = [str(p.relative_to(target)) for p in target.rglob("*") if p.is_file()]
+        self.assertEqual(sorted(found), sorted(wanted))
+        # Neither the listing nor what lies elsewhere is needed for them.
+        holding = [path for path in self.slices() if self.restores_without(path, wanted)]
+        self.assertGreaterEqual(len(holding), len(self.slices()) - 2)
+
+    def restores_without(self, path, wanted):
+        """True when the paths come back while the slice `path` is not there."""
+        away = path.rename(path.parent / "away")
+        done = run(["backup2", "restore", USER, MONDAY, f"--to={self.root}/without", *wanted])
+        away.rename(path)
+        return done.returncode == 0
+
+    def test_a_lost_listing_is_fetched_from_the_storage(self):
+        self.make_tree()
+        self.backup2("run", USER, "--date", MONDAY)
+        index, = self.local.glob(f"{USER}/*/*.tgz")
+        index.unlink()
+        self.assertEqual(tree_state(self.restored(MONDAY)), tree_state(self.home))
+
+    def test_a_custom_backup_replaces_the_older_one_only_after_success(self):
+        (self.home / "data/state").write_text("first")
+        self.backup2("run", USER, "--custom")
+        old = self.slices("custom")
+        (self.home / "data/state").write_text("second")
+        self.backup2("run", USER, "--custom")
+        self.assertEqual((self.restored("custom") / "data/state").read_text(), "second")
+        self.assertFalse(set(old) & set(self.slices("custom")))
+        (self.home / "data/state").write_text("third")
+        (self.home / "data/random").write_bytes(os.urandom(40 << 20))
+        for name in ("qortar", "backup2"):
+            process = backup2_test.start(["backup2", "run", USER, "--custom"])
+            self.kill_one(name, process, "custom", len(self.slices("custom")) + 2)
+            process.communicate(timeout=60)
+            self.assertEqual((self.restored("custom") / "data/state").read_text(), "second")
+        (self.home / "data/random").unlink()
+        self.backup2("run", USER, "--custom")
+        self.assertEqual((self.restored("custom") / "data/state").read_text(), "third")
+        self.assertEqual(len(self.slices("custom")), 1)
+        self.backup2("verify", USER, "custom", "--deep")
+        self.assert_nothing_left()
+
+    # ---- Faults ---------------------------------------------------------------------------------
+
+    def test_damaged_slices_are_named_by_verify_and_stop_a_restore(self):
+        self.make_tree()
+        self.backup2("run", USER, "--date", MONDAY)
+        whole = [path.read_bytes() for path in self.slices()]
+        self.assertGreater(len(whole), 2)
+        names = self.slices()
+
+        def flip(data):
+            return data[:5000] + bytes([data[5000] ^ 1]) + data[5001:]
+
+        damages = {"flipped": flip, "cut": lambda data: data[:-16], "empty": lambda data: b"",
+                   "another slice": lambda data: whole[0], "missing": None}
+        for title, damage in damages.items():
+            with self.subTest(title):
+                names[1].unlink() if damage is None else names[1].write_bytes(damage(whole[1]))
+                report = self.backup2("verify", USER, expect=1)
+                self.assertIn(names[1].name, report)
+                self.assertNotIn(names[0].name, report)
+                target = self.root / f"out {title}"
+                self.backup2("restore", USER, MONDAY, f"--to={target}", expect=1)
+                self.assert_only_whole_files(target)
+                names[1].write_bytes(whole[1])
+        self.backup2("verify", USER)
+
+    def assert_only_whole_files(self, target):
+        whole = tree_state(self.home)
+        for name, entry in tree_state(target).items():
+            self.assertEqual(entry.sha256, whole[name].sha256, name)
+
+    def test_another_password_is_refused_and_the_right_one_can_be_given(self):
+        self.make_tree()
+        self.backup2("run", USER, "--date", MONDAY)
+        self.use_password("another")
+        refused = self.backup2("restore", USER, MONDAY, f"--to={self.root}/out", expect=1)
+        self.assertIn("another password", refused)
+        self.assertFalse((self.root / "out").exists())
+        target = self.root / "right"
+        self.backup2("restore", USER, MONDAY, f"--to={target}", "--password-stdin", stdin=PASSWORD)
+        self.assertEqual(tree_state(target), tree_state(self.home))
+        # A full backup of another password is no base.
+        self.backup2("run", USER, "--date", TUESDAY)
+        self.assertEqual(json.loads(self.backup2("show", USER, TUESDAY, "--json"))["kind"], "full")
+
+    def test_after_a_killed_program_the_next_run_works(self):
+        (self.home / "data/random").write_bytes(os.urandom(40 << 20))
+        for name in ("qortar", "backup2_cp", "backup2"):
+            with self.subTest(name):
+                process = backup2_test.start(["backup2", "run", USER, "--date", MONDAY])
+                self.kill_one(name, process, MONDAY, 2)
+                process.communicate(timeout=60)
+                self.assertNotEqual(process.returncode, 0)
+                self.assertEqual(self.backup2("list"), "no backups\n")
+                self.backup2("run", USER, "--date", MONDAY)
+                self.backup2("verify", USER, "--deep")
+                self.assert_nothing_left()
+                self.backup2("delete", USER, MONDAY)
+
+    def kill_one(self, name, backup2_process, date, slices):
+        """Kills the program `name` of this install root once so many slices are stored."""
+        until = time.monotonic() + 60
+        while time.monotonic() < until:
+            self.assertIsNone(backup2_process.poll(), "too fast to be killed")
+            if len(self.slices(date)) < slices:
+                continue
+            for pid in (int(p) for p in os.listdir("/proc") if p.isdigit()):
+                with contextlib.suppress(OSError):
+                    here = os.readlink(f"/proc/{pid}/cwd") == str(self.root)
+                    if here and os.path.basename(os.readlink(f"/proc/{pid}/exe")) == name:
+                        return os.kill(pid, signal.SIGKILL)
+        self.fail(f"no {name} to kill")
+
+    def test_a_full_disk_while_slicing_fails_and_leaves_nothing(self):
+        (self.home / "data/random").write_bytes(os.urandom(8 << 20))
+        self.local.mkdir(parents=True)
+        mounted = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=700k", "tmpfs", self.local],
+                                 capture_output=True, check=False)
+        if mounted.returncode != 0:
+            self.skipTest("no mounts here")
+        try:
+            self.assertIn("No space left", self.backup2("run", USER, "--date", MONDAY, expect=1))
+            self.assert_nothing_left()
+            self.assertEqual(self.slices(), [])
+        finally:
+            subprocess.run(["umount", self.local], check=True)
+        self.backup2("run", USER, "--date", MONDAY)
+
+    def test_a_planted_system_link_gains_nothing(self):
+        outside = self.root / "outside"
+        outside.mkdir()
+        (outside / "kept").write_text("kept")
+        (self.home / ".system").symlink_to(outside)
+        self.assertIn("symlink", self.backup2("run", USER, "--date", MONDAY, expect=1))
+        self.assertEqual(os.listdir(outside), ["kept"])
+        (self.home / ".system").unlink()
+        self.backup2("run", USER, "--date", MONDAY)
+
+    def test_unsaved_entries_end_with_warnings_that_name_them(self):
+        (self.home / "data/good").write_text("good")
+        (self.home / "data/mine").write_text("root's, with two names")
+        os.link(self.home / "data/mine", self.root / "elsewhere")
+        shown = self.backup2("run", USER, "--date", MONDAY, expect=3)
+        self.assertIn("data/mine\tbelongs to another user", shown)
+        self.backup2("restore", USER, MONDAY, f"--to={self.root}/out", expect=3)
+        self.assertEqual(os.listdir(self.root / "out/data"), ["good"])
+
+    def test_wrong_words_end_with_status_2(self):
+        for words in (["run"], ["run", USER, "--all"], ["run", "../x"], ["show", USER, "2024-02-30"],
+                      ["restore", USER, MONDAY, "--overwrite", "perhaps"], ["nonsense"]):
+            self.backup2(*words, expect=2)
+
+    # ---- Databases ------------------------------------------------------------------------------
+
+    def test_rows_of_both_databases_come_back(self):
+        with self.database_servers() as (maria, postgres):
+            for ask in (maria, postgres):
+                ask("CREATE TABLE t (n int PRIMARY KEY, s text); INSERT INTO t VALUES (1, 'a''b')")
+            self.backup2("run", USER, "--date", MONDAY)
+            for ask in (maria, postgres):
+                ask("DELETE FROM t; CREATE TABLE later (n int)")
+            shown = self.backup2("restore", USER, MONDAY, "--yes", ".system")
+            self.assertEqual(shown.count("\trestored\n"), 3, shown)
+            for ask in (maria, postgres):
+                self.assertEqual(ask("SELECT s FROM t"), "a'b")
+            self.assertFalse((self.home / ".system").exists())
+
+    @contextlib.contextmanager
+    def database_servers(self):
+        work = pathlib.Path(tempfile.mkdtemp())
+        work.chmod(0o711)
+        with contextlib.ExitStack() as stack:
+            stack.callback(shutil.rmtree, work)
+            keys = {}
+            for name in ("mariadb", "postgres"):
+                done = subprocess.run([SERVERS / name, "start", work / name], text=True,
+                                      stdout=subprocess.PIPE, check=False)
+                if done.returncode == 77:
+                    self.skipTest(name + " is missing")
+                stack.callback(subprocess.run, [SERVERS / name, "stop", work / name], check=True)
+                keys[name] = dict(line.split("=", 1) for line in done.stdout.splitlines())
+            yield self.use_mariadb(keys["mariadb"]), self.use_postgres(keys["postgres"])
+
+    def use_mariadb(self, keys):
+        def ask(sql, database="shop"):
+            return subprocess.run(["mariadb", f"--defaults-file={keys['options']}", "-N", database],
+                                  input=sql, text=True, capture_output=True, check=True).stdout.strip()
+        ask("CREATE DATABASE shop; CREATE USER shop@localhost IDENTIFIED BY 'x y';"
+            "GRANT ALL ON shop.* TO shop@localhost", "mysql")
+        self.panel.command(["server", "add", "maria", "--type", "mysql", "--socket", keys["socket"],
+                            "--login", keys["login"]], keys["password"])
+        self.panel.command(["db", "add", USER, "maria", "shop", "--owner", "shop"], "x y")
+        return ask
+
+    def use_postgres(self, keys):
+        def ask(sql, database="shop", user="shop"):
+            secret = {"PGPASSFILE": keys["pgpass"]} if user == "admin" else {"PGPASSWORD": "x y"}
+            return subprocess.run(["psql", "-XAtqw", "-v", "ON_ERROR_STOP=1", "-h", keys["socket"],
+                                   "-p", keys["port"], "-U", user, "-d", database], input=sql, text=True,
+                                  env=os.environ | secret, capture_output=True, check=True).stdout.strip()
+        ask("CREATE ROLE shop LOGIN PASSWORD 'x y'; CREATE DATABASE shop OWNER shop;".replace("; ", ";\n"),
+            "postgres", "admin")
+        self.panel.command(["server", "add", "pg", "--type", "postgresql", "--socket", keys["socket"],
+                            "--port", keys["port"], "--login", keys["login"]], keys["password"])
+        self.panel.command(["db", "add", USER, "pg", "shop", "--owner", "shop"], "x y")
+        return ask
+
+
+if __name__ == "__main__":
+    unittest.main()
