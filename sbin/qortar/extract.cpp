@@ -371,9 +371,10 @@ void StreamRestore::Restore(TarStream& tar, Item& item, Writer& writer) {
 }
 
 void StreamRestore::Finish(Writer& writer) {
-    for (const auto& [name, item] : links_) Attempt(report_, name, [&] { writer.MakeLink(item); });
-    for (const auto& [name, item] : hard_links_)
-        Attempt(report_, name, [&] { writer.MakeHardLink(item); });
+    for (const auto& link : links_)
+        Attempt(report_, link.first, [&] { writer.MakeLink(link.second); });
+    for (const auto& link : hard_links_)
+        Attempt(report_, link.first, [&] { writer.MakeHardLink(link.second); });
     for (auto it = folders_.rbegin(); it != folders_.rend(); ++it)
         Attempt(report_, it->first,
                 [&] { writer.FinishFolder(it->second.item, it->second.state); });

@@ -266,10 +266,12 @@ class Damage(Case):
                 line = self.packed.lines[20]
                 before, line[column] = line[column], value
                 self.packed.write()
-                for action in ("--extract", "--verify"):
-                    done = self.qortar(action, self.packed, root=action == "--extract")
-                    self.assertEqual(done.returncode, 1, action)
-                    self.assertIn(line[13] if column != 9 else "part9", done.stdout if action == "--extract" else "part9")
+                done = self.qortar("--extract", self.packed)
+                self.assertEqual(done.returncode, 1)
+                self.assertEqual([text.split("\t")[0] for text in done.stdout.splitlines()], [line[13]])
+                done = self.qortar("--verify", self.packed, root=False)
+                self.assertEqual(done.returncode, 1)
+                self.assertRegex(done.stdout, r"part\d")
                 line[column] = before
 
     def test_a_failing_fetch_is_named_once_a_slice(self):
