@@ -20,7 +20,7 @@
 namespace qortar {
 namespace {
 
-constexpr uint64_t kLargestUnit = 16 << 20, kSmallestUnit = 1 << 20;
+constexpr uint64_t kLargestUnit = 32 << 20, kSmallestUnit = 1 << 20;
 
 bool EndsTheRun(const std::exception& error) {
     const auto* known = dynamic_cast<const vel_err::Error*>(&error);
