@@ -167,11 +167,11 @@ struct ArchiveStream::Impl {
     }
 
     void Write(Block& block) {
-        const Place place = slices.Next();
+        const SlicePlace place = slices.Next();
         if (block.used > 0) slices.Write(block.member.get(), block.member_size);
         for (Listed& listed : block.listed) {
             if (listed.origin != Origin::Given) {
-                const Place& at = listed.origin == Origin::ThisBlock ? place : open_entry;
+                const SlicePlace& at = listed.origin == Origin::ThisBlock ? place : open_entry;
                 listed.entry.slice = at.slice;
                 listed.entry.member = at.offset;
             }
@@ -194,7 +194,7 @@ struct ArchiveStream::Impl {
     std::size_t begin_offset = 0;
 
     // Of the thread that writes.
-    Place open_entry;  // of the last entry that began in a block before
+    SlicePlace open_entry;  // of the last entry that began in a block before
 
     std::mutex mutex;  // guards what follows
     std::condition_variable changed;

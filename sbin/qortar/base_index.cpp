@@ -42,9 +42,9 @@ uint64_t RandomNumber() {
 BaseIndex::BaseIndex(const std::string& path) : path_(path), secret_(RandomNumber()) {
     ReadListing(path, [this](const Entry& entry) {
         if (entry.Has('b') || entry.Has('D')) throw vel_err::Error("listing", "incremental", path_);
-        records_.push_back({NameHash(entry.name), StateHash(entry),
-                            entry.member & ((1ULL << 48) - 1),
-                            static_cast<uint16_t>(FlagBits(entry)), entry.slice, entry.offset});
+        records_.push_back(
+            {NameHash(entry.name), StateHash(entry), entry.member & ((1ULL << 48) - 1),
+             static_cast<uint16_t>(FlagBits(entry)), entry.slice, entry.offset, records_.size()});
     });
     std::sort(records_.begin(), records_.end(),
               [](const Record& a, const Record& b) { return a.name < b.name; });
@@ -87,14 +87,12 @@ bool BaseIndex::TakeUnchanged(Entry& entry) {
 }
 
 void BaseIndex::ForEachUnseen(const std::function<void(const Entry&)>& each) const {
-    const bool all_seen = std::all_of(records_.begin(), records_.end(), [](const Record& record) {
-        return (record.flags & kSeen) != 0;
-    });
-    if (all_seen) return;
-    ReadListing(path_, [&](const Entry& entry) {
-        const Record* record = Find(NameHash(entry.name));
-        if (record != nullptr && (record->flags & kSeen) == 0) each(entry);
-    });
+    std::vector<bool> unseen(records_.size());
+    for (const Record& record : records_) unseen[record.number] = (record.flags & kSeen) == 0;
+    if (std::find(unseen.begin(), unseen.end(), true) == unseen.end()) return;
+    ReadListing(
+        path_, [&unseen](uint64_t number) { return number < unseen.size() && unseen[number]; },
+        each);
 }
 
 }  // namespace qortar

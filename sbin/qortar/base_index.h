@@ -1,4 +1,4 @@
-/// The base listing of an incremental archive, kept small: some 32 bytes for an entry.
+/// The base listing of an incremental archive, kept small: 40 bytes for an entry.
 #pragma once
 
 #include <cstdint>
@@ -29,8 +29,9 @@ private:
         uint64_t name, state;
         uint64_t member : 48, flags : 16;
         uint32_t slice, offset;
+        uint64_t number;  // of the entry in the listing
     };
-    static_assert(sizeof(Record) == 32);
+    static_assert(sizeof(Record) == 40);
 
     uint64_t NameHash(const std::string& name) const;
     uint64_t StateHash(const Entry& entry) const;

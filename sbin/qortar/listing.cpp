@@ -13,6 +13,7 @@
 
 #include <archive.h>
 #include <archive_entry.h>
+#include <isa-l.h>
 
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
@@ -30,6 +31,7 @@ constexpr std::string_view kEndMark = "#end ";
 constexpr std::string_view kTypes = "fdlhp";
 constexpr std::string_view kFlags = "bcuvnsxD";
 constexpr std::size_t kTextBlock = 1 << 20;
+constexpr uint64_t kMostText = (8ULL << 30) - 1;
 // Longer than any line that the writer makes: names and targets are bounded by the tar header's.
 constexpr std::size_t kLongestLine = 8 << 20;
 
@@ -151,6 +153,8 @@ void ListingWriter::Finish() {
     Impl& it = *impl_;
     it.text += std::string(kEndMark) + std::to_string(it.entries) + "\n";
     it.FlushText();
+    // A longer header would not fit over the first one.
+    if (it.text_size > kMostText) throw vel_err::Error("listing", "too_large", it.path);
     it.WriteStored(std::string(TarPadding(it.text_size) + kTarEndSize, '\0'));
     if (::lseek(it.fd, 0, SEEK_SET) != 0) vel_err::RaiseErrno("seek", it.path, errno);
     it.WriteHeader();
@@ -264,8 +268,9 @@ private:
 // Takes the text piece by piece and hands out its entries.
 class TextReader {
 public:
-    TextReader(const std::string& path, const std::function<void(const Entry&)>& each)
-        : path_(path), each_(each) {}
+    TextReader(const std::string& path, const std::function<bool(uint64_t)>& wanted,
+               const std::function<void(const Entry&)>& each)
+        : path_(path), wanted_(wanted), each_(each) {}
 
     void Feed(std::string_view piece) {
         while (!piece.empty()) {
@@ -308,7 +313,7 @@ private:
                 Fail("wrong number of entries");
             ended_ = true;
         } else {
-            each_(ParseLine(line));
+            if (!wanted_ || wanted_(entries_)) each_(ParseLine(line));
             ++entries_;
         }
     }
@@ -322,11 +327,74 @@ private:
     }
 
     const std::string& path_;
+    const std::function<bool(uint64_t)>& wanted_;
     const std::function<void(const Entry&)>& each_;
     std::string pending_;
     uint64_t line_ = 0, entries_ = 0;
     bool ended_ = false;
 };
+
+// The plain bytes of a gzip file of one or more members, for libarchive's callbacks: its own
+// decompression takes three times as long.
+class GzipSource {
+public:
+    explicit GzipSource(const std::string& path) : file_(path), in_(kTextBlock), out_(kTextBlock) {
+        isal_inflate_init(&state_);
+        state_.crc_flag = ISAL_GZIP;
+    }
+
+    std::string_view Next() {
+        for (;;) {
+            if (!full_ && state_.avail_in == 0 && !Refill()) return {};
+            state_.next_out = out_.data();
+            state_.avail_out = static_cast<uint32_t>(out_.size());
+            inside_ = true;
+            if (const int status = isal_inflate(&state_); status != ISAL_DECOMP_OK) {
+                throw std::runtime_error("damaged gzip data (" + std::to_string(status) + ")");
+            }
+            full_ = state_.avail_out == 0;  // there may be more without further input
+            const std::size_t size = out_.size() - state_.avail_out;
+            if (state_.block_state == ISAL_BLOCK_FINISH) StartMember();
+            if (size > 0) return {reinterpret_cast<const char*>(out_.data()), size};
+        }
+    }
+
+private:
+    bool Refill() {
+        file_.read(reinterpret_cast<char*>(in_.data()), static_cast<std::streamsize>(in_.size()));
+        state_.next_in = in_.data();
+        state_.avail_in = static_cast<uint32_t>(file_.gcount());
+        if (state_.avail_in > 0) return true;
+        if (inside_) throw std::runtime_error("the file was cut");
+        return false;
+    }
+    void StartMember() {
+        uint8_t* const next = state_.next_in;
+        const uint32_t left = state_.avail_in;
+        isal_inflate_reset(&state_);
+        state_.crc_flag = ISAL_GZIP;
+        state_.next_in = next;
+        state_.avail_in = left;
+        inside_ = full_ = false;
+    }
+
+    vel_file::InStream file_;
+    std::vector<uint8_t> in_, out_;
+    inflate_state state_{};
+    bool inside_ = false, full_ = false;
+};
+
+// Exceptions must not pass through libarchive, which is C.
+la_ssize_t ReadPlain(archive* reader, void* source, const void** bytes) {
+    try {
+        const std::string_view piece = static_cast<GzipSource*>(source)->Next();
+        *bytes = piece.data();
+        return static_cast<la_ssize_t>(piece.size());
+    } catch (const std::exception& error) {
+        archive_set_error(reader, EIO, "%s", error.what());
+        return -1;
+    }
+}
 
 struct FreeArchive {
     void operator()(archive* reader) const { archive_read_free(reader); }
@@ -339,17 +407,17 @@ std::string WhyNot(archive* reader) {
 
 }  // namespace
 
-void ReadListing(const std::string& path, const std::function<void(const Entry&)>& each) {
-    TextReader text(path, each);
+void ReadListing(const std::string& path, const std::function<bool(uint64_t)>& wanted,
+                 const std::function<void(const Entry&)>& each) {
+    TextReader text(path, wanted, each);
+    GzipSource source(path);
     const std::unique_ptr<archive, FreeArchive> reader(archive_read_new());
-    archive_read_support_filter_gzip(reader.get());
     archive_read_support_format_tar(reader.get());
-    if (archive_read_open_filename(reader.get(), path.c_str(), 1 << 18) != ARCHIVE_OK) {
-        vel_err::RaiseErrno("open", path, archive_errno(reader.get()));
-    }
     archive_entry* member = nullptr;
-    if (archive_read_next_header(reader.get(), &member) != ARCHIVE_OK)
+    if (archive_read_open(reader.get(), &source, nullptr, ReadPlain, nullptr) != ARCHIVE_OK ||
+        archive_read_next_header(reader.get(), &member) != ARCHIVE_OK) {
         text.Fail(WhyNot(reader.get()));
+    }
     const void* data = nullptr;
     std::size_t size = 0;
     la_int64_t offset = 0;
@@ -359,6 +427,10 @@ void ReadListing(const std::string& path, const std::function<void(const Entry&)
     }
     if (status != ARCHIVE_EOF) text.Fail(WhyNot(reader.get()));
     text.End();
+}
+
+void ReadListing(const std::string& path, const std::function<void(const Entry&)>& each) {
+    ReadListing(path, nullptr, each);
 }
 
 }  // namespace qortar

@@ -61,5 +61,9 @@ private:
 /// vel_err::Error("listing", "broken", "<path>: line N: <why>") for what breaks the grammar (also a
 /// name that is absolute, empty or holds "..") and for a listing that was cut.
 void ReadListing(const std::string& path, const std::function<void(const Entry&)>& each);
+/// The same for the entries that `wanted` chooses by their number (from 0); the others are skipped
+/// without a look at their grammar.
+void ReadListing(const std::string& path, const std::function<bool(uint64_t)>& wanted,
+                 const std::function<void(const Entry&)>& each);
 
 }  // namespace qortar

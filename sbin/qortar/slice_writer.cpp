@@ -177,7 +177,7 @@ SliceWriter::~SliceWriter() {
     if (impl_->thread.joinable()) impl_->thread.join();
 }
 
-Place SliceWriter::Next() const {
+SlicePlace SliceWriter::Next() const {
     if (impl_->size != 0 && impl_->offset == impl_->size) return {impl_->number + 1, 0};
     return {impl_->number, impl_->offset};
 }

@@ -9,7 +9,7 @@
 namespace qortar {
 
 /// A place in the archive.
-struct Place {
+struct SlicePlace {
     uint32_t slice = 0;   ///< from 1
     uint64_t offset = 0;  ///< in the slice
 };
@@ -30,7 +30,7 @@ public:
     SliceWriter(const SliceWriter&) = delete;
     SliceWriter& operator=(const SliceWriter&) = delete;
 
-    Place Next() const;  ///< where the next byte goes
+    SlicePlace Next() const;  ///< where the next byte goes
     /// Throws vel_err::Error: "sys" when the disk refuses, "command" when a slice's command failed.
     void Write(const uint8_t* data, std::size_t size);
     /// Completes the last slice and waits for its command. Nothing may be written behind it.
