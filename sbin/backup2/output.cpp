@@ -31,6 +31,10 @@ std::string HumanRate(uint64_t bytes, double seconds) {
     return HumanSize(static_cast<uint64_t>(static_cast<double>(bytes) / seconds)) + "/s";
 }
 
+std::string Plural(uint64_t n, const std::string& word) {
+    return str::Str(n) + " " + word + (n == 1 ? "" : "s");
+}
+
 std::string HumanTime(double seconds) {
     const auto s = static_cast<long>(seconds + 0.5);
     char text[64];

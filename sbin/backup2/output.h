@@ -10,7 +10,8 @@ namespace backup2_admin {
 
 std::string HumanSize(uint64_t bytes);                  ///< "1.2 GiB", "512 B"
 std::string HumanRate(uint64_t bytes, double seconds);  ///< "98.4 MiB/s", "" when too short to tell
-std::string HumanTime(double seconds);                  ///< "0:07", "1:02:03"
+std::string Plural(uint64_t n, const std::string& word);  ///< "1 file", "2 files"
+std::string HumanTime(double seconds);                    ///< "0:07", "1:02:03"
 /// A name of a user's file, fit for a terminal: control bytes as \n or \033, a backslash doubled.
 std::string Printable(const std::string& name);
 

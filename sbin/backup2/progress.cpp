@@ -22,7 +22,7 @@ namespace {
 
 const char kVariable[] = "BACKUP2_PROGRESS";
 constexpr auto kRedraw = std::chrono::milliseconds(200);
-constexpr std::size_t kBarWidth = 24;
+constexpr std::size_t kBarWidth = 20;
 
 double Now() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
@@ -38,6 +38,21 @@ vel_file::ResHandle OpenReports(const std::string& path) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) vel_err::RaiseErrno("open", path, errno);
     return vel_file::ResHandle(fd);
+}
+
+/// About how many bytes the files below `top` have; the user may change them meanwhile.
+uint64_t SizeOf(const std::string& top, const std::atomic<bool>& stop) {
+    namespace fs = std::filesystem;
+    std::error_code ignored;  // an estimate does without what cannot be read
+    uint64_t total = 0;
+    fs::recursive_directory_iterator at(top, fs::directory_options::skip_permission_denied,
+                                        ignored);
+    for (const fs::recursive_directory_iterator end; at != end && !stop; at.increment(ignored)) {
+        if (at->is_symlink(ignored) || !at->is_regular_file(ignored)) continue;
+        const uint64_t size = at->file_size(ignored);
+        if (!ignored) total += size;
+    }
+    return total;
 }
 
 uint64_t Count(const nlohmann::json& report, const char* name) {
@@ -61,6 +76,17 @@ ProgressView::~ProgressView() {
     vel_env::UnsetEnv(kVariable);
 }
 
+void ProgressView::Measure(const std::string& root, const std::list<std::string>& folders) {
+    if (!drawer_.joinable()) return;
+    measurer_ = std::thread([this, root, folders] {
+        uint64_t total = 0;
+        for (const std::string& folder : folders) {
+            total += SizeOf(vel_file::ConcatPath(root, folder), stop_);
+        }
+        measured_ = total;
+    });
+}
+
 double ProgressView::Seconds() const { return Now() - start_; }
 
 ProgressView::Line ProgressView::Finish(const std::string& tool) {
@@ -73,6 +99,7 @@ void ProgressView::Stop() {
     if (!drawer_.joinable()) return;
     stop_ = true;
     drawer_.join();
+    if (measurer_.joinable()) measurer_.join();
     std::cerr << "\r\033[K" << std::flush;
 }
 
@@ -105,20 +132,21 @@ std::string ProgressView::Bar() const {
     const auto archiver = latest_.find("qortar");
     if (archiver == latest_.end()) return title_ + "  starting  " + HumanTime(Seconds());
     const Line& line = archiver->second;
-    std::string text = title_ + "  ";
+    const uint64_t total = line.of_bytes > 0 ? line.of_bytes : measured_.load();
     const double seconds = Seconds();
-    if (line.of_bytes > 0) {
+    std::string text = title_ + "  ";
+    if (total == 0) text += std::to_string(line.files) + " files  ";
+    if (total > 0) {
         const double part =
-            std::min(1.0, static_cast<double>(line.bytes) / static_cast<double>(line.of_bytes));
+            std::min(1.0, static_cast<double>(line.bytes) / static_cast<double>(total));
         const auto full = static_cast<std::size_t>(part * kBarWidth);
         text += "[" + std::string(full, '#') + std::string(kBarWidth - full, '.') + "] " +
                 std::to_string(static_cast<int>(part * 100)) + "%  ";
     }
-    text += HumanSize(line.bytes) + "  " + std::to_string(line.files) + " files  " +
-            HumanRate(line.bytes, seconds);
-    if (line.of_bytes > line.bytes && line.bytes > 0) {
+    text += HumanSize(line.bytes) + "  " + HumanRate(line.bytes, seconds);
+    if (total > line.bytes && line.bytes > total / 100) {  // before that it is a guess
         const double rate = static_cast<double>(line.bytes) / seconds;
-        text += "  " + HumanTime(static_cast<double>(line.of_bytes - line.bytes) / rate) + " left";
+        text += "  " + HumanTime(static_cast<double>(total - line.bytes) / rate) + " left";
     }
     return text;
 }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <string>
 #include <thread>
@@ -25,6 +26,10 @@ public:
     ProgressView& operator=(const ProgressView&) = delete;
     ~ProgressView();
 
+    /// Where the archiver cannot know how much there will be: measures these folders meanwhile, so
+    /// that the bar can tell the time left. Does nothing when nobody looks.
+    void Measure(const std::string& root, const std::list<std::string>& folders);
+
     double Seconds() const;  ///< since it was made
     /// Ends the drawing, takes the bar off the screen; the last report of the program `tool`.
     Line Finish(const std::string& tool);
@@ -43,7 +48,8 @@ private:
     std::map<std::string, Line> latest_;
     double start_;
     std::atomic<bool> stop_{false};
-    std::thread drawer_;
+    std::atomic<uint64_t> measured_{0};
+    std::thread drawer_, measurer_;
 };
 
 }  // namespace backup2_admin

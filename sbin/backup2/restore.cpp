@@ -126,9 +126,9 @@ int Restore::Files() {
     for (const std::string& line : result.lines) std::cout << line << "\n";
     const auto seen = progress.Finish("qortar");
     const double seconds = progress.Seconds();
-    std::cout << backup_.Title() << ": " << seen.files << " files, " << HumanSize(seen.bytes)
-              << " in " << HumanTime(seconds) << ", " << HumanRate(seen.bytes, seconds)
-              << std::endl;
+    std::cout << backup_.Title() << ": " << Plural(seen.files, "file") << ", "
+              << HumanSize(seen.bytes) << " in " << HumanTime(seconds) << ", "
+              << HumanRate(seen.bytes, seconds) << std::endl;
     result.ThrowIfFatal(backup_.Title());
     return result.status;
 }

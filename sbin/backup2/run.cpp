@@ -97,6 +97,7 @@ Report Job::Run() {
     }
     ChooseNames();
     WriteWorkingInfo();
+    if (base_.empty()) progress.Measure(settings_.root(), settings_.folders());
     try {
         Archive();
     } catch (const std::exception&) {
@@ -256,10 +257,9 @@ void Print(const Report& report) {
         std::cout << title << "nothing to save" << std::endl;
         return;
     }
-    std::cout << title << report.kind << " backup, " << report.files << " files, "
-              << HumanSize(report.bytes) << " in " << report.parts
-              << (report.parts == 1 ? " slice, " : " slices, ") << HumanTime(report.seconds)
-              << std::endl;
+    std::cout << title << report.kind << " backup, " << Plural(report.files, "file") << ", "
+              << HumanSize(report.bytes) << " in " << Plural(report.parts, "slice") << ", "
+              << HumanTime(report.seconds) << std::endl;
     for (const auto& entry : report.flagged) {
         std::cout << Printable(entry.name) << "\t" << entry.why << std::endl;
     }

@@ -181,8 +181,8 @@ nlohmann::json Json(const Report& report) {
 void Print(const Report& report) {
     std::cout << report.user << " " << report.date << ": ";
     if (report.bad.empty()) {
-        std::cout << "good, " << report.slices << (report.slices == 1 ? " slice, " : " slices, ")
-                  << HumanSize(report.bytes) << std::endl;
+        std::cout << "good, " << Plural(report.slices, "slice") << ", " << HumanSize(report.bytes)
+                  << std::endl;
         return;
     }
     std::cout << "BAD" << std::endl;
