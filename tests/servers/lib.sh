@@ -46,12 +46,14 @@ stop_server() {
 
 # run_as USER COMMAND...: as that account when the caller is root, else as the caller.
 run_as() {
-  local user=$1
+  local user=$1 become=
   shift
+  # In the background the process is to be the command itself: its id is what "stop" ends.
+  [ "$BASHPID" = "$$" ] || become=exec
   if [ "$(id -u)" = 0 ]; then
-    setpriv --reuid="$user" --regid="$(id -gn "$user")" --init-groups -- "$@"
+    $become setpriv --reuid="$user" --regid="$(id -gn "$user")" --init-groups -- "$@"
   else
-    "$@"
+    $become "$@"
   fi
 }
 
