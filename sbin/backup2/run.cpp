@@ -90,6 +90,8 @@ Report Job::Run() {
     }
     UseOwnStorage();
     RemoveLeftovers();
+    // Programs of a dead run may have reported until RemoveLeftovers ended them.
+    RemoveTemporaries(alone_.Dir(), ".tmp.");
     ProgressView progress("backup of " + user_, alone_.Dir());
     base_ = IsCustom() ? "" : backup2::LookupLastFull(settings_, user_, date_);
     if (base_ == "exists") {
