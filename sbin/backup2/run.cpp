@@ -65,6 +65,7 @@ private:
     void UseOwnStorage() const;
     void RemoveLeftovers();
     void RemoveFailed();
+    void RemoveTornInfos() const;
     void ChooseNames();
     void WriteWorkingInfo() const;
     void Archive();
@@ -142,11 +143,25 @@ void Job::RemoveFailed() {
     for (const char* mark : {"F", "I"}) {
         RemoveTemporaries(local, "." + (mark + date_) + "." + user_ + ".tgz");
     }
+    RemoveTornInfos();
     const std::string dir = vel_file::SplitPath(backup2::GetInfoFile(local, user_, date_)).dir;
     RemoveTemporaries(dir, ".tmp.");
     // Fails when other files are in it, and that is right.
     (void)::rmdir(dir.c_str());
     UseOwnStorage();
+}
+
+/// The copy tool replaces the working info through a temporary beside it. Those of other users'
+/// running jobs have the same kind of name and must stay: the content tells.
+void Job::RemoveTornInfos() const {
+    std::vector<std::string> found;
+    for (vel_file::Dir entries(settings_.local_dir(), 2); entries.Next();) {
+        if (!str::StartsWith(entries.Name(), ".tmp.") || !entries.Info(2).IsFile()) continue;
+        const std::string text = vel_file::Read(entries.Path());
+        if (text.find("\nuser=" + user_ + "\n") != std::string::npos)
+            found.push_back(entries.Path());
+    }
+    for (const std::string& path : found) vel_file::Remove(path);
 }
 
 void Job::ChooseNames() {
