@@ -1,6 +1,5 @@
 #include "backup_common/backup2_qortar.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,48 +33,6 @@ constexpr char kSystemDir[] = ".system";
 
 // ---- Markers of system data ---------------------------------------------------------------------
 
-namespace {
-
-struct CloseDir {
-    void operator()(DIR* dir) const { ::closedir(dir); }
-};
-
-/// Removes all that lies in a folder which nobody else can enter, so that it keeps still.
-void Empty(int folder, const std::string& path) {
-    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    vel_file::ResHandle listed(::openat(folder, ".", kFlags));
-    const std::unique_ptr<DIR, CloseDir> dir(::fdopendir(listed));
-    if (!dir) vel_err::RaiseErrno("opendir", path, errno);
-    listed.Release();  // closedir closes it
-    while (const dirent* entry = ::readdir(dir.get())) {
-        const std::string name = entry->d_name;
-        if (name == "." || name == ".." || ::unlinkat(folder, name.c_str(), 0) == 0) continue;
-        const std::string below = vel_file::ConcatPath(path, name);
-        const vel_file::ResHandle sub(::openat(folder, name.c_str(), kFlags));
-        if (sub == -1) vel_err::RaiseErrno("unlink", below, errno);
-        Empty(sub, below);
-        if (::unlinkat(folder, name.c_str(), AT_REMOVEDIR) != 0) {
-            vel_err::RaiseErrno("rmdir", below, errno);
-        }
-    }
-}
-
-[[noreturn]] void RaiseLink(int line, const char* func) {
-    vel_err::AssertError::Raise(kSourceFile, line, func, "Path is symlink_link");
-}
-
-/// Opens the directory in which a user may change every name. A link in its own place counts only
-/// when the administrator made it.
-vel_file::ResHandle OpenRoot(const std::string& root) {
-    const vel_file::Info place(root, false);
-    if (place.IsLink() && place.Stat().st_uid != ::geteuid()) RaiseLink(__LINE__, __func__);
-    vel_file::ResHandle fd(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd == -1) vel_err::RaiseErrno("open", root, errno);
-    return fd;
-}
-
-}  // namespace
-
 /// The folder ".system" with the markers, made for one job and removed with it. Its parent is the
 /// user's: he may plant links there or move the folder away at any moment, so everything goes
 /// through descriptors of the two directories.
@@ -102,7 +59,7 @@ private:
 SystemMarkers::SystemMarkers(const std::string& root)
     : path_(vel_file::ConcatPath(root, kSystemDir)) {
     vel_file::MkDir(root);
-    root_ = OpenRoot(root);
+    root_ = vel_file::OpenDir(root);
     DropLeftOver();
     Make();
 }
@@ -111,8 +68,10 @@ SystemMarkers::SystemMarkers(const std::string& root)
 void SystemMarkers::DropLeftOver() const {
     struct stat st {};
     if (::fstatat(root_, kSystemDir, &st, AT_SYMLINK_NOFOLLOW) != 0) return;
-    if (S_ISLNK(st.st_mode)) RaiseLink(__LINE__, __func__);
-    if (S_ISDIR(st.st_mode)) vel_file::Remove(path_);
+    if (S_ISLNK(st.st_mode)) {
+        vel_err::AssertError::Raise(kSourceFile, __LINE__, __func__, "Path is symlink_link");
+    }
+    if (S_ISDIR(st.st_mode)) vel_file::RemoveAt(root_, kSystemDir, path_);
 }
 
 void SystemMarkers::Make() {
@@ -137,7 +96,7 @@ void SystemMarkers::Add(const std::string& name) {
 }
 
 void SystemMarkers::Remove() const {
-    Empty(dir_, path_);
+    vel_file::Empty(dir_, path_);
     // Takes an empty folder only: one that was put in the place of ours keeps what it holds.
     if (::unlinkat(root_, kSystemDir, AT_REMOVEDIR) != 0) {
         vel_err::RaiseErrno("rmdir", path_, errno);

@@ -577,6 +577,12 @@ void MkDir(const std::string& path, const Attrs& attrs) {
     attrs.Set(fd);
 }
 
+ResHandle OpenDir(const std::string& path) {
+    ResHandle folder = OpenFolder(path);
+    if (!folder) Raise("open", path);
+    return folder;
+}
+
 // ---- Write and read -----------------------------------------------------------------------------
 
 void Write(const std::string& path, const std::string& content) {
@@ -724,9 +730,9 @@ private:
     int failure_ = 0;
 };
 
-void RefuseToRemove(const std::string& path) {
-    const std::string name = Name(WithoutEndSlashes(path));
-    if (name.empty() || name == "." || name == "..") RaiseErrno("remove", path, EINVAL);
+void RefuseToRemove(const std::string& name, const std::string& path) {
+    const bool is_name = !name.empty() && name.find('/') == std::string::npos;
+    if (!is_name || name == "." || name == "..") RaiseErrno("remove", path, EINVAL);
 }
 
 }  // namespace
@@ -737,20 +743,24 @@ void RemoveFile(const std::string& path) {
 }
 
 void Remove(const std::string& path) {
-    RefuseToRemove(path);
+    RefuseToRemove(Name(WithoutEndSlashes(path)), path);
     Place place;
-    if (!FindPlace(path, place)) {
-        if (errno == ENOENT || errno == ENOTDIR) return;
-        Raise("remove", path);
-    }
+    if (FindPlace(path, place)) return RemoveAt(place.folder, place.name, path);
+    if (errno != ENOENT && errno != ENOTDIR) Raise("remove", path);
+}
+
+void Empty(const ResHandle& folder, const std::string& path) { Emptier(folder, path).Run(); }
+
+void RemoveAt(const ResHandle& folder, const std::string& name, const std::string& path) {
+    RefuseToRemove(name, path);
     for (int i = 0; i < kRaceTries; ++i) {
-        if (::unlinkat(place.folder, place.name.c_str(), 0) == 0 || errno == ENOENT) return;
+        if (::unlinkat(folder, name.c_str(), 0) == 0 || errno == ENOENT) return;
         if (errno != EISDIR) Raise("remove", path);
-        const ResHandle top = OpenOnSameMount(place.folder, place.name.c_str());
+        const ResHandle top = OpenOnSameMount(folder, name.c_str());
         if (!top && (errno == ENOTDIR || errno == ELOOP || errno == ENOENT)) continue;
         if (!top) Raise("remove", path);
-        Emptier(top, path).Run();
-        if (::unlinkat(place.folder, place.name.c_str(), AT_REMOVEDIR) == 0) return;
+        Empty(top, path);
+        if (::unlinkat(folder, name.c_str(), AT_REMOVEDIR) == 0) return;
         if (errno != ENOTEMPTY && errno != EEXIST && errno != ENOTDIR && errno != ENOENT) {
             Raise("remove", path);
         }
@@ -957,6 +967,11 @@ void Move(const std::string& from, const std::string& to) {
         Remove(from);
     }
     SyncFolder(target);
+}
+
+void SyncDisk(const std::string& folder) {
+    const ResHandle fd(::openat(OpenDir(folder), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd || ::syncfs(fd) != 0) Raise("syncfs", folder);
 }
 
 // ---- Temporaries --------------------------------------------------------------------------------

@@ -97,6 +97,8 @@ struct Attrs {
 /// With attributes: they are set on the last directory when this call made it.
 void MkDir(const std::string& path);
 void MkDir(const std::string& path, const Attrs& attrs);
+/// A folder as the base of openat and its like, for nothing else (O_PATH).
+ResHandle OpenDir(const std::string& path);
 
 /// Replaces or creates the file in one step: temporary beside it, fsync, rename, fsync of the
 /// directory. Mode and owner of an existing file stay; a new one is 0600. Refuses a path that is
@@ -110,6 +112,10 @@ void RemoveFile(const std::string& path);  ///< one file or link; a missing one 
 /// A file, or a directory with all it holds, through directory descriptors: never follows a link,
 /// never leaves the tree. A missing path is no error. Refuses "", "/", "." and "..".
 void Remove(const std::string& path);
+/// The same for one name in an open folder, wherever that lies by now; `path` is for messages.
+void RemoveAt(const ResHandle& folder, const std::string& name, const std::string& path);
+/// Removes all that an open folder holds; the folder stays.
+void Empty(const ResHandle& folder, const std::string& path);
 
 /// A file (CopyFile) or a file, link or tree (Copy). Content, holes, mode, owner and times; `to`
 /// appears in one step, is on the disk by then, and never shares its old inode. Nothing to do when
@@ -119,6 +125,8 @@ void CopyFile(const std::string& from, const std::string& to);
 void Copy(const std::string& from, const std::string& to);
 /// rename with fsync of the directory; across file systems copy, then remove.
 void Move(const std::string& from, const std::string& to);
+/// All that was written to the file system of this folder, by whomever, is on the disk then.
+void SyncDisk(const std::string& folder);
 
 // ---- Temporaries and locks ----------------------------------------------------------------------
 
