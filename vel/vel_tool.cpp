@@ -1,6 +1,7 @@
 #include "vel/vel_tool.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,6 +21,7 @@
 
 #include "vel/res_handle.h"
 #include "vel/str.h"
+#include "vel/stream.h"
 #include "vel/vel_env.h"
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
@@ -69,6 +71,12 @@ void FillStandardDescriptors() {
     }
 }
 
+/// A caller may ignore signals, and that is inherited: without SIGCHLD no child's status can be
+/// had, and without SIGPIPE a filter that lost its reader goes on for nothing.
+void ResetSignals() {
+    for (const int number : {SIGCHLD, SIGPIPE}) ::signal(number, SIG_DFL);
+}
+
 void EnterRoot() {
     StartDir();  // before the directory changes
     ::umask(077);
@@ -112,6 +120,7 @@ int CheckOutput(int status) {
 
 int Main(int argc, char** argv, const std::function<int(std::vector<std::string>)>& body) {
     FillStandardDescriptors();
+    ResetSignals();
     const std::vector<std::string> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
     if (!arguments.empty() && arguments[0] == "--version") {
         std::cout << ProgramName() << " " << BACKUP2_VERSION << "\n";
@@ -167,7 +176,7 @@ struct Progress::Impl {
         using Json = nlohmann::ordered_json;
         const std::string text = line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
         // Who draws the bar may be gone; the work goes on without it.
-        [[maybe_unused]] const ssize_t lost = ::write(out, text.data(), text.size());
+        [[maybe_unused]] const ssize_t lost = vel_file::WriteQuietly(out, text.data(), text.size());
     }
 };
 
