@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <atomic>
 #include <exception>
 #include <functional>
 #include <future>
@@ -89,8 +90,10 @@ public:
     }
     ~Decoder() { CloseInput(); }
 
-    /// A child that died takes no more; what is wrong shows in the sums and the status.
+    /// A child that died takes no more; what is wrong shows in the sums and the status. Throws what
+    /// kept the plain bytes from being written.
     void Feed(const char* data, std::size_t size) {
+        if (failed_) Finish();
         try {
             if (in_) in_->write(data, static_cast<std::streamsize>(size));
         } catch (const std::exception& e) {
@@ -109,6 +112,16 @@ public:
 
 private:
     Sums Drain(const std::string& to) {
+        try {
+            return Save(to);
+        } catch (...) {
+            failed_ = true;
+            SumStream nowhere;  // a child that nobody reads stops taking what it is fed
+            Pump(child_.Out(), nowhere);
+            throw;
+        }
+    }
+    Sums Save(const std::string& to) {
         vel_file::OutStream file(to);
         SumStream sums(UINT64_MAX, [&](const char* data, std::size_t size) {
             file.write(data, static_cast<std::streamsize>(size));
@@ -130,6 +143,7 @@ private:
     vel_proc::Pipe pipe_;
     vel_proc::Execute child_;
     std::unique_ptr<vel_file::OutStream> in_;
+    std::atomic<bool> failed_{false};
     std::future<Sums> plain_;  // last: ends before what it uses
 };
 

@@ -101,6 +101,10 @@ void Target::ReadStored(const std::string& name, std::ostream& out) const {
     Pump(in, out);
 }
 
+void Target::Sync() const {
+    if (token_.IsLocal()) vel_file::SyncDisk(token_.GetParam("path"));
+}
+
 std::string Target::Describe() const {
     return token_.Type() + " storage " + token_.GetParam("path");
 }

@@ -84,12 +84,12 @@ void CheckSums(const Target& target, const std::string& stored, const SliceSums&
     }
 }
 
-/// On a local storage an earlier object goes first: its user may hold it open, so nothing must be
-/// written into that inode, and a link where nothing stands is made in one step.
-void MakePlace(const Target& target, const std::string& source, const std::string& stored) {
-    const std::string there = target.LocalPath(stored);
-    if (there.empty() || SameInode(RegularFile(source), vel_file::Info(there, false))) return;
-    vel_file::Remove(there);
+/// On a local storage the cipher would write into an earlier object, which its user may hold open.
+/// A plain file takes the earlier one's place in one step.
+void MakePlace(const Target& target, const std::string& stored) {
+    if (target.Token().IsLocal() && target.Encrypts(stored)) {
+        vel_file::Remove(target.LocalPath(stored));
+    }
 }
 
 /// One attempt at one upload.
@@ -105,7 +105,7 @@ SliceSums PutOnce(const Target& target, const std::string& local, const std::str
     Summing summing(local);
     const auto storage = target.Open();
     storage->MkDir(vel_file::SplitPath(stored).dir);
-    MakePlace(target, source, stored);
+    MakePlace(target, stored);
     if (!storage->Put(stored, source)) throw NoRoom("no room");
     SliceSums sums;
     const bool linked = SameInode(RegularFile(source), vel_file::Info(target.LocalPath(stored)));
@@ -120,8 +120,11 @@ SliceSums PutOnce(const Target& target, const std::string& local, const std::str
     return sums;
 }
 
-void RemovePartial(const Target& target, const std::string& stored) {
+/// On a local storage the object that stood there `before` stays when the attempt did not reach it.
+void RemovePartial(const Target& target, const std::string& stored, const vel_file::Info& before) {
     try {
+        const std::string there = target.LocalPath(stored);
+        if (!there.empty() && SameState(before, vel_file::Info(there, false))) return;
         target.Open()->Delete(stored);
     } catch (const std::exception& e) {  // most often it never came into being
         logger.Write(6, "removing a partial %s: %s", stored, target.Redacted(e));
@@ -149,9 +152,10 @@ SliceSums Upload(const Target& target, const std::string& local, const std::stri
     vel_tool::Progress progress("upload");
     progress.Total(size, 1);
     SliceSums sums;
+    const vel_file::Info there(target.LocalPath(stored), false);
     const auto attempt = [&] { sums = PutOnce(target, local, stored, keep); };
     const auto undo = [&] {
-        if (!is_stored) RemovePartial(target, stored);
+        if (!is_stored) RemovePartial(target, stored, there);
     };
     try {
         target.Retry(what, attempt, [&] {

@@ -236,6 +236,40 @@ done
         finally:
             subprocess.run(["umount", self.store], check=True)
 
+    def test_a_full_disk_ends_a_download_and_keeps_what_an_upload_would_replace(self):
+        final = self.backup([b"\0" * (9 << 20)])
+        stored_info, committed = self.store / "bob" / DATE / final.name, final.read_bytes()
+        fetched = self.root / "fetched"
+        fetched.mkdir()
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", fetched], check=True)
+        try:
+            self.assertIn("No space left", self.get(final, 1, code=1)[1])
+            self.assertEqual(list(fetched.iterdir()), [])
+        finally:
+            subprocess.run(["umount", fetched], check=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", stored_info.parent],
+                       check=True)
+        try:
+            stored_info.write_bytes(committed)
+            final.write_bytes(committed + b"x=" + b"y" * (2 << 20))
+            self.cp("--put", "--no-delete", final, code=1)
+            self.assertEqual(stored_info.read_bytes(), committed)
+        finally:
+            subprocess.run(["umount", stored_info.parent], check=True)
+
+    def test_all_is_on_the_disk_before_the_info_file_says_so(self):
+        info, trace = self.info(), self.root / "trace"
+        self.cp("--put", "--info-file", info, "--last-slice", self.slice(1, b"one"))
+        words = ["strace", "-f", "-o", trace, "-e", "trace=syncfs,link,linkat,rename,renameat",
+                 t.program("backup2_cp"), "--put", "--info-file", info, "--isolated", "--no-delete"]
+        done = t.run([*words, self.listing()], **self.env(ASAN_OPTIONS="detect_leaks=0"))
+        self.assertEqual(done.returncode, 0, done.stderr)
+        calls = [line for line in trace.read_text().splitlines() if line.endswith(" = 0")]
+        synced = [n for n, line in enumerate(calls) if "syncfs(" in line]
+        named = [n for n, line in enumerate(calls) if f'{DATE}.bob.info"' in line]
+        self.assertLess(synced[0], named[0], calls)
+        self.assertGreater(synced[-1], named[-1], calls)
+
     def test_a_cut_or_changed_archive_never_counts_as_stored(self):
         info, path = self.info(parts="1"), self.slice(1, b"x" * 100000)  # parts: past the probe
         for script, said in (('"$REAL" "$@"; truncate -s -16 "$OUT"', "100016 bytes instead of 100032"),
