@@ -354,6 +354,9 @@ void Execute::Impl::ConnectOutput(Plan& plan, std::vector<ResHandle>& child_ends
         child_ends.push_back(CopyAboveStandard(plan.out < 0 ? STDOUT_FILENO : plan.out));
     } else {
         const Pipe pipe;
+        // Whoever writes into such a child's input himself is not here to read its messages: those
+        // that find no room are lost, so that it never stops for them.
+        if (redirected_in) SetNonBlocking(pipe.Out());
         child_ends.push_back(CopyAboveStandard(pipe.Out()));
         pipe.Out().Close();
         err = pipe.In();

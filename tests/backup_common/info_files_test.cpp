@@ -6,18 +6,15 @@
 
 #include <gtest/gtest.h>
 
-#include "vel/vel_err.h"
 #include "vel/vel_file.h"
 
 #include "backup_common/backup2_misc.h"
 
-#include "tests/backup_common/make_file.h"
-#include "tests/support/work_dir.h"
+#include "tests/backup_common/fixtures.h"
 
 namespace backup2 {
 namespace {
 
-namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
 
 class InfoFiles : public testing::Test {
@@ -57,12 +54,7 @@ TEST_F(InfoFiles, LinksInTheirPlaceAreRefused) {
          {std::function<void()>([&] { GetInfo(info); }),
           std::function<void()>([&] { GetInfoFile(user_, "bob", "2024-01-31"); }),
           std::function<void()>([&] { CheckLinkPath(info); })}) {
-        try {
-            call();
-            ADD_FAILURE();
-        } catch (const vel_err::AssertError& e) {
-            EXPECT_EQ(e.message(), "Path is symlink_link");
-        }
+        EXPECT_EQ(Failure(call), "Path is symlink_link");
     }
     EXPECT_NO_THROW(CheckLinkPath(user_ + "/missing"));
     EXPECT_EQ(Found(user_, "", ""), Names());
@@ -157,12 +149,11 @@ TEST_F(InfoFiles, LinkNeverEmptiesAnExistingFile) {
 int MarkInAnotherProcess(const std::string& dir) {
     const pid_t child = ::fork();
     if (child == 0) {
-        try {
+        const std::string failure = Failure([&] {
             const Lock lock(dir);
-            ::_exit(0);
-        } catch (const vel_err::Error& e) {
-            ::_exit(e.type() == "lock" && e.object() == "busy" ? 1 : 2);
-        }
+            ::_exit(0);  // as a killed process ends
+        });
+        ::_exit(failure == "lock busy" ? 1 : 2);
     }
     int status = 0;
     ::waitpid(child, &status, 0);
@@ -181,7 +172,7 @@ TEST_F(InfoFiles, DirectoryInUseIsMarkedForOtherProcesses) {
         EXPECT_TRUE(fs::exists(marker));
     }
     EXPECT_FALSE(fs::exists(marker));
-    EXPECT_EQ(MarkInAnotherProcess(user_), 0);  // ends without removing it, as a killed one does
+    EXPECT_EQ(MarkInAnotherProcess(user_), 0);
     EXPECT_TRUE(fs::exists(marker));
     {
         const Lock lock(user_);

@@ -1,13 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "vel/vel_err.h"
-
-#include "backup_common/backup2_qortar.h"
 #include "backup_common/backup2_storage.h"
 
-#include "tests/backup_common/fake_panel.h"
-#include "tests/backup_common/make_file.h"
-#include "tests/support/work_dir.h"
+#include "tests/backup_common/fixtures.h"
 
 namespace backup2 {
 namespace {
@@ -16,11 +11,6 @@ constexpr char kToken[] = "type=local;arch_password=c2VjcmV0";
 
 class LastFull : public testing::Test {
 protected:
-    LastFull() {
-        const FakePanel panel("<doc><local_dir>" + local_ + "</local_dir><storage>" + kToken +
-                              "</storage></doc>");
-        settings_ = std::make_unique<Settings>("panel1", "bob", "");
-    }
     std::string Place(const std::string& day) const { return local_ + "/bob/" + day + "/" + day; }
     /// A full backup that can serve as a base, changed by `lines`.
     void Add(const std::string& day, const std::string& lines = "") const {
@@ -41,7 +31,8 @@ protected:
     LogCapture log_;
     WorkDir work_;
     const std::string local_ = work_.Path() + "/var/backup/qorvel";
-    std::unique_ptr<Settings> settings_;
+    const std::unique_ptr<Settings> settings_ =
+        MakeSettings("bob", local_, "<storage>" + std::string(kToken) + "</storage>");
 };
 
 // 2024-03-03 is a Sunday.
@@ -69,15 +60,13 @@ TEST_F(LastFull, BackupOfTheDayComesBeforeAllElse) {
 
 TEST_F(LastFull, UnusableBackupsAreSteppedOver) {
     Add("2024-03-04");
-    const std::string unusable[] = {
-        "type=incremental",
-        "type=Full",
-        "deleted=",
-        "created=2024-03-03 01:00:01",
-        "finished=",
-        "key_hash=",
-        "key_hash=" + BackupToken("arch_password=YQ==").Hash(),
-    };
+    const std::string unusable[] = {"type=incremental",
+                                    "type=Full",
+                                    "deleted=",
+                                    "created=2024-03-03 01:00:01",
+                                    "finished=",
+                                    "key_hash=",
+                                    "key_hash=" + BackupToken("arch_password=YQ==").Hash()};
     for (const std::string& line : unusable) {
         Add("2024-03-03", line + "\n");  // of equal keys the last counts
         EXPECT_EQ(Base("2024-03-06"), "2024-03-04") << line;

@@ -5,12 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include "vel/vel_err.h"
 #include "vel/vel_file.h"
 
 #include "backup_common/backup2_storage.h"
 
-#include "tests/backup_common/make_file.h"
+#include "tests/backup_common/fixtures.h"
 
 namespace backup2 {
 namespace {
@@ -33,8 +32,7 @@ TEST_F(LocalStorage, ArchiveBelongsToTheUserOfItsBareName) {
         {"2024-03-01.nobody.tgz", "nobody"},
         {"a.root.tgz/2024-03-01.nobody#r.info", "nobody"},
         {"2024-03-01.no-such-user.tgz", "root"},
-        {"nobody/name", "root"},
-    };
+        {"nobody/name", "root"}};
     for (const auto& [name, owner] : cases) {
         WriteFile(in_, "x");
         MakeFile(base_ + "/" + name + ".dir", "");  // makes the directories
@@ -43,7 +41,7 @@ TEST_F(LocalStorage, ArchiveBelongsToTheUserOfItsBareName) {
         EXPECT_EQ(st.st_uid, ::getpwnam(owner.c_str())->pw_uid) << name;
         EXPECT_EQ(st.st_gid, 0u);
         EXPECT_EQ(st.st_mode & 07777, 0440u);
-        std::filesystem::remove(in_);
+        fs::remove(in_);
     }
 }
 
@@ -66,13 +64,13 @@ TEST_F(LocalStorage, EncryptingNeverWritesThroughOtherNamesOfAFile) {
     const auto storage = OpenEncrypted();
     storage->MkDir("");
     MakeFile(archive, "shared");
-    std::filesystem::create_hard_link(archive, other);
+    fs::create_hard_link(archive, other);
     WriteFile(in_, "new");
     ASSERT_TRUE(storage->Put("F2024-03-01.bob.tgz.aes", in_));
     EXPECT_EQ(ReadFile(other), "shared") << "hard link";
 
-    std::filesystem::remove(archive);
-    std::filesystem::create_symlink(other, archive);
+    fs::remove(archive);
+    fs::create_symlink(other, archive);
     ASSERT_TRUE(storage->Put("F2024-03-01.bob.tgz.aes", in_));
     EXPECT_EQ(ReadFile(other), "shared") << "symbolic link";
 
@@ -84,19 +82,19 @@ TEST_F(LocalStorage, EncryptingNeverWritesThroughOtherNamesOfAFile) {
 }
 
 TEST_F(LocalStorage, FileThatWouldFillItsFileSystemIsRefused) {
-    struct statfs fs {};
-    ASSERT_EQ(::statfs(dir_.Path().c_str(), &fs), 0);
-    const uint64_t free = uint64_t(fs.f_bavail) * uint64_t(fs.f_frsize);
+    struct statfs disk {};
+    ASSERT_EQ(::statfs(dir_.Path().c_str(), &disk), 0);
+    const uint64_t free = uint64_t(disk.f_bavail) * uint64_t(disk.f_frsize);
     Open()->MkDir("");
     WriteFile(in_, "");
     // A file of holes takes no room, so it may be as big as the file system has free, and more.
-    std::filesystem::resize_file(in_, free * 2);
+    fs::resize_file(in_, free * 2);
     EXPECT_FALSE(Open()->Put("a.tgz", in_));
     EXPECT_FALSE(OpenEncrypted()->Put("a.tgz.aes", in_));
-    EXPECT_TRUE(std::filesystem::is_empty(base_));
+    EXPECT_TRUE(fs::is_empty(base_));
     EXPECT_TRUE(log_.Has(
         9, "backup2_storage.cpp:261 File size '" + std::to_string(free * 2 >> 20) + "' mib"));
-    std::filesystem::resize_file(in_, free / 2);
+    fs::resize_file(in_, free / 2);
     EXPECT_TRUE(Open()->Put("a.tgz", in_));
 }
 
@@ -104,7 +102,7 @@ TEST_F(LocalStorage, MissingSourceFailsAndLeavesNothing) {
     Open()->MkDir("");
     EXPECT_THROW(Open()->Put("a.tgz", in_), vel_err::Error);
     EXPECT_ANY_THROW(OpenEncrypted()->Put("a.tgz.aes", in_));
-    EXPECT_TRUE(std::filesystem::is_empty(base_));
+    EXPECT_TRUE(fs::is_empty(base_));
     EXPECT_TRUE(log_.Has(4, "Cant apply limit 95 pct"));
 }
 
@@ -113,9 +111,9 @@ TEST_F(LocalStorage, ClearRemovesTheBaseButNeverTheRoot) {
     storage->MkDir("bob/2024-03-01");
     EXPECT_EQ(Stat(base_ + "/bob/2024-03-01").st_mode & 07777, 0751u);
     storage->Clear();
-    EXPECT_FALSE(std::filesystem::exists(base_));
+    EXPECT_FALSE(fs::exists(base_));
     storage->MkDir("bob/2024-03-01");
-    EXPECT_TRUE(std::filesystem::exists(base_ + "/bob")) << "made directories are forgotten";
+    EXPECT_TRUE(fs::exists(base_ + "/bob")) << "made directories are forgotten";
     for (const std::string path : {"/", "//x/..", "..", "."}) {
         GetStorage(BackupToken("type=local;path=" + path))->Clear();
         EXPECT_TRUE(log_.Has(4, "Invalid path '" + path + "'"));

@@ -3,17 +3,10 @@
 
 #include "vel/vel_env.h"
 
-#include "backup_common/backup2_qortar.h"
-
-#include "tests/backup_common/fake_panel.h"
-#include "tests/backup_common/make_file.h"
-#include "tests/support/work_dir.h"
+#include "tests/backup_common/fixtures.h"
 
 namespace backup2 {
 namespace {
-
-namespace fs = std::filesystem;
-using Words = std::vector<std::string>;
 
 class Run : public testing::Test {
 protected:
@@ -25,36 +18,22 @@ protected:
         WriteFile("info", "");
     }
     static void Tool(const std::string& name, int status) {
-        MakeFile("./sbin/" + name, "#!/bin/sh\nprintf '%s\\0' \"$@\" >" + name +
+        MakeFile("./sbin/" + name, "#!/bin/sh\nprintf '%s|' \"$@\" >" + name +
                                        ".argv\nprintf '%s' \"$BACKUP_TOKEN\" >env\n"
                                        "echo out\necho err >&2\nexit " +
                                        std::to_string(status) + "\n");
         fs::permissions("sbin/" + name, fs::perms::owner_all);
     }
-    static Words Arguments(const std::string& name) {
-        Words words;
-        std::string text = ReadFile(name + ".argv");
-        for (std::size_t end; (end = text.find('\0')) != std::string::npos;
-             text.erase(0, end + 1)) {
-            words.push_back(text.substr(0, end));
-        }
-        return words;
-    }
+    /// The arguments of a tool's last call, "|" behind each.
+    static std::string Arguments(const std::string& name) { return ReadFile(name + ".argv"); }
     std::unique_ptr<Settings> Make(const std::string& user, const std::string& elements) const {
-        const FakePanel panel("<doc><local_dir>" + work_.Path() + "/l</local_dir>" + elements +
-                              "</doc>");
-        return std::make_unique<Settings>("panel1", user, "");
+        return MakeSettings(user, work_.Path() + "/l", elements);
     }
     std::string Files(const std::string& folders) const {
         return "<files root=\"" + root_ + "\">" + folders + "</files>";
     }
-    std::string Failure(Settings& settings) const {
-        try {
-            BackupLocal(settings, "info", "a", "l", "");
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        return "none";
+    static std::string Failed(Settings& settings) {
+        return Failure([&] { BackupLocal(settings, "info", "a", "l", ""); });
     }
 
     LogCapture log_;
@@ -73,37 +52,15 @@ TEST_F(Run, ArchiverGetsEverySettingInItsOrder) {
     WriteFile("50% $(x).info", "");
     BackupLocal(*settings, "50% $(x).info", "F a.tgz", "-l", "base");
     EXPECT_EQ(Arguments("qortar"),
-              Words({"--create",
-                     "F a.tgz",
-                     "--slice",
-                     "100M",
-                     "--user",
-                     "al'ice",
-                     "--root",
-                     root_,
-                     "--save-listing",
-                     "-l",
-                     "--base",
-                     "base",
-                     "--exclude",
-                     "data*.tmp",
-                     "--exclude",
-                     "/docs/*",
-                     "--exclude",
-                     "",
-                     "--exclude",
-                     "data*",
-                     "--execute",
-                     "sbin/backup2_cp --put --info-file '50%% $(x).info' --%c %p/%f",
-                     "--backup-hook",
-                     ".system/",
-                     "--backup-hook-execute",
-                     "sbin/backup2_system --%c --user 'al'\\''ice' --manager panel1 %p/%f",
-                     ".system",
-                     "docs",
-                     "-x y"}));
+              "--create|F a.tgz|--slice|100M|--user|al'ice|--root|" + root_ +
+                  "|--save-listing|-l|--base|base|--exclude|data*.tmp|--exclude|/docs/*|--exclude||"
+                  "--exclude|data*|--execute|"
+                  "sbin/backup2_cp --put --info-file '50%% $(x).info' --%c %p/%f|"
+                  "--backup-hook|.system/|--backup-hook-execute|"
+                  "sbin/backup2_system --%c --user 'al'\\''ice' --manager panel %p/%f|"
+                  ".system|docs|-x y|");
     EXPECT_EQ(Arguments("backup2_cp"),
-              Words({"--put", "--info-file", "50% $(x).info", "--isolated", "--no-delete", "-l"}));
+              "--put|--info-file|50% $(x).info|--isolated|--no-delete|-l|");
     EXPECT_FALSE(fs::exists("50% $(x).info")) << "the working file goes after the last upload";
 }
 
@@ -114,29 +71,26 @@ TEST_F(Run, OptionsWithoutASettingAreLeftOut) {
         WriteFile("info", "");
         const auto settings = Make(user, elements);
         BackupLocal(*settings, "info", "a", "l", user == "root" ? "" : "missing base");
-        Words want = {"--create",       "a",
-                      "--slice",        "",
-                      "--root",         root_,
-                      "--save-listing", "l",
-                      "--execute",      "sbin/backup2_cp --put --info-file info --%c %p/%f"};
-        if (user == "root") want.push_back("d");
-        EXPECT_EQ(Arguments("qortar"), want);
+        EXPECT_EQ(Arguments("qortar"), "--create|a|--slice||--root|" + root_ +
+                                           "|--save-listing|l|--execute|"
+                                           "sbin/backup2_cp --put --info-file info --%c %p/%f|" +
+                                           (user == "root" ? "d|" : ""));
     }
 }
 
 TEST_F(Run, FailureKeepsTheInfoFileAndShowsWhatTheToolSaid) {
     const auto settings = Make("bob", Files(""));
     Tool("qortar", 1);
-    EXPECT_EQ(Failure(*settings), "Failed to create backup");
+    EXPECT_EQ(Failed(*settings), "Failed to create backup");
     EXPECT_TRUE(log_.Has(3, "qortar finished with error 1. Output: out\nerr\n"));
     EXPECT_FALSE(fs::exists("backup2_cp.argv")) << "no listing of a failed archive";
     Tool("qortar", 0);
     Tool("backup2_cp", 3);
-    EXPECT_EQ(Failure(*settings), "Failed to create backup");
+    EXPECT_EQ(Failed(*settings), "Failed to create backup");
     EXPECT_TRUE(log_.Has(3, "final backup2_cp call finished with error 3. Output: out\nerr\n"));
     EXPECT_TRUE(fs::exists("info"));
     fs::remove("sbin/qortar");
-    EXPECT_EQ(Failure(*settings), "Failed to create backup");
+    EXPECT_EQ(Failed(*settings), "Failed to create backup");
     EXPECT_TRUE(log_.Mentions("qortar finished with error 127."));
 }
 

@@ -1,21 +1,16 @@
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "vel/vel_env.h"
-#include "vel/vel_err.h"
 #include "vel/vel_file.h"
 
-#include "backup_common/backup2_qortar.h"
-
-#include "tests/backup_common/fake_panel.h"
-#include "tests/backup_common/make_file.h"
-#include "tests/support/work_dir.h"
+#include "tests/backup_common/fixtures.h"
 
 namespace backup2 {
 namespace {
 
-namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
 using List = std::list<std::string>;
 
@@ -24,8 +19,7 @@ protected:
     SettingsTest() { fs::create_directories(root_ + "/data"); }
 
     std::unique_ptr<Settings> Make(const std::string& elements) const {
-        const FakePanel panel("<doc><local_dir>" + local_ + "</local_dir>" + elements + "</doc>");
-        return std::make_unique<Settings>("panel1", "bob", "");
+        return MakeSettings("bob", local_, elements);
     }
     std::string Files(const std::string& inner = "") const {
         return "<files root=\"" + root_ + "\">" + inner + "</files>";
@@ -39,14 +33,7 @@ protected:
     }
     /// The error of settings that cannot be made; nothing of them may be left.
     std::string Refusal(const std::string& elements) const {
-        try {
-            Make(elements);
-        } catch (const vel_err::AssertError& e) {
-            return e.message();
-        } catch (const vel_err::Error& e) {
-            return e.type() + " " + e.object();
-        }
-        return "none";
+        return Failure([&] { Make(elements); });
     }
 
     FdCheck descriptors_;
@@ -63,7 +50,7 @@ TEST_F(SettingsTest, AnswerIsReadCompletely) {
         Make(Files("<folder>data</folder><other>x</other><folder>-a b</folder>") +
              "<command_prefix>ionice</command_prefix><exclude_file><a>*.log</a><b>/tmp</b>"
              "</exclude_file><storage slice_size=\"100M\">type=local;path=/b</storage>");
-    EXPECT_EQ(settings->manager() + " " + settings->user(), "panel1 bob");
+    EXPECT_EQ(settings->manager() + " " + settings->user(), "panel bob");
     EXPECT_EQ(settings->root(), root_);
     EXPECT_EQ(settings->local_dir(), local_);
     EXPECT_EQ(settings->folders(), List({"data", "-a b"}));
@@ -91,12 +78,12 @@ TEST_F(SettingsTest, EnvironmentStandsInForMissingElementsOnly) {
 TEST_F(SettingsTest, RequestNamesTheUserAndTheKindOfData) {
     const std::pair<bool, std::string> cases[] = {{true, "on"}, {false, "off"}};
     for (const auto& [userdata, word] : cases) {
-        const FakePanel panel("<doc><local_dir>" + local_ + "</local_dir></doc>");
-        const Settings settings("panel1", "b&b", userdata, "a b");
-        EXPECT_NE(
-            panel.Request().find("func=backup2.item.info&elid=b%26b&role=a%20b&userdata=" + word),
-            std::string::npos)
-            << panel.Request();
+        const FakePanel panel({HttpAnswer("<doc><local_dir>" + local_ + "</local_dir></doc>")});
+        const Settings settings("panel", "b&b", userdata, "a b");
+        const std::string& request = panel.Requests().at(0);
+        EXPECT_TRUE(
+            request.ends_with("\r\nfunc=backup2.item.info&elid=b%26b&role=a%20b&userdata=" + word))
+            << request;
     }
 }
 
@@ -141,6 +128,13 @@ TEST_F(SettingsTest, PlantedLinkStopsTheJobAndNothingElse) {
     fs::remove(root_ + "/.system");
     ASSERT_EQ(::mkfifo((root_ + "/.system").c_str(), 0600), 0);
     EXPECT_EQ(Refusal(Files() + spec_), "sys mkdir");
+
+    const std::string home = work_.Path() + "/home", site = home + "/site";  // both are nobody's
+    fs::create_directory(home);
+    fs::create_directory_symlink(work_.Path() + "/canary", site);
+    ASSERT_EQ(::chown(home.c_str(), 65534, 0) + ::lchown(site.c_str(), 65534, 0), 0);
+    EXPECT_EQ(Refusal("<files root=\"" + site + "\"/>" + spec_), "sys open");
+    EXPECT_EQ(In(work_.Path() + "/canary"), Names({"file"}));
 }
 
 TEST_F(SettingsTest, MarkerNeverLiesElsewhere) {
@@ -170,14 +164,8 @@ TEST_F(SettingsTest, FolderSwappedDuringTheJobCostsNobodyAFile) {
 }
 
 TEST_F(SettingsTest, PanelsErrorLeavesNothing) {
-    const FakePanel panel(
-        "<doc><error type=\"missed\" object=\"user\"><value>eve</value></error></doc>");
-    try {
-        Settings("panel1", "eve", "");
-        ADD_FAILURE();
-    } catch (const vel_err::Error& e) {
-        EXPECT_EQ(e.type() + " " + e.object(), "missed user");
-    }
+    const FakePanel panel({HttpAnswer("<doc><error type=\"missed\" object=\"user\"/></doc>")});
+    EXPECT_EQ(Failure([] { Settings("panel", "eve", ""); }), "missed user");
     EXPECT_FALSE(fs::exists(local_));
 }
 

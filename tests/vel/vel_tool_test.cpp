@@ -1,6 +1,7 @@
 #include "vel/vel_tool.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "vel/vel_err.h"
+#include "vel/vel_proc.h"
 
 #include "tests/support/work_dir.h"
 
@@ -58,6 +60,19 @@ TEST_F(Tool, FailuresBecomeOneLineOnBothOutputsAndAStatus) {
                 "");
     EXPECT_EXIT(RunAsProgram([](auto) { return 0; }, {"--version"}), testing::ExitedWithCode(0),
                 "vel_tests [0-9]+\\.[0-9]+");
+}
+
+TEST_F(Tool, SignalsThatTheCallerIgnoresWorkAgain) {
+    const Body runs_a_child = [](auto) {
+        vel_proc::Execute child({"sh", "-c", "exit 7"}, 0);
+        const bool dies = ::signal(SIGPIPE, SIG_DFL) == SIG_DFL;
+        return child.Result() == 7 && dies ? 0 : 9;
+    };
+    const auto run = [&] {
+        for (const int number : {SIGCHLD, SIGPIPE}) ::signal(number, SIG_IGN);
+        RunAsProgram(runs_a_child);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Tool, ABodyRunsPrivatelyInTheInstallRoot) {
