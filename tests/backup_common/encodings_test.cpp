@@ -34,9 +34,9 @@ TEST(Encodings, ListingNamesEscapeSixBytes) {
 
 TEST(Encodings, BadEscapeShowsTheNameAsFarAsDecoded) {
     const Pairs cases = {{"x\\", "x\\"}, {"a\\qb", "a\\qb"}, {"\\t\\x", "\t\\x"}};
-    for (const auto& [encoded, shown] : cases) {
-        EXPECT_EQ(Failure([&] { DecodeFileName(encoded); }),
-                  "Bad encoded filename '" + shown + "'");
+    for (const auto& c : cases) {
+        EXPECT_EQ(Failure([&] { DecodeFileName(c.first); }),
+                  "Bad encoded filename '" + c.second + "'");
     }
 }
 
