@@ -1,6 +1,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "vel/vel_env.h"
@@ -50,15 +51,14 @@ TEST_F(SettingsTest, AnswerIsReadCompletely) {
         Make(Files("<folder>data</folder><other>x</other><folder>-a b</folder>") +
              "<command_prefix>ionice</command_prefix><exclude_file><a>*.log</a><b>/tmp</b>"
              "</exclude_file><storage slice_size=\"100M\">type=local;path=/b</storage>");
-    EXPECT_EQ(settings->manager() + " " + settings->user(), "panel bob");
-    EXPECT_EQ(settings->root(), root_);
-    EXPECT_EQ(settings->local_dir(), local_);
+    const std::string texts[] = {settings->manager(),    settings->user(),
+                                 settings->root(),       settings->local_dir(),
+                                 settings->system(),     settings->command_prefix(),
+                                 settings->slice_size(), settings->storage().at("BACKUP_TOKEN")};
+    EXPECT_THAT(texts, testing::ElementsAre("panel", "bob", root_, local_, "", "ionice", "100M",
+                                            "type=local;path=/b"));
     EXPECT_EQ(settings->folders(), List({"data", "-a b"}));
     EXPECT_EQ(settings->exclude_files(), List({"*.log", "/tmp"}));
-    EXPECT_EQ(settings->command_prefix(), "ionice");
-    EXPECT_EQ(settings->slice_size(), "100M");
-    EXPECT_EQ(settings->storage().at("BACKUP_TOKEN"), "type=local;path=/b");
-    EXPECT_EQ(settings->system(), "");
     EXPECT_FALSE(settings->empty());
     EXPECT_EQ(settings->params().value("local_dir"), local_);
     EXPECT_EQ(In(root_), Names({"data"})) << "no marker, no folder of markers";
