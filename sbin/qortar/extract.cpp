@@ -61,6 +61,7 @@ private:
     void RestoreFrom(const std::deque<Record>& records, std::size_t& next, std::size_t end,
                      Writer& writer);
     void RestoreEntry(EntryReader& reader, const Record& record, Item& item, Writer& writer);
+    Item WholeItem(const Record& record);
     void MakeLinks(Writer& writer);
     void FinishFolders(Writer& writer);
 
@@ -72,7 +73,7 @@ private:
     vel_tool::Progress progress_{"restore"};
     std::deque<std::optional<FolderState>> folder_states_;  // as plan_.folders
     std::mutex mutex_;
-    std::map<std::string, std::vector<Xattr>> folder_xattrs_;
+    std::map<std::string, Item> headers_;  // of what has attributes and is no file
     std::atomic<bool> stop_{false};
 };
 
@@ -94,9 +95,10 @@ void Find(EntryReader& reader, const Record& record, Item& item) {
 void PlannedRestore::RestoreEntry(EntryReader& reader, const Record& record, Item& item,
                                   Writer& writer) {
     item.name = plan_.NameFor(record);
-    if (item.type == 'd') {
+    item.mtime = record.mtime;
+    if (item.type != 'f') {
         const std::lock_guard lock(mutex_);
-        folder_xattrs_[item.name] = std::move(item.xattrs);
+        headers_[item.name] = item;
     } else {
         writer.WriteFile(item, [&](std::string_view& bytes, uint64_t& offset) {
             if (!reader.Tar().Data(bytes, offset)) return false;
@@ -163,11 +165,21 @@ void PlannedRestore::MakeFolders(Writer& writer) {
     }
 }
 
+/// With the attributes that its header brought.
+Item PlannedRestore::WholeItem(const Record& record) {
+    Item item = record.AsItem();
+    item.name = plan_.NameFor(record);
+    const auto header = record.xattrs ? headers_.find(item.name) : headers_.end();
+    if (header == headers_.end()) return item;
+    item.xattrs = std::move(header->second.xattrs);
+    item.left_out = std::move(header->second.left_out);
+    return item;
+}
+
 void PlannedRestore::MakeLinks(Writer& writer) {
     const auto each = [&](const std::deque<Record>& records, void (Writer::*make)(const Item&)) {
         for (const Record& record : records) {
-            Item item = record.AsItem();
-            item.name = plan_.NameFor(record);
+            const Item item = WholeItem(record);
             Attempt(report_, item.name, [&] { (writer.*make)(item); });
         }
     };
@@ -182,9 +194,7 @@ void PlannedRestore::FinishFolders(Writer& writer) {
         const Record& folder = plan_.folders[i];
         const std::optional<FolderState>& state = folder_states_[i];
         if (!state || (folder.passage && !state->made)) continue;
-        Item item = folder.AsItem();
-        const auto xattrs = folder_xattrs_.find(item.name);
-        if (xattrs != folder_xattrs_.end()) item.xattrs = std::move(xattrs->second);
+        const Item item = WholeItem(folder);
         Attempt(report_, folder.name, [&] { writer.FinishFolder(item, *state); });
     }
 }

@@ -117,7 +117,7 @@ void Plan::Add(const Entry& entry, bool has_base) {
     if (record.type == 'l') links.push_back(record);
     if (record.type == 'h') hard_links.push_back(record);
     if (record.type == 'p') specials.push_back(record);
-    if (record.type != 'f' && !(record.type == 'd' && record.xattrs)) return;
+    if (record.type != 'f' && (record.type == 'h' || !record.xattrs)) return;
     if (record.in_base && !has_base)
         throw vel_err::Error("archive", "base_missing",
                              entry.name + ": is stored in the base archive, which was not given");

@@ -60,7 +60,7 @@ public:
     /// Every entry that is stored in the archive itself, of all types, in `stored` only.
     explicit Plan(const std::string& listing);
 
-    /// Stored entries, by place: files, and folders whose header holds attributes.
+    /// Stored entries, by place: files, and what else has attributes in its header.
     std::deque<Record> stored, stored_in_base;
     std::deque<Record> folders;  ///< in the listing's order: a parent comes first
     std::deque<Record> links, hard_links, specials;

@@ -1,5 +1,6 @@
 #include "sbin/qortar/tar_stream.h"
 
+#include <grp.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -67,17 +68,29 @@ void PutLittleEndian(std::string& out, T value) {
     for (std::size_t i = 0; i < sizeof(T); ++i) out += static_cast<char>(value >> (8 * i) & 0xff);
 }
 
+/// The number of a user or group that a foreign archive gives by name; -1 when there is none here.
+int IdOf(int tag, const std::string& name) {
+    if (tag == ARCHIVE_ENTRY_ACL_USER)
+        return vel_user::Exists(name) ? static_cast<int>(vel_user::Uid(name)) : -1;
+    group found{}, *result = nullptr;
+    std::vector<char> texts(64 << 10);
+    ::getgrnam_r(name.c_str(), &found, texts.data(), texts.size(), &result);
+    return result ? static_cast<int>(found.gr_gid) : -1;
+}
+
 /// "" when the entry has no list of that kind beyond its mode.
-std::string KernelAcl(archive_entry* entry, int kind) {
+std::string KernelAcl(archive_entry* entry, int kind, std::string& left_out) {
     if (archive_entry_acl_reset(entry, kind) == 0) return "";
     std::vector<AclEntry> list;
     int type = 0, rights = 0, tag = 0, id = 0;
     const char* name = nullptr;
     while (archive_entry_acl_next(entry, kind, &type, &rights, &tag, &id, &name) == ARCHIVE_OK) {
         const bool named = tag == ARCHIVE_ENTRY_ACL_USER || tag == ARCHIVE_ENTRY_ACL_GROUP;
-        if (named && id < 0 && name && tag == ARCHIVE_ENTRY_ACL_USER && vel_user::Exists(name))
-            id = static_cast<int>(vel_user::Uid(name));
-        if (named && id < 0) continue;  // a foreign archive's name that this system does not know
+        if (named && id < 0) id = IdOf(tag, Text(name));
+        if (named && id < 0) {
+            left_out = Text(name);
+            continue;
+        }
         list.push_back({KernelTag(tag), static_cast<uint16_t>(rights & 7),
                         named ? static_cast<uint32_t>(id) : 0xffffffffU});
     }
@@ -94,20 +107,43 @@ std::string KernelAcl(archive_entry* entry, int kind) {
     return out;
 }
 
-void ReadXattrs(archive_entry* entry, std::vector<Xattr>& out) {
+/// The bytes that a record's key cannot hold are written as "%25" and "%3D".
+std::string XattrName(std::string name) {
+    for (std::size_t at = name.find('%'); at != std::string::npos; at = name.find('%', at + 1)) {
+        if (name.compare(at, 3, "%25") == 0) {
+            name.replace(at, 3, "%");
+        } else if (name.compare(at, 3, "%3D") == 0) {
+            name.replace(at, 3, "=");
+        }
+    }
+    return name;
+}
+
+void ReadXattrs(archive_entry* entry, Item& item) {
+    std::vector<Xattr>& out = item.xattrs;
+    out.clear();
+    item.left_out.clear();
     const char* name = nullptr;
     const void* value = nullptr;
     std::size_t size = 0;
     archive_entry_xattr_reset(entry);
     while (archive_entry_xattr_next(entry, &name, &value, &size) == ARCHIVE_OK)
-        out.push_back({Text(name), std::string(static_cast<const char*>(value), size)});
+        out.push_back({XattrName(Text(name)), std::string(static_cast<const char*>(value), size)});
     const std::pair<int, const char*> lists[] = {
         {ARCHIVE_ENTRY_ACL_TYPE_ACCESS, "system.posix_acl_access"},
         {ARCHIVE_ENTRY_ACL_TYPE_DEFAULT, "system.posix_acl_default"}};
     for (const auto& [kind, key] : lists) {
-        std::string acl = KernelAcl(entry, kind);
+        std::string acl = KernelAcl(entry, kind, item.left_out);
         if (!acl.empty()) out.push_back({key, std::move(acl)});
     }
+}
+
+/// The library gives the fraction of a time before 1970 without its sign: -1.25 as {-1, 0.25 s}.
+/// (Between -1 and 0 the sign is lost altogether; a listing has the right time.)
+timespec TimeOf(archive_entry* entry) {
+    timespec time{archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)};
+    if (time.tv_sec < 0 && time.tv_nsec > 0) time = {time.tv_sec - 1, 1000000000 - time.tv_nsec};
+    return time;
 }
 
 void ReadItem(archive_entry* entry, Item& item) {
@@ -116,13 +152,12 @@ void ReadItem(archive_entry* entry, Item& item) {
     item.uid = static_cast<uid_t>(archive_entry_uid(entry));
     item.gid = static_cast<gid_t>(archive_entry_gid(entry));
     item.size = item.type == 'f' ? static_cast<uint64_t>(archive_entry_size(entry)) : 0;
-    item.mtime = {archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)};
+    item.mtime = TimeOf(entry);
     item.device = archive_entry_rdev(entry);
     item.name = PlainName(Text(archive_entry_pathname(entry)));
     item.target = item.type == 'h' ? PlainName(Text(archive_entry_hardlink(entry)))
                                    : Text(archive_entry_symlink(entry));
-    item.xattrs.clear();
-    ReadXattrs(entry, item.xattrs);
+    ReadXattrs(entry, item);
 }
 
 }  // namespace

@@ -31,6 +31,7 @@ struct Item {
     std::string name;    ///< no leading "./", no trailing "/"; "." is the root; unchecked otherwise
     std::string target;  ///< as Entry::target, unchecked
     std::vector<Xattr> xattrs;  ///< POSIX ACLs too, in the kernel's form
+    std::string left_out;  ///< an ACL entry of an unknown user or group, which is not in `xattrs`
 };
 
 /// `name` without leading "./" and trailing "/", "." for the root itself.

@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 
 #include "vel/str.h"
 #include "vel/vel_err.h"
@@ -277,7 +278,8 @@ void Writer::FinishFolder(const Item& item, const FolderState& state) {
     if (st.st_dev != state.device || st.st_ino != state.inode)
         Refuse("the folder was exchanged during the restore");
     if (target_.for_user && !state.made && st.st_uid != target_.uid) return;
-    SetAttributes(fd, item, false);
+    const bool owned = st.st_uid == item.uid && st.st_gid == item.gid;
+    SetAttributes(fd, item, owned, ::flistxattr(fd, nullptr, 0) != 0);
 }
 
 // ---- Attributes ---------------------------------------------------------------------------------
@@ -287,33 +289,41 @@ mode_t Writer::AllowedMode(const Item& item) const {
     return item.mode & (item.uid == target_.uid ? ~static_cast<mode_t>(S_ISGID) : 01777);
 }
 
-/// The first problem, "" when there was none. A default ACL of the parent was inherited by what was
-/// made in it: it goes when the item has no list of its own.
-std::string Writer::SetXattrs(int fd, const Item& item, bool inherited) const {
-    if (inherited) {
-        ::fremovexattr(fd, kAccessAcl);  // fails when there is none, which is what is wanted
-        if (item.type == 'd') ::fremovexattr(fd, kDefaultAcl);
-    }
+/// The first problem, "" when there was none. `by_path`: an O_PATH descriptor takes no attributes,
+/// its name in /proc does.
+std::string Writer::SetXattrs(int fd, const Item& item, bool by_path) const {
     std::string problem;
+    if (!item.left_out.empty()) problem = "its ACL names '" + item.left_out + "', unknown here";
     for (const Xattr& xattr : item.xattrs) {
+        const char* name = xattr.name.c_str();
         const bool acl = xattr.name == kAccessAcl || xattr.name == kDefaultAcl;
         if (target_.for_user && !acl && !str::StartsWith(xattr.name, "user.")) continue;
-        if (::fsetxattr(fd, xattr.name.c_str(), xattr.value.data(), xattr.value.size(), 0) != 0 &&
-            problem.empty())
+        const int code = by_path ? ::setxattr(ProcPath(fd).c_str(), name, xattr.value.data(),
+                                              xattr.value.size(), 0)
+                                 : ::fsetxattr(fd, name, xattr.value.data(), xattr.value.size(), 0);
+        if (code != 0 && problem.empty())
             problem = "attribute " + xattr.name + ": " + ::strerror(errno);
     }
     return problem;
 }
 
-/// `fresh`: the thread has just made it in parent_, with the identity that it has.
-void Writer::SetAttributes(int fd, const Item& item, bool fresh) {
-    const bool born_right = fresh && !parent_.keeps_group && !made_by_root_ &&
-                            item.uid == (target_.with_rights ? target_.uid : 0) &&
-                            item.gid == (target_.with_rights ? target_.gid : 0);
-    if (target_.privileged && !born_right && ::fchown(fd, item.uid, item.gid) != 0)
-        Fail("chown", errno);
+/// Whether what the thread has just made in parent_ got its owner by being made.
+bool Writer::BornRight(const Item& item) const {
+    return !parent_.keeps_group && !made_by_root_ &&
+           item.uid == (target_.with_rights ? target_.uid : 0) &&
+           item.gid == (target_.with_rights ? target_.gid : 0);
+}
+
+/// `owned`: its owner is right. `inherited`: it may have got a default ACL of the folder in which
+/// it was made, which goes when the item has no list of its own.
+void Writer::SetAttributes(int fd, const Item& item, bool owned, bool inherited) {
+    if (target_.privileged && !owned && ::fchown(fd, item.uid, item.gid) != 0) Fail("chown", errno);
     if (::fchmod(fd, AllowedMode(item)) != 0) Fail("chmod", errno);
-    const std::string problem = SetXattrs(fd, item, !fresh || parent_.has_acl);
+    if (inherited) {
+        ::fremovexattr(fd, kAccessAcl);  // fails when there is none, which is what is wanted
+        if (item.type == 'd') ::fremovexattr(fd, kDefaultAcl);
+    }
+    const std::string problem = SetXattrs(fd, item, /*by_path=*/false);
     const timespec times[2] = {{0, UTIME_OMIT}, item.mtime};
     if (::futimens(fd, times) != 0) Fail("set times", errno);
     if (!problem.empty()) throw vel_err::Error("restore", "attributes", problem);
@@ -331,8 +341,10 @@ void Writer::SetByPath(int fd, const Item& item) {
     if (item.type != 'l' && ::chmod(ProcPath(fd).c_str(), AllowedMode(item)) != 0)
         Fail("chmod", errno);
     if (item.type != 'l' && parent_.has_acl) ::removexattr(ProcPath(fd).c_str(), kAccessAcl);
+    const std::string problem = SetXattrs(fd, item, /*by_path=*/true);
     const timespec times[2] = {{0, UTIME_OMIT}, item.mtime};
     if (::utimensat(fd, "", times, AT_EMPTY_PATH) != 0) Fail("set times", errno);
+    if (!problem.empty()) throw vel_err::Error("restore", "attributes", problem);
 }
 
 // ---- Names --------------------------------------------------------------------------------------
@@ -406,19 +418,25 @@ bool Writer::Place(const Item& item, const Make& make) {
         spot.made = name;
     }
     made_by_root_ = spot.by_root;
-    make(spot.folder, spot.made, 1);
+    std::exception_ptr attributes;
+    try {
+        make(spot.folder, spot.made, 1);
+    } catch (const vel_err::Error& error) {  // the rest of it is worth keeping
+        if (error.object() != "attributes") throw;
+        attributes = std::current_exception();
+    }
     const AsUser rights(target_);
     if (spot.made != spot.leaf &&
         ::renameat(spot.folder, spot.made.c_str(), spot.folder, spot.leaf.c_str()) != 0)
         Fail("rename", errno);
     spot.done = true;
+    if (attributes) std::rethrow_exception(attributes);
     return true;
 }
 
 bool Writer::WriteFile(const Item& item, const Content& content) {
     ResHandle fd;
-    std::exception_ptr attributes;
-    const bool written = Place(item, [&](int folder, const std::string& name, int step) {
+    return Place(item, [&](int folder, const std::string& name, int step) {
         if (step == 0) {
             constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
             const int made = ::openat(folder, name.c_str(), kFlags, 0600);
@@ -426,16 +444,9 @@ bool Writer::WriteFile(const Item& item, const Content& content) {
             return made < 0 ? -1 : 0;
         }
         Fill(fd, item, content);
-        try {
-            SetAttributes(fd, item, true);
-        } catch (const vel_err::Error& error) {  // the content is worth keeping
-            if (error.object() != "attributes") throw;
-            attributes = std::current_exception();
-        }
+        SetAttributes(fd, item, BornRight(item), parent_.has_acl);
         return 0;
     });
-    if (attributes) std::rethrow_exception(attributes);
-    return written;
 }
 
 void Writer::MakeLink(const Item& item) {

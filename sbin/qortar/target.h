@@ -3,7 +3,9 @@
 /// Every path is resolved by the kernel beneath the root, without following any link, at the time
 /// it is used; what is then changed is changed through the descriptor of what was just made.
 /// No file is ever written into: a new one is created exclusively, an old one is replaced by
-/// renaming. A file that could not be written completely is removed again.
+/// renaming. A file that could not be written completely is removed again; a program that is killed
+/// may leave one where none was before. Its time is that of the killed run, so that a restore that
+/// is started again writes it afresh, unless told to overwrite "never" or what is older ("newer").
 ///
 /// With a user, names are made, renamed and removed with that user's rights, by the kernel's own
 /// checks: what he could not write himself is refused, but for names that are missing directly in
@@ -93,8 +95,9 @@ private:
     template <class Make>
     bool Place(const Item& item, const Make& make);
     mode_t AllowedMode(const Item& item) const;
-    void SetAttributes(int fd, const Item& item, bool fresh);
-    std::string SetXattrs(int fd, const Item& item, bool inherited) const;
+    bool BornRight(const Item& item) const;
+    void SetAttributes(int fd, const Item& item, bool owned, bool inherited);
+    std::string SetXattrs(int fd, const Item& item, bool by_path) const;
     void SetByPath(int fd, const Item& item);
 
     const Target& target_;

@@ -149,6 +149,13 @@ class RoundTrip(Case):
         self.assertEqual(self.qortar("--extract", packed).returncode, 0)
         self.assertSame(self.state)
 
+    def test_an_acl_of_unknown_people_is_told(self):
+        acl = {"SCHILY.acl.access": "user::rw-,user:nobody-such:r--,group:root:r--,group::r--,mask::r--,other::---"}
+        done = self.qortar("--extract", Packed(self.store, tar_of([entry("file", b"x", pax_headers=acl)])), listing=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("nobody-such", done.stdout)
+        self.assertEqual(len(os.getxattr(self.root / "file", "system.posix_acl_access")), 4 + 5 * 8)
+
     def test_one_file_needs_only_its_slices(self):
         packed = Packed(self.store, tar_of_tree(self.tree), member=65536, cut=100003)
         name = "small/d3/file3.txt"
