@@ -137,6 +137,18 @@ void Verification::CheckHeader(EntryReader& reader, const Record& record, bool t
                                  std::to_string(item.size) + " bytes");
 }
 
+/// Goes to the record's header. A file that changed while it was saved may stand in front of it,
+/// under the same name, as it was read before.
+bool NextListed(EntryReader& reader, const Record& record, Item& item) {
+    uint32_t offset = 0;
+    while (reader.Tar().Next(item)) {
+        const Place place = reader.HeaderPlace(offset);
+        const bool before = std::pair(place, offset) < std::pair(record.Where(), record.offset);
+        if (!before || item.name != record.name) return true;
+    }
+    return false;
+}
+
 /// Entries of one unit, and that the next unit's first entry (or the end) follows at once.
 void Verification::Check(const std::deque<Record>& records, const Unit& unit) {
     std::size_t next = unit.first;
@@ -145,15 +157,15 @@ void Verification::Check(const std::deque<Record>& records, const Unit& unit) {
         EntryReader reader([&](Block& block) { return gunzip.Read(block); }, records[next].offset);
         Item item;
         for (; next < unit.end; ++next) {
-            const bool there = reader.Tar().Next(item);
+            const bool there = NextListed(reader, records[next], item);
             CheckHeader(reader, records[next], there, item);
             ReadContent(reader, totals_);
             progress_.Add(records[next].size, 1);
         }
-        const bool more = reader.Tar().Next(item);
         if (next < records.size()) {
+            const bool more = NextListed(reader, records[next], item);
             CheckHeader(reader, records[next], more, item);
-        } else if (more) {
+        } else if (reader.Tar().Next(item)) {
             throw vel_err::Error("archive", "mismatch",
                                  "behind it stands " + backup2::EncodeFileName(item.name) +
                                      ", which is not in the listing");

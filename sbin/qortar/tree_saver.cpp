@@ -32,8 +32,10 @@ const vel_log::Module logger("qortar");
 
 constexpr int kAttempts = 3;
 constexpr std::size_t kLinkMapBytes = 32 << 20;
-// A file with more pieces is stored with its later holes filled.
-constexpr std::size_t kMostExtents = 1 << 16;
+// A file with more pieces is stored with its later holes filled, unless they are so large that
+// somebody may have made them to keep the run busy for ever.
+constexpr std::size_t kMostExtents = 1 << 18;
+constexpr uint64_t kMostFilled = 4ULL << 30;
 
 bool SameTime(const timespec& a, const timespec& b) {
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
@@ -90,26 +92,33 @@ void WaitForNextTick(const timespec& ctime) {
     }
 }
 
-// The runs of data; empty when the file has no holes worth keeping.
-std::vector<Extent> FindExtents(int fd, const struct stat& st) {
+// Finds the runs of data; none when the file has no holes worth keeping. Returns false when it has
+// too many.
+bool FindExtents(int fd, const struct stat& st, std::vector<Extent>& extents) {
     constexpr uint64_t kStatBlock = 512;
     const auto size = static_cast<uint64_t>(st.st_size);
-    std::vector<Extent> extents;
-    if (static_cast<uint64_t>(st.st_blocks) * kStatBlock >= size) return extents;
+    const auto allocated = static_cast<uint64_t>(st.st_blocks) * kStatBlock;
+    if (allocated >= size) return true;
     for (uint64_t at = 0; at < size;) {
         const off_t data = ::lseek(fd, static_cast<off_t>(at), SEEK_DATA);
         if (data < 0 || static_cast<uint64_t>(data) >= size) break;  // only a hole is left
-        off_t hole = ::lseek(fd, data, SEEK_HOLE);
-        if (hole < 0 || extents.size() + 2 >= kMostExtents) hole = st.st_size;
-        const auto end = std::min(static_cast<uint64_t>(hole), size);
+        const off_t hole = ::lseek(fd, data, SEEK_HOLE);
+        auto end = hole < 0 ? size : std::min(static_cast<uint64_t>(hole), size);
+        if (extents.size() + 2 >= kMostExtents) {
+            if (size - static_cast<uint64_t>(data) > allocated + kMostFilled) return false;
+            end = size;
+        }
         extents.push_back({static_cast<uint64_t>(data), end - static_cast<uint64_t>(data)});
         at = end;
     }
-    if (extents.size() == 1 && extents[0].size == size) return {};
+    if (extents.size() == 1 && extents[0].size == size) {
+        extents.clear();
+        return true;
+    }
     // Readers learn the size from the last run.
     if (extents.empty() || extents.back().offset + extents.back().size < size)
         extents.push_back({size, 0});
-    return extents;
+    return true;
 }
 
 std::string ReadTarget(int fd) {
@@ -411,6 +420,7 @@ bool TreeSaver::KeepFile(const Found& found) {
 }
 
 void TreeSaver::StoreFile(const Found& found) {
+    changed_copy_.reset();
     for (int attempt = 1; !TryStoreFile(found, attempt); ++attempt) {
     }
 }
@@ -423,7 +433,12 @@ bool TreeSaver::SomebodyElses(const struct stat& st) const {
 bool TreeSaver::TryStoreFile(const Found& found, int attempt) {
     const vel_file::ResHandle fd = OpenBeneath(found.dir, found.name, O_RDONLY);
     struct stat st {};
-    if (!fd || ::fstat(fd, &st) != 0) {
+    const bool opened = fd && ::fstat(fd, &st) == 0;
+    if (changed_copy_ && !(opened && S_ISREG(st.st_mode) && !SomebodyElses(st))) {
+        SettleForCopy(found.path);
+        return true;
+    }
+    if (!opened) {
         ReportOpenFailure(found, errno);
         return true;
     }
@@ -449,29 +464,42 @@ bool TreeSaver::TryStoreFile(const Found& found, int attempt) {
     WaitForNextTick(st.st_ctim);
     std::optional<TarItem> item = Describe(entry, fd, /*readable=*/true);
     if (!item) return true;
-    item->extents = FindExtents(fd, st);
+    if (!FindExtents(fd, st, item->extents)) {
+        changed_copy_ ? SettleForCopy(found.path)
+                      : ReportEntry(found, 'u', "it has more holes than can be kept");
+        return true;
+    }
     item->sparse = !item->extents.empty();
 
     stream_.BeginEntry();
     stream_.Append(TarHeader(*item));
     const Content content = CopyContent(fd, found.path, *item, st);
-    if (content == Content::Broken && stream_.Rewind()) {
+    if (content == Content::Broken && !changed_copy_ && stream_.Rewind()) {
         ReportEntry(found, 'u', read_error_);
         return true;
     }
+    if (content != Content::Same) entry.flags += 'c';
+    if (item->sparse) entry.flags += 's';
+    if (!item->records.empty()) entry.flags += 'x';
     if (content == Content::Changed && attempt < kAttempts) {
-        stream_.Rewind();  // where it is too late for that, the next one comes behind and counts
+        // Where it is too late to take it back, the next one comes behind and counts.
+        if (changed_copy_ || !stream_.Rewind()) changed_copy_ = std::move(entry);
         return false;
     }
     if (content == Content::Changed) Report(found.path, "it changed while it was read");
     if (content == Content::Broken)
         Report(found.path, read_error_ + ": the rest is filled with zeros");
-    if (content != Content::Same) entry.flags += 'c';
-    if (item->sparse) entry.flags += 's';
-    if (!item->records.empty()) entry.flags += 'x';
     RememberLink(found.path, st);
     FinishEntry(std::move(entry));
     return true;
+}
+
+// What was put already stays the file's entry: every header of the stream is followed by a listed
+// one of its name, or is listed.
+void TreeSaver::SettleForCopy(const std::string& path) {
+    Report(path, "it changed, and could not be read again");
+    FinishEntry(std::move(*changed_copy_));
+    changed_copy_.reset();
 }
 
 // Always puts as many bytes into the stream as the header promised.
@@ -505,6 +533,7 @@ TreeSaver::Content TreeSaver::CopyRange(int fd, const std::string& path, const E
         if (n > 0) {
             stream_.Advance(static_cast<std::size_t>(n));
             done += static_cast<uint64_t>(n);
+            if (done < range.size) progress_.Add(static_cast<uint64_t>(n), 0);
             continue;
         }
         if (n < 0) {
@@ -534,9 +563,13 @@ std::optional<TarItem> TreeSaver::Describe(const Entry& entry, int fd, bool read
     try {
         item.records = ReadAttributes(fd, readable ? FdKind::Readable : FdKind::PathOnly);
     } catch (const vel_err::Error& error) {
+        Report(entry.name, "its extended attributes: " + error.value());
+        if (changed_copy_) {
+            SettleForCopy(entry.name);
+            return std::nullopt;
+        }
         Entry failed = entry;
         failed.flags = "u";
-        Report(entry.name, "its extended attributes: " + error.value());
         stream_.ListEntry(std::move(failed));
         return std::nullopt;
     }

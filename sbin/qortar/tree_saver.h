@@ -81,6 +81,7 @@ private:
     bool KeepFile(const Found& found);
     void StoreFile(const Found& found);
     bool TryStoreFile(const Found& found, int attempt);
+    void SettleForCopy(const std::string& path);
     void StoreLink(const std::string& path, const struct stat& st, const std::string& first);
     void RememberLink(const std::string& path, const struct stat& st);
     void AddUnlisted(const std::string& path);
@@ -110,7 +111,8 @@ private:
     std::set<std::string> parents_;      // saved as such
     std::vector<std::string> unlisted_;  // folders whose content is not known now
     std::size_t unlisted_bytes_ = 0;
-    std::string read_error_;  // of the file that is being read
+    std::string read_error_;             // of the file that is being read
+    std::optional<Entry> changed_copy_;  // of it, which the stream cannot take back any more
     SaveCounts counts_;
     vel_tool::Progress progress_;
 };

@@ -226,6 +226,24 @@ class Create(unittest.TestCase):
         self.assertEqual([listing[f"data/{victim.name}"]["flags"] for victim in victims], ["v", "u", "v", "v", "n"])
         self.assertEqual({path.name for path in (self.untar() / "data").iterdir()}, {trigger.name})
 
+    def test_rare_attributes_come_back(self):
+        self.fill(old=b"x", noted=b"x")
+        os.chown(self.data / "old", 3000000, 4000000000)
+        os.utime(self.data / "old", ns=(0, -1_250_000_000))
+        os.mkfifo(self.data / "fifo")
+        os.symlink("old", self.data / "link")
+        given = [("noted", "user.a%25=\nb%3D"), ("fifo", "trusted.x"), ("link", "trusted.x")]
+        for name, key in given:
+            os.setxattr(self.data / name, key, b"value\0", follow_symlinks=False)
+        self.saved()
+        for number, listing in enumerate((["--listing", self.listing], [])):
+            back = self.work / f"back{number}/data"
+            done = run(["qortar", "--extract", self.archive, "--root", back.parent, *listing])
+            self.assertEqual((done.returncode, done.stdout), (0, ""))
+            self.assertEqual(tree_state(self.data), tree_state(back))
+            for name, key in given:
+                self.assertEqual(os.getxattr(back / name, key, follow_symlinks=False), b"value\0")
+
     def test_special_files_and_bad_folders_are_passed_over(self):
         self.fill(kept=b"1")
         os.mkfifo(self.data / "fifo")
@@ -246,7 +264,8 @@ class Create(unittest.TestCase):
         def disturb():
             size = 0
             while not stop.is_set():
-                os.utime(self.data / "busy")
+                for name in ("busy", "shrinks") * 10:
+                    os.utime(self.data / name)
                 size = (5 << 20) - size
                 os.truncate(self.data / "shrinks", (20 << 20) - size)
         thread = threading.Thread(target=disturb)
@@ -261,6 +280,8 @@ class Create(unittest.TestCase):
         back = self.untar()
         self.assertEqual((back / "data/calm").read_bytes(), b"x")
         self.assertEqual((back / "data/shrinks").stat().st_size, int(listing["data/shrinks"]["size"]))
+        verified = run(["qortar", "--verify", self.archive, "--listing", self.listing])
+        self.assertEqual(verified.returncode, 0, verified.stdout)
         os.truncate(self.data / "shrinks", 1)
         again = self.saved("--base", self.listing, listing=self.work / "I.listing", archive=self.work / "out/I.tgz")
         self.assertEqual((again["data/calm"]["flags"], again["data/busy"]["flags"]), ("b", ""))
