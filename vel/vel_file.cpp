@@ -969,9 +969,11 @@ void Move(const std::string& from, const std::string& to) {
     SyncFolder(target);
 }
 
-void SyncDisk(const std::string& folder) {
-    const ResHandle fd(::openat(OpenDir(folder), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!fd || ::syncfs(fd) != 0) Raise("syncfs", folder);
+void Sync(const std::string& path) {
+    const Place place = PlaceOf("fsync", path);
+    const ResHandle fd = place.Open(O_RDONLY | O_NONBLOCK);
+    if (!fd || ::fsync(fd) != 0) Raise("fsync", path);
+    SyncFolder(place);
 }
 
 // ---- Temporaries --------------------------------------------------------------------------------

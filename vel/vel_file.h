@@ -125,8 +125,8 @@ void CopyFile(const std::string& from, const std::string& to);
 void Copy(const std::string& from, const std::string& to);
 /// rename with fsync of the directory; across file systems copy, then remove.
 void Move(const std::string& from, const std::string& to);
-/// All that was written to the file system of this folder, by whomever, is on the disk then.
-void SyncDisk(const std::string& folder);
+/// The content of the file or folder, and its name in its own folder, are on the disk then.
+void Sync(const std::string& path);
 
 // ---- Temporaries and locks ----------------------------------------------------------------------
 

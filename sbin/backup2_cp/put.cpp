@@ -57,14 +57,11 @@ InfoMap Completed(const Target& target, const Options& options, const std::strin
     return keys;
 }
 
-/// The commit record: readers know a backup by it, so all that it names is on the disk before it.
+/// The commit record: readers know a backup by it. All that it names is on the disk by now.
 void PublishInfo(const Target& target, const std::string& path, const InfoMap& keys) {
-    target.Sync();
-    vel_file::SyncDisk(vel_file::SplitPath(path).dir);
     vel_file::Write(path, InfoText(keys));
     try {
         Upload(target, path, StoredName(target, path), true);
-        target.Sync();
     } catch (...) {
         vel_file::Remove(path);
         throw;
@@ -103,6 +100,7 @@ void PutFinal(const Target& target, const Options& options) {
     const std::string final_info =
         vel_file::SplitPath(options.file).dir + "/" + listing.base + ".info";
     Upload(target, options.file, index, true);
+    vel_file::Sync(options.file);
     PublishInfo(target, final_info, keys);
     logger.Write(5, "finished backup %s", index);
 }
@@ -112,7 +110,6 @@ void PutFile(const Target& target, const Options& options) {
     const std::string stored = StoredName(target, options.file);
     if (target.Encrypts(stored)) ProbeCipher(target);
     Upload(target, options.file, stored, options.no_delete);
-    target.Sync();
     if (!options.no_delete) RemoveUploaded(target, options.file, stored);
 }
 

@@ -101,8 +101,11 @@ void Target::ReadStored(const std::string& name, std::ostream& out) const {
     Pump(in, out);
 }
 
-void Target::Sync() const {
-    if (token_.IsLocal()) vel_file::SyncDisk(token_.GetParam("path"));
+void Target::Sync(const std::string& name) const {
+    if (!token_.IsLocal()) return;
+    for (std::string part = name; !part.empty(); part = vel_file::SplitPath(part).dir) {
+        vel_file::Sync(LocalPath(part));
+    }
 }
 
 std::string Target::Describe() const {

@@ -29,8 +29,9 @@ public:
     bool IsStored(const std::string& local, const std::string& name) const;
     /// Writes the stored bytes of `name`, as they are.
     void ReadStored(const std::string& name, std::ostream& out) const;
-    /// On a local storage: what was stored is on the disk when this returns.
-    void Sync() const;
+    /// On a local storage: the stored file, and the folders that lead to it, are on the disk when
+    /// this returns.
+    void Sync(const std::string& name) const;
     /// True when `name` is passed through the cipher here.
     bool Encrypts(const std::string& name) const;
     std::string Describe() const;                         ///< "local storage /srv/backup"

@@ -117,6 +117,9 @@ SliceSums PutOnce(const Target& target, const std::string& local, const std::str
         throw std::runtime_error("the file changed while it was read");
     }
     CheckSums(target, stored, sums);
+    // Slice by slice, while the archiver makes the next one: a single sync at the end would wait
+    // for the whole backup, and for whatever else was written to that disk.
+    target.Sync(stored);
     return sums;
 }
 

@@ -258,17 +258,25 @@ done
             subprocess.run(["umount", stored_info.parent], check=True)
 
     def test_all_is_on_the_disk_before_the_info_file_says_so(self):
-        info, trace = self.info(), self.root / "trace"
-        self.cp("--put", "--info-file", info, "--last-slice", self.slice(1, b"one"))
-        words = ["strace", "-f", "-o", trace, "-e", "trace=syncfs,link,linkat,rename,renameat",
-                 t.program("backup2_cp"), "--put", "--info-file", info, "--isolated", "--no-delete"]
-        done = t.run([*words, self.listing()], **self.env(ASAN_OPTIONS="detect_leaks=0"))
-        self.assertEqual(done.returncode, 0, done.stderr)
-        calls = [line for line in trace.read_text().splitlines() if line.endswith(" = 0")]
-        synced = [n for n, line in enumerate(calls) if "syncfs(" in line]
-        named = [n for n, line in enumerate(calls) if f'{DATE}.bob.info"' in line]
-        self.assertLess(synced[0], named[0], calls)
-        self.assertGreater(synced[-1], named[-1], calls)
+        info, listing = self.info(), self.listing()
+        calls = []
+        for words in (("--last-slice", self.slice(1, b"one")), ("--isolated", "--no-delete", listing)):
+            trace = self.root / "trace"
+            done = t.run(["strace", "-f", "-y", "-o", trace, "-e", "trace=fsync,link,linkat,rename,renameat",
+                          t.program("backup2_cp"), "--put", "--info-file", info, *words],
+                         **self.env(ASAN_OPTIONS="detect_leaks=0"))
+            self.assertEqual(done.returncode, 0, done.stderr)
+            calls += [line for line in trace.read_text().splitlines() if line.endswith(" = 0")]
+
+        def last(*parts):
+            return max((n for n, line in enumerate(calls) if all(part in line for part in parts)), default=-1)
+        commit = last("link", f'{self.store}/bob/{DATE}/{DATE}.bob.info"')
+        for path in (f"{DATE}/F{DATE}.bob.tgz.aes.part1", f"{DATE}/{DATE}.bob.tgz.aes", DATE):
+            self.assertGreater(last("fsync(", f"<{self.store}/bob/{path}>"), -1, path)
+        first = [n for n, line in enumerate(calls) if "fsync(" in line and ".tgz.aes" in line]
+        self.assertEqual(len(first), 2, calls)
+        self.assertLess(first[-1], commit, calls)
+        self.assertGreater(last("fsync(", f"<{self.store}/bob/{DATE}/{DATE}.bob.info>"), commit, calls)
 
     def test_a_cut_or_changed_archive_never_counts_as_stored(self):
         info, path = self.info(parts="1"), self.slice(1, b"x" * 100000)  # parts: past the probe
