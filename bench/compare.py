@@ -162,7 +162,7 @@ class Bench:
             sys.exit("one file: restored bytes differ")
         self.compare("one file out of the middle", 0.5, ours,
                      lambda: (f"ls -v {full}/*.part* | xargs cat | igzip -dc | "
-                              f"tar xf - -C {self.fresh('one.theirs')} './{middle}'",), "igzip -d, tar x FILE")
+                              f"tar xf - -C {self.fresh('one.theirs')} '{middle}'",), "igzip -d, tar x FILE")
 
     def stream_memory(self):
         folder = self.fresh("ten")
@@ -208,7 +208,8 @@ class Bench:
         def set_up(arguments, text=""):
             subprocess.run(panel + arguments, input=text, text=True, check=True, env={**os.environ, **env},
                            stdout=subprocess.DEVNULL)
-        set_up(["user", "add", "bob", "--root", str(tree), "--folder", "."])
+        folders = [word for path in sorted(tree.iterdir()) for word in ("--folder", path.name)]
+        set_up(["user", "add", "www-data", "--root", str(tree), *folders])
         set_up(["storage", "set", "--slice-size", "100M"], f"type=local;path={store};arch_password={secret}")
         server = subprocess.Popen(panel + ["serve"], env={**os.environ, **env}, stdout=subprocess.PIPE)
         server.stdout.readline()
@@ -217,7 +218,7 @@ class Bench:
             for path in (store, root / "var/backup/qorvel"):
                 shutil.rmtree(path)
                 path.mkdir()
-            return (f"{root}/sbin/backup2 run bob --date 2024-01-31", env)
+            return (f"{root}/sbin/backup2 run www-data --date 2024-01-31", env)
 
         def theirs():
             repository = self.fresh("restic")
