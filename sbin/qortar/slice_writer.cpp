@@ -159,6 +159,7 @@ struct SliceWriter::Impl {
 
     std::thread thread;  // looks after the slice before `number`
     bool published = false;
+    bool finished = false;
     std::exception_ptr failure;  // set by the thread, taken after the join
     std::atomic<bool> failed = false;
 };
@@ -175,6 +176,12 @@ SliceWriter::SliceWriter(const std::string& archive, uint64_t size, const std::s
 
 SliceWriter::~SliceWriter() {
     if (impl_->thread.joinable()) impl_->thread.join();
+    if (impl_->finished || !impl_->published) return;
+    try {  // the beginning of an archive is none, and may fill the disk
+        RemoveOldPieces(impl_->archive);
+    } catch (const std::exception& error) {
+        logger.Write(4, "Fail to remove the slices of '%s': %s", impl_->archive, error.what());
+    }
 }
 
 SlicePlace SliceWriter::Next() const {
@@ -205,6 +212,7 @@ void SliceWriter::Write(const uint8_t* data, std::size_t size) {
 void SliceWriter::Finish() {
     impl_->Complete(/*last=*/true);
     impl_->Join();
+    impl_->finished = true;
 }
 
 bool IsPieceOf(const std::string& archive, const std::string& name) {

@@ -25,7 +25,7 @@ public:
     /// `size` in bytes, 0 = one piece. Left-overs of dead runs of this archive are removed.
     /// Throws vel_err::Error("archive", "busy", archive) when a live process writes it.
     SliceWriter(const std::string& archive, uint64_t size, const std::string& command);
-    /// Waits for a running command and removes the slice that is not finished.
+    /// Waits for a running command. Without Finish it removes the slices that are still there.
     ~SliceWriter();
     SliceWriter(const SliceWriter&) = delete;
     SliceWriter& operator=(const SliceWriter&) = delete;

@@ -584,6 +584,9 @@ bool TreeSaver::KeepUnchanged(Entry& entry) {
 }
 
 void TreeSaver::FinishEntry(Entry entry) {
+    if (entry.name.size() >= PATH_MAX && !std::exchange(long_name_reported_, true))
+        Report(entry.name,
+               "this name, and what else is longer than 4095 bytes, cannot be restored");
     ++counts_.entries;
     ++counts_.stored;
     stream_.EndEntry(std::move(entry));

@@ -107,7 +107,7 @@ private:
     std::string own_output_;  // the archive's name below the root, "" when it lies elsewhere
     std::string hook_dir_;
     LinkMap links_;
-    bool links_full_reported_ = false;
+    bool links_full_reported_ = false, long_name_reported_ = false;
     std::set<std::string> parents_;      // saved as such
     std::vector<std::string> unlisted_;  // folders whose content is not known now
     std::size_t unlisted_bytes_ = 0;
