@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -125,6 +126,7 @@ struct Plan {
     char* const* envp = nullptr;
     int in = -1, out = -1, err = -1;  ///< above 2, or -1: the child keeps this process's own
     int report = -1;                  ///< write end of the pipe that carries errno of a failed exec
+    pid_t parent = -1;
 };
 
 // ---- In the child: async-signal-safe calls only -------------------------------------------------
@@ -150,6 +152,8 @@ void HideDescriptors() {
 
 [[noreturn]] void BecomeProgram(const Plan& plan) {
     ResetSignals();
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (::getppid() != plan.parent) ::_exit(kCannotStart);  // it died before the call
     const bool placed = (plan.in < 0 || ::dup2(plan.in, 0) == 0) &&
                         (plan.out < 0 || ::dup2(plan.out, 1) == 1) &&
                         (plan.err < 0 || ::dup2(plan.err, 2) == 2);
@@ -305,6 +309,7 @@ void Execute::Impl::Launch(const std::string& program, std::vector<std::string>&
     plan.envp = variables.data();
     child_ends.push_back(CopyAboveStandard(report.Out()));
     plan.report = child_ends.back();
+    plan.parent = ::getpid();
     ConnectInput(plan, child_ends);
     ConnectOutput(plan, child_ends);
     pid = ForkWithSignalsBlocked(plan);

@@ -41,6 +41,8 @@ enum Mode : int {
 /// Standard input is /dev/null unless In or RedirectInTo was used. The child gets no descriptor
 /// but 0, 1 and 2, default signal handlers and an empty signal mask. A program name with a "/" is
 /// taken relative to the working directory, others are looked up in PATH.
+/// The child gets TERM when the thread that started it ends, also by kill -9 of this process: no
+/// program works on for somebody who is dead.
 class Execute {
 public:
     Execute();
