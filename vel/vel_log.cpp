@@ -232,21 +232,34 @@ int LevelLimit() {
     return limit;
 }
 
-struct SinkHolder {
-    std::mutex mutex;
-    Sink sink;
-    std::atomic<bool> set{false};
+class SinkHolder {
+public:
+    Sink Current() {
+        if (!set_) return {};
+        const std::lock_guard lock(mutex_);
+        return sink_;
+    }
+    Sink Exchange(Sink sink) {
+        const std::lock_guard lock(mutex_);
+        set_ = static_cast<bool>(sink);
+        std::swap(sink_, sink);
+        return sink;
+    }
+
+private:
+    std::mutex mutex_;
+    Sink sink_;
+    std::atomic<bool> set_{false};
 };
 
-SinkHolder& Holder() {  // never destroyed: static objects log while the process ends
+// Never destroyed: static objects log while the process ends.
+SinkHolder& InPlaceOfFile() {
     static auto& holder = *new SinkHolder;
     return holder;
 }
-
-Sink CurrentSink() {
-    if (!Holder().set) return {};
-    const std::lock_guard lock(Holder().mutex);
-    return Holder().sink;
+SinkHolder& Observer() {
+    static auto& holder = *new SinkHolder;
+    return holder;
 }
 
 /// A caller that logs between a failed call and its look at errno must still find it.
@@ -271,23 +284,21 @@ void Module::WriteArgs(int level, std::string_view format,
                        std::initializer_list<Arg> args) const noexcept {
     const ErrnoGuard guard;
     try {
-        const Sink sink = CurrentSink();
-        if (!sink && level > LevelLimit()) return;
+        const Sink sink = InPlaceOfFile().Current(), observer = Observer().Current();
+        if (!sink && !observer && level > LevelLimit()) return;
         const std::string text = Format(format, args);
+        if (observer) observer(level, module_, text);
         if (sink) {
             sink(level, module_, text);
-        } else {
+        } else if (level <= LevelLimit()) {
             AppendTo(std::string("var/") + log_ + ".log", Line(level, module_, text));
         }
     } catch (...) {  // out of memory, or a sink's own failure: an event is lost, the work goes on
     }
 }
 
-Sink SetSink(Sink sink) {
-    const std::lock_guard lock(Holder().mutex);
-    Holder().set = static_cast<bool>(sink);
-    std::swap(Holder().sink, sink);
-    return sink;
-}
+Sink SetSink(Sink sink) { return InPlaceOfFile().Exchange(std::move(sink)); }
+
+Sink SetObserver(Sink observer) { return Observer().Exchange(std::move(observer)); }
 
 }  // namespace vel_log

@@ -64,5 +64,8 @@ using Sink = std::function<void(int level, std::string_view module, std::string_
 /// Replaces the file by `sink` (every level reaches it) and returns the sink before; an empty one
 /// brings the file back. For tests.
 Sink SetSink(Sink sink);
+/// Besides the file or sink, `observer` gets every event, whether or not it is written; an empty
+/// one ends that. Returns the observer before.
+Sink SetObserver(Sink observer);
 
 }  // namespace vel_log
