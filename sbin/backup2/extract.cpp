@@ -28,6 +28,12 @@ void Sort(const std::string& output, Extraction::Result& result) {
     }
 }
 
+/// The archiver of a run that was killed may still be extracting there.
+vel_file::TmpDir OwnDirectory(const std::string& path) {
+    EndOrphans(path);
+    return vel_file::TmpDir::At(path);
+}
+
 }  // namespace
 
 void Extraction::Result::ThrowIfFatal(const std::string& title) const {
@@ -42,8 +48,7 @@ Extraction::Extraction(const std::string& work, const Backup& backup, const std:
     : backup_(backup),
       local_dir_(local_dir),
       index_(std::move(index)),
-      slices_(
-          vel_file::TmpDir::At(vel_file::ConcatPath(local_dir, "." + work + "." + backup.user))) {}
+      slices_(OwnDirectory(vel_file::ConcatPath(local_dir, "." + work + "." + backup.user))) {}
 
 Extraction::Result Extraction::Run(const std::string& action, const std::string& root,
                                    std::vector<std::string> more,

@@ -1,5 +1,7 @@
 #include "sbin/backup2/job.h"
 
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +19,7 @@
 #include "vel/vel_date.h"
 #include "vel/vel_env.h"
 #include "vel/vel_file.h"
+#include "vel/vel_log.h"
 #include "vel/vel_proc.h"
 #include "vel/vel_tool.h"
 
@@ -24,7 +27,7 @@ namespace backup2_admin {
 namespace {
 
 constexpr int64_t kMaxParts = 1000000;
-const char kLog[] = "var/qorvel.log";
+constexpr std::string_view kOutput = ". Output: ";  // in the library's log lines
 
 vel_client::Local Panel() {
     vel_client::Local panel(kPanel, "backup2");
@@ -46,6 +49,15 @@ std::string WithoutPart(const std::string& path) {
     return numbered ? path.substr(0, part) : path;
 }
 
+/// The text when it is a day in normal form, else "".
+std::string DayOrNothing(const std::string& text) {
+    try {
+        return vel_date::Date(text).AsDate() == text ? text : "";
+    } catch (const vel_err::Error&) {
+        return "";
+    }
+}
+
 /// "<plain size> <stored size> <plain sum> <stored sum>" of slice.K.
 void ReadSums(std::string text, Slice& slice) {
     if (text.empty()) return;
@@ -55,19 +67,44 @@ void ReadSums(std::string text, Slice& slice) {
     slice.stored_sum = str::GetWord(text);
 }
 
-/// The service's own programs that have `path` in an argument.
-std::vector<pid_t> ProgramsWith(const std::string& path) {
+/// True when `path` stands in `words` and does not go on behind: "/x/bob.info" is not in
+/// "/x/bob.info.info", a folder is in the names below it.
+bool Names(const std::string& words, const std::string& path) {
+    for (auto at = words.find(path); at != std::string::npos; at = words.find(path, at + 1)) {
+        const char next = at + path.size() < words.size() ? words[at + path.size()] : '\0';
+        if (next == '\0' || next == ' ' || next == '/' || next == '\'') return true;
+    }
+    return false;
+}
+
+/// True for a program of this service, this account and this install root that has `path` in an
+/// argument. Anybody can give his process any words: the account and the place cannot be feigned.
+bool WorksWith(const std::string& process, const std::string& path) {
     static const std::set<std::string> kPrograms = {"sbin/qortar", "sbin/backup2_cp", "/bin/sh"};
-    std::vector<pid_t> found;
+    struct stat here {
+    }, there{}, owner{};
+    if (::stat(".", &here) != 0 || ::stat((process + "/cwd").c_str(), &there) != 0) return false;
+    if (here.st_dev != there.st_dev || here.st_ino != there.st_ino) return false;
+    if (::stat(process.c_str(), &owner) != 0 || owner.st_uid != ::geteuid()) return false;
+    std::ifstream file(process + "/cmdline", std::ios::binary);
+    const std::string words(std::istreambuf_iterator<char>(file), {});
+    return kPrograms.count(words.substr(0, words.find('\0'))) != 0 &&
+           (Names(words, path) || Names(words, vel_proc::Escape(path)));
+}
+
+/// Sends KILL to the programs that work with `path`; their number. The descriptor names the same
+/// process before and after the look at it, whatever happens to its number.
+std::size_t KillProgramsWith(const std::string& path) {
+    std::size_t killed = 0;
     for (vel_file::Dir processes("/proc", 2); processes.Next();) {
         const int pid = str::Int(processes.Name());
         if (pid <= 0 || pid == ::getpid()) continue;
-        std::ifstream file(processes.Path() + "/cmdline", std::ios::binary);
-        const std::string words(std::istreambuf_iterator<char>(file), {});
-        const bool own = kPrograms.count(words.substr(0, words.find('\0'))) != 0;
-        if (own && words.find(path) != std::string::npos) found.push_back(pid);
+        const vel_file::ResHandle process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
+        if (process == -1 || !WorksWith(processes.Path(), path)) continue;
+        ::syscall(SYS_pidfd_send_signal, int{process}, SIGKILL, nullptr, 0);
+        ++killed;
     }
-    return found;
+    return killed;
 }
 
 }  // namespace
@@ -168,12 +205,33 @@ std::string Backup::StoredIndex(const backup2::BackupToken& token) const {
     return backup2::GetPath(recorded.empty() ? backup2::GetName(token, IndexPath()) : recorded);
 }
 
+void Backup::CheckRecord() const {
+    const std::string own = date + "." + user + ".tgz", index = vel_file::Name(Get("index"));
+    const std::string archive = Archive(), base = Get("base");
+    const std::string mark = Kind() == "full" ? "F" : Kind() == "incremental" ? "I" : "C";
+    const std::string stamp =
+        DayOrNothing(archive.substr(std::min<std::size_t>(1, archive.size()), 10));
+    const bool named = archive == mark + (date == kCustom ? stamp : date) + "." + user + ".tgz" &&
+                       (index.empty() || index == own || index == own + ".aes");
+    const bool based = mark == "I" ? base == "F" + DayOrNothing(BaseDate()) + "." + user + ".tgz" &&
+                                         BaseDate() != date
+                                   : base.empty();
+    const bool known = mark != "C" || Kind() == kCustom;
+    int64_t sums = 0, size = 0;
+    for (auto pair = info.lower_bound("slice."); pair != info.end(); ++pair, ++sums) {
+        if (!str::StartsWith(pair->first, "slice.")) break;
+        size += str::Int64(pair->second.substr(0, pair->second.find(' ')));
+    }
+    const int64_t parts = info.count("parts") ? str::Int64(Get("parts")) : 1;
+    const bool counted = sums == 0 || (sums == parts && size == str::Int64(Get("size")));
+    if (named && based && known && counted && parts >= 1 && parts <= kMaxParts) return;
+    throw std::runtime_error(info_path + ": the info file is damaged");
+}
+
 std::vector<Slice> Backup::Slices() const {
+    CheckRecord();
     const std::string last = Get("last-slice");
     const int64_t parts = std::max<int64_t>(1, str::Int64(Get("parts")));
-    if (last.empty() || parts > kMaxParts) {
-        throw std::runtime_error(info_path + ": no usable list of slices");
-    }
     // The place follows from the name, so that an info file cannot name another backup's files.
     const bool single = WithoutPart(last) == last;
     const std::string first = backup2::GetPath(WithoutPart(last));
@@ -265,21 +323,23 @@ std::string FetchCommand(const std::string& local_dir) {
     return "sbin/backup2 fetch-slice --dir " + dir + " -- %p/%f";
 }
 
-LogWatch::LogWatch() : start_(vel_file::Info(kLog).Size()) {}
+FailureWatch::FailureWatch() {
+    vel_log::SetObserver([failure = failure_](int level, std::string_view, std::string_view text) {
+        if (level <= 3 && text.find(kOutput) != text.npos) *failure = text;
+    });
+}
 
-std::string LogWatch::LastFailure() const {
-    const std::string mark = "[" + str::Str(int64_t{::getpid()}) + "]: ", said = " Output: ";
-    const std::string log = vel_file::Read(kLog);
-    std::string reason;
-    std::vector<std::string> lines;
-    str::Split(log.size() > start_ ? log.substr(start_) : "", "\n", lines);
-    for (const std::string& line : lines) {
-        const auto output = line.find(said);
-        if (line.find(mark) == std::string::npos || output == std::string::npos) continue;
-        reason = str::badchars::Unescape(line.substr(output + said.size()), '\\');
+FailureWatch::~FailureWatch() { vel_log::SetObserver({}); }
+
+/// A program's last word is "<name>: <why>"; one that a signal ended has none.
+std::string FailureWatch::Reason() const {
+    const auto output = failure_->find(kOutput);
+    if (output == std::string::npos) return "";
+    const std::string last = Done{0, failure_->substr(output + kOutput.size())}.LastLine();
+    for (const std::string program : {"qortar: ", "backup2_cp: "}) {
+        if (str::StartsWith(last, program)) return ": " + last;
     }
-    const std::string last = Done{0, reason}.LastLine();
-    return last.empty() ? "" : ": " + last;
+    return ": " + failure_->substr(0, output);
 }
 
 WorkLock::WorkLock(const std::string& work, const std::string& user)
@@ -296,9 +356,7 @@ WorkLock::WorkLock(const std::string& work, const std::string& user)
 
 void EndOrphans(const std::string& path) {
     for (int tries = 0; tries < 100; ++tries) {
-        const auto orphans = ProgramsWith(path);
-        if (orphans.empty()) return;
-        for (const pid_t pid : orphans) ::kill(pid, SIGKILL);  // it may have ended by itself
+        if (KillProgramsWith(path) == 0) return;
         vel_proc::Sleep(100);
     }
     throw std::runtime_error("programs of a broken run do not end; they work with " + path);

@@ -69,7 +69,10 @@ struct Backup {
     std::string BaseDate() const;   ///< of an increment the date of its full backup, else ""
     std::string IndexPath() const;  ///< the local listing, whether it is there or not
     std::string StoredIndex(const backup2::BackupToken& token) const;
-    std::vector<Slice> Slices() const;  ///< throws for an info file without them
+    std::vector<Slice> Slices() const;  ///< throws as CheckRecord does
+    /// Throws std::runtime_error for an info file that is cut, or names what belongs to another
+    /// backup: with half of its sums damage would pass as an old backup, which has none.
+    void CheckRecord() const;
 };
 
 /// The backups of a user ("" all), of a date ("" all), by user and date. A working info file is no
@@ -97,15 +100,18 @@ Done RunTool(std::vector<std::string> argv);
 /// The command with which qortar gets the slices of any backup below `local_dir`.
 std::string FetchCommand(const std::string& local_dir);
 
-/// Finds in the service's log why a program failed that the library ran: it tells its caller only
-/// that one did. Make it before.
-class LogWatch {
+/// Hears why a program failed that the library runs while the object lives: the library logs that
+/// and tells its caller only that one failed. One at a time.
+class FailureWatch {
 public:
-    LogWatch();
-    std::string LastFailure() const;  ///< ": <last line of the program's output>", or ""
+    FailureWatch();
+    FailureWatch(const FailureWatch&) = delete;
+    FailureWatch& operator=(const FailureWatch&) = delete;
+    ~FailureWatch();
+    std::string Reason() const;  ///< ": <the program's last word, or how it ended>", or ""
 
 private:
-    uint64_t start_;
+    std::shared_ptr<std::string> failure_ = std::make_shared<std::string>();
 };
 
 /// Only one process at a time does `work` ("run", "restore", "verify") for a user; held while the
@@ -120,8 +126,8 @@ private:
     std::string dir_;
     std::unique_ptr<backup2::Lock> lock_;
 };
-/// Ends programs of a run whose "backup2" was killed: they work with the file or folder `path` and
-/// would go on writing. Throws when they do not end.
+/// Ends programs of this install root that still work with the file or folder `path` although the
+/// "backup2" or the archiver that started them is dead. Throws when they do not end.
 void EndOrphans(const std::string& path);
 /// Removes the temporaries in `dir` that begin with `beginning`: what a dead run left.
 void RemoveTemporaries(const std::string& dir, const std::string& beginning);

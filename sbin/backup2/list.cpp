@@ -26,6 +26,11 @@ struct Options {
 };
 
 std::string KindWord(const Backup& backup) {
+    try {
+        backup.CheckRecord();
+    } catch (const std::exception&) {
+        return "damaged";
+    }
     return backup.Kind() + (backup.Deleted() ? " (deleted)" : "");
 }
 
@@ -46,7 +51,7 @@ std::string TableOf(const std::vector<Backup>& backups, const std::string& stora
     Table table("llllrrll");
     table.Add({"USER", "DATE", "KIND", "BASE", "SIZE", "SLICES", "STORAGE", "FINISHED"});
     for (const Backup& backup : backups) {
-        table.Add({Printable(backup.user), backup.date, KindWord(backup),
+        table.Add({backup.user, backup.date, KindWord(backup),
                    backup.BaseDate().empty() ? "-" : backup.BaseDate(),
                    HumanSize(static_cast<uint64_t>(str::Int64(backup.Get("size")))),
                    backup.Get("parts"), storage + (backup.Get("key_hash").empty() ? "" : "+aes"),

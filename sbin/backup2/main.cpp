@@ -31,8 +31,20 @@ std::vector<std::string> Reversed(std::vector<std::string> words) {
     return words;
 }
 
+/// The parser takes the next word for the value of "--to=": a path to restore would become the
+/// target.
+void RefuseEmptyValues(const std::vector<std::string>& words) {
+    for (const std::string& word : words) {
+        if (word == "--") return;
+        if (word.compare(0, 2, "--") == 0 && word.find('=') == word.size() - 1) {
+            throw vel_tool::UsageError(word + " has no value");
+        }
+    }
+}
+
 int Body(const std::vector<std::string>& args) {
     using namespace backup2_admin;
+    RefuseEmptyValues(args);
     CLI::App app("Back up users of the hosting panel, look at the backups, bring them back.",
                  "backup2");
     app.require_subcommand(1);

@@ -53,11 +53,13 @@ std::string Printable(const std::string& name) {
 
 std::string Table::Str() const {
     std::vector<std::size_t> widths(alignment_.size(), 0);
-    for (const auto& row : rows_) {
+    auto rows = rows_;
+    for (auto& row : rows) {
+        std::transform(row.begin(), row.end(), row.begin(), Printable);
         for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
     }
     std::string text;
-    for (const auto& row : rows_) {
+    for (const auto& row : rows) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
             const std::string pad(widths[i] - row[i].size(), ' ');

@@ -21,7 +21,7 @@ void PrintJson(const Json& json) {
     std::cout << json.dump(2, ' ', false, Json::error_handler_t::replace) << std::endl;
 }
 
-/// Columns as wide as their widest cell; the first row is the heading.
+/// Columns as wide as their widest cell, made fit for a terminal; the first row is the heading.
 class Table {
 public:
     /// One letter a column: "l" left, "r" right.

@@ -77,6 +77,7 @@ Restore::Restore(const Options& options)
     if (options.password_stdin) {
         site_.token.SetParam("arch_password", str::base64::Encode(ReadSecret()));
     }
+    backup_.CheckRecord();
     CheckPassword(backup_, site_.token);
     UseStorage(site_.token);
     in_use_ = Protect(backup_);
@@ -119,16 +120,23 @@ int Restore::Files() {
     if (files_.empty()) return vel_tool::kDone;
     ProgressView progress("restore of " + backup_.user, alone_.Dir());
     const Extraction extraction("restore", backup_, site_.local_dir, index_);
-    if (!options_.dry_run) vel_file::MkDir(target_);
+    std::optional<vel_file::TmpDir> nothing;  // in place of a target that is not there yet
+    if (!options_.dry_run) {
+        vel_file::MkDir(target_);
+    } else if (!vel_file::Exists(target_)) {
+        nothing.emplace(vel_file::TmpDir::At(vel_file::ConcatPath(alone_.Dir(), "nothing")));
+    }
     std::vector<std::string> more = {"--overwrite", options_.overwrite};
     if (options_.dry_run) more.push_back("--dry-run");
-    const auto result = extraction.Run("--extract", target_, more, files_);
+    const auto result =
+        extraction.Run("--extract", nothing ? nothing->Path() : target_, more, files_);
     for (const std::string& line : result.lines) std::cout << line << "\n";
     const auto seen = progress.Finish("qortar");
     const double seconds = progress.Seconds();
     std::cout << backup_.Title() << ": " << Plural(seen.files, "file") << ", "
-              << HumanSize(seen.bytes) << " in " << HumanTime(seconds) << ", "
-              << HumanRate(seen.bytes, seconds) << std::endl;
+              << HumanSize(seen.bytes) << " in " << HumanTime(seconds);
+    const std::string rate = HumanRate(seen.bytes, seconds);
+    std::cout << (rate.empty() ? "" : ", " + rate) << std::endl;
     result.ThrowIfFatal(backup_.Title());
     return result.status;
 }
@@ -183,7 +191,8 @@ void AddRestore(CLI::App& app, Action& chosen) {
     command->add_option("user", options->user, "Whose backup")->required();
     command->add_option("date", options->date, "Its day, or \"custom\"")->required();
     command->add_option("paths", options->paths, "Only these files and folders");
-    command->add_option("--to", options->to, "Target folder (the user's own root)");
+    const auto* to =
+        command->add_option("--to", options->to, "Target folder (the user's own root)");
     command->add_option("--overwrite", options->overwrite, "What happens to files that are there")
         ->check(CLI::IsMember({"always", "changed", "newer", "never"}));
     command->add_flag("--dry-run", options->dry_run, "Only say what would be done");
@@ -193,7 +202,11 @@ void AddRestore(CLI::App& app, Action& chosen) {
     command->add_flag("--password-stdin", options->password_stdin,
                       "Read the archive password from standard input");
     command->footer(kExamples);
-    command->callback([options, &chosen] { chosen = [options] { return RunRestore(*options); }; });
+    command->callback([options, to, &chosen] {
+        // An empty variable of somebody's script must not mean the user's own files.
+        if (to->count() > 0 && options->to.empty()) throw vel_tool::UsageError("--to is empty");
+        chosen = [options] { return RunRestore(*options); };
+    });
 }
 
 }  // namespace backup2_admin

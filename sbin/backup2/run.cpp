@@ -39,6 +39,8 @@ Examples:
 
 Exit status 3: the backup is there, but some entries could not be saved; their names are shown.)";
 
+volatile std::sig_atomic_t interrupted = 0;
+
 struct Options {
     std::string user, date;
     bool all = false, custom = false, json = false;
@@ -129,7 +131,6 @@ void Job::RemoveLeftovers() {
     }
     info_ = backup2::ConcatPath(local, date_ + "." + user_ + ".info");
     if (!vel_file::Exists(info_)) return;
-    EndOrphans(info_);
     logger.Write(5, "Removing what a broken run left of '%s' %s", user_, date_);
     RemoveFailed();
     if (vel_file::Exists(info_)) {
@@ -139,6 +140,7 @@ void Job::RemoveLeftovers() {
 
 void Job::RemoveFailed() {
     const std::string local = settings_.local_dir();
+    EndOrphans(info_);
     backup2::DelBackupOnError(local, user_, date_);
     for (const char* mark : {"F", "I"}) {
         RemoveTemporaries(local, "." + (mark + date_) + "." + user_ + ".tgz");
@@ -204,11 +206,11 @@ void Job::Archive() {
         base_in_use = Protect(
             GetBackup(settings_.local_dir(), user_, backup2::GetDate(vel_file::Name(base_))));
     }
-    LogWatch watch;
+    const FailureWatch watch;
     try {
         backup2::BackupLocal(settings_, info_, archive_, listing_, base_);
     } catch (const std::runtime_error& error) {
-        throw std::runtime_error(error.what() + watch.LastFailure());
+        throw std::runtime_error(error.what() + watch.Reason());
     }
 }
 
@@ -248,6 +250,7 @@ Report Job::MakeReport(ProgressView& progress) {
 
 Report RunOne(const std::string& user, const std::string& date) {
     try {
+        if (interrupted) throw std::runtime_error("not begun, the run was interrupted");
         return Job(user, date).Run();
     } catch (const std::exception& error) {
         Report failed;
@@ -309,8 +312,9 @@ int Run(const Options& options) {
     }
     const std::string date = options.custom ? kCustom : CheckDate(options.date);
     const auto users = options.all ? AskUsers() : std::vector{CheckUser(options.user)};
-    // Ctrl-C reaches the children too: they end, and what they made is removed here.
-    std::signal(SIGINT, [](int) {});
+    // Ctrl-C reaches the children too: they end, what they made is removed here, nothing new
+    // begins.
+    std::signal(SIGINT, [](int) { interrupted = 1; });
     int status = vel_tool::kDone;
     nlohmann::json reports = nlohmann::json::array();
     for (const std::string& user : users) {

@@ -53,7 +53,7 @@ std::string Words(const Backup& backup, const Site& site) {
     const auto add = [&](const std::string& name, const std::string& value) {
         if (!value.empty()) table.Add({name, value});
     };
-    add("user", Printable(backup.user));
+    add("user", backup.user);
     add("date", backup.date);
     add("kind", backup.Kind());
     add("base", backup.BaseDate());

@@ -179,7 +179,7 @@ nlohmann::json Json(const Report& report) {
 }
 
 void Print(const Report& report) {
-    std::cout << report.user << " " << report.date << ": ";
+    std::cout << Printable(report.user) << " " << report.date << ": ";
     if (report.bad.empty()) {
         std::cout << "good, " << Plural(report.slices, "slice") << ", " << HumanSize(report.bytes)
                   << std::endl;
@@ -210,7 +210,9 @@ int Verify(const Options& options) {
     }
     if (options.json) PrintJson(rows);
     if (!options.json && backups.empty()) std::cout << "no backups\n";
-    return bad == 0 ? vel_tool::kDone : vel_tool::kFailed;
+    if (bad == 0) return vel_tool::kDone;
+    std::cerr << "backup2: " << Plural(bad, "backup") << " cannot be relied on" << std::endl;
+    return vel_tool::kFailed;
 }
 
 }  // namespace

@@ -59,7 +59,7 @@ class BackupRestore(unittest.TestCase):
         done = run(["backup2", *words], **options)
         self.assertEqual(done.returncode, expect, (words, done.stdout, done.stderr))
         if expect == 1:  # one line says why, on both outputs
-            self.assertEqual(done.stderr.count("\n"), 1 if words[0] != "verify" else 0, done.stderr)
+            self.assertEqual(done.stderr.count("\n"), 1, done.stderr)
         self.assertNotIn(PASSWORD, done.stdout + done.stderr)
         self.assertEqual(list(self.root.rglob("canary")), [])
         return done.stdout
@@ -176,6 +176,23 @@ class BackupRestore(unittest.TestCase):
                 names[1].write_bytes(whole[1])
         self.backup2("verify", USER)
 
+    def test_a_damaged_info_file_is_told_and_never_good(self):
+        (self.home / "data/random").write_bytes(os.urandom(3 << 20))
+        self.backup2("run", USER, "--date", MONDAY)
+        info, = self.local.glob(f"{USER}/*/*.info")
+        whole = info.read_text()
+        for old, new in (("slice.2", "other.2"), ("type=full", ""), ("parts=", "parts=-"),
+                         ("parts=", "parts=99999999"), ("size=", "size=9"), (MONDAY + "/F", "F../../"),
+                         (f"F{MONDAY}.", f"F{TUESDAY}."), (f"F{MONDAY}.{USER}", f"F{MONDAY}.root"),
+                         ("index=", "index=/etc/passwd\nother="), ("created", f"base=F{MONDAY}\ncreated")):
+            with self.subTest(new):
+                self.assertIn(old, whole)
+                info.write_text(whole.replace(old, new))
+                self.assertIn("damaged", self.backup2("list"))
+                self.backup2("verify", expect=1)
+                self.backup2("restore", USER, MONDAY, f"--to={self.root}/out", expect=1)
+                self.assertFalse((self.root / "out").exists())
+
     def assert_only_whole_files(self, target):
         whole = tree_state(self.home)
         for name, entry in tree_state(target).items():
@@ -203,11 +220,27 @@ class BackupRestore(unittest.TestCase):
                 self.kill_one(name, process, MONDAY, 2)
                 process.communicate(timeout=60)
                 self.assertNotEqual(process.returncode, 0)
+                self.assert_nobody_works_on()
                 self.assertEqual(self.backup2("list"), "no backups\n")
                 self.backup2("run", USER, "--date", MONDAY)
                 self.backup2("verify", USER, "--deep")
                 self.assert_nothing_left()
                 self.backup2("delete", USER, MONDAY)
+
+    def assert_nobody_works_on(self):
+        """The programs end with the one that started them; the panel stays."""
+        until = time.monotonic() + 30
+        while (at_work := self.programs()) and time.monotonic() < until:
+            time.sleep(0.02)
+        self.assertEqual(at_work, [])
+
+    def programs(self):
+        found = []
+        for pid in (p for p in os.listdir("/proc") if p.isdigit() and int(p) != self.panel.process.pid):
+            with contextlib.suppress(OSError):
+                if os.readlink(f"/proc/{pid}/cwd") == str(self.root):
+                    found.append(os.readlink(f"/proc/{pid}/exe"))
+        return found
 
     def kill_one(self, name, backup2_process, date, slices):
         """Kills the program `name` of this install root once so many slices are stored."""
@@ -261,7 +294,8 @@ class BackupRestore(unittest.TestCase):
 
     def test_wrong_words_end_with_status_2(self):
         for words in (["run"], ["run", USER, "--all"], ["run", "../x"], ["show", USER, "2024-02-30"],
-                      ["restore", USER, MONDAY, "--overwrite", "perhaps"], ["nonsense"]):
+                      ["restore", USER, MONDAY, "--overwrite", "perhaps"], ["nonsense"],
+                      ["restore", USER, MONDAY, "--yes", "--to", ""], ["restore", USER, MONDAY, "--to=", "x"]):
             self.backup2(*words, expect=2)
 
     # ---- Databases ------------------------------------------------------------------------------
