@@ -13,6 +13,8 @@
 #include <cstring>
 #include <exception>
 
+#include <xxhash.h>
+
 #include "vel/str.h"
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
@@ -49,7 +51,15 @@ Name Cut(const std::string& name) {
     return {name.substr(0, slash), name.substr(slash + 1)};
 }
 
-std::string TemporaryName() { return ".qortar-" + str::hex::Encode(str::Random(8)); }
+// One name for each leaf, so that a restore that is repeated meets what a killed one left.
+std::string TemporaryName(const std::string& leaf) {
+    XXH64_canonical_t hash;
+    XXH64_canonicalFromHash(&hash, XXH3_64bits(leaf.data(), leaf.size()));
+    return ".qortar-" +
+           str::hex::Encode(std::string(reinterpret_cast<const char*>(hash.digest), sizeof hash));
+}
+
+std::string RandomTemporaryName() { return TemporaryName(str::Random(8)); }
 
 /// The running thread acts with the user's rights while this lives. Only the checks of the file
 /// system change (per thread), so another thread may act as root at the same time.
@@ -409,10 +419,12 @@ bool Writer::Place(const Item& item, const Make& make) {
                 spot.by_root = true;
             } else if (err != EEXIST || tries > 8) {
                 Fail("create", err);
-            } else {
+            } else if (name == cut.leaf) {
                 if (spot.by_root) Fail("replace", EACCES);
                 if (!Clear(item, spot)) return false;
-                name = TemporaryName();
+                name = TemporaryName(cut.leaf);
+            } else if (::unlinkat(spot.folder, name.c_str(), 0) != 0) {
+                name = RandomTemporaryName();
             }
         }
         spot.made = name;

@@ -3,9 +3,10 @@
 /// Every path is resolved by the kernel beneath the root, without following any link, at the time
 /// it is used; what is then changed is changed through the descriptor of what was just made.
 /// No file is ever written into: a new one is created exclusively, an old one is replaced by
-/// renaming. A file that could not be written completely is removed again; a program that is killed
-/// may leave one where none was before. Its time is that of the killed run, so that a restore that
-/// is started again writes it afresh, unless told to overwrite "never" or what is older ("newer").
+/// renaming. A file that could not be written completely is removed again. A program that is killed
+/// may leave one, under its own name where none was before, else as ".qortar-" and 16 digits beside
+/// the old one. The same restore started again removes or replaces both, unless told to overwrite
+/// "never" or only what is older ("newer"): the cut file bears the time of the killed run.
 ///
 /// With a user, names are made, renamed and removed with that user's rights, by the kernel's own
 /// checks: what he could not write himself is refused, but for names that are missing directly in

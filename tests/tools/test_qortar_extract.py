@@ -491,6 +491,17 @@ class Policies(Case):
                          {"d": 0, "d/stays": 2, "d/changes": 3})
         self.assertEqual(self.qortar("--verify", packed, root=False).returncode, 0)
 
+    def test_a_killed_restore_is_healed_by_the_next(self):
+        packed = Packed(self.store, tar_of([entry("a", os.urandom(3 << 20))]), "K.tgz", cut=1 << 20)
+        (self.root / "a").write_bytes(b"old")
+        before = sorted(os.listdir(self.root))
+        away = packed.slices[1].rename(self.store / "away")
+        self.assertEqual(self.qortar("--extract", packed, "--fetch", "kill -9 $PPID").returncode, -9)
+        self.assertEqual((len(os.listdir(self.root)), (self.root / "a").read_bytes()), (len(before) + 1, b"old"))
+        away.rename(packed.slices[1])
+        self.assertEqual(self.qortar("--extract", packed).returncode, 0)
+        self.assertEqual((sorted(os.listdir(self.root)), (self.root / "a").stat().st_size), (before, 3 << 20))
+
     def test_what_was_asked_for_and_is_not_there_is_named(self):
         for listing in (True, False):
             done = self.qortar("--extract", self.packed, "d/older", "no\nsuch", listing=listing)
