@@ -74,6 +74,11 @@ private:
 /// One request a connection, from root only: the socket's mode keeps others out already, the
 /// kernel's word about the peer holds even if somebody loosens it.
 class LocalServer final : public httplib::Server {
+public:
+    /// The library lets five clients wait; on a unix socket the next one is refused at once.
+    bool LetManyWait() { return ::listen(svr_sock_, SOMAXCONN) == 0; }
+
+private:
     bool process_and_close_socket(socket_t socket) override {
         const vel_file::ResHandle fd(socket);
         if (!PeerIsRoot(fd)) {
@@ -166,6 +171,7 @@ std::unique_ptr<httplib::Server> BindLocal() {
     server->set_address_family(AF_UNIX);
     if (!server->bind_to_port(kSocketPath, kAnyPort))
         vel_err::RaiseErrno("bind", kSocketPath, errno);
+    if (!server->LetManyWait()) vel_err::RaiseErrno("listen", kSocketPath, errno);
     if (::chmod(kSocketPath, 0600) != 0) vel_err::RaiseErrno("chmod", kSocketPath, errno);
     return server;
 }

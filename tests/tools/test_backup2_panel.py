@@ -1,5 +1,6 @@
 """The embedded panel: what it answers, to whom, and what it keeps to itself."""
 
+import contextlib
 import http.client
 import os
 import signal
@@ -262,6 +263,13 @@ class OverTls(PanelCase):
     def ask(self, **parameters):
         return self.panel.post(http.client.HTTPSConnection(
             "127.0.0.1", self.port, context=self.trust, timeout=30), **parameters)
+
+    def test_a_crowd_of_clients_waits_for_its_turn(self):
+        with contextlib.ExitStack() as stack:
+            for _ in range(100):  # more than are served at once; none is refused
+                client = stack.enter_context(socket.socket(socket.AF_UNIX))
+                client.settimeout(30)
+                client.connect(self.panel.socket)
 
     def test_the_network_may_log_in_and_nothing_else(self):
         self.add_bob()
