@@ -433,21 +433,9 @@ bool TreeSaver::SomebodyElses(const struct stat& st) const {
 bool TreeSaver::TryStoreFile(const Found& found, int attempt) {
     const vel_file::ResHandle fd = OpenBeneath(found.dir, found.name, O_RDONLY);
     struct stat st {};
-    const bool opened = fd && ::fstat(fd, &st) == 0;
-    if (changed_copy_ && !(opened && S_ISREG(st.st_mode) && !SomebodyElses(st))) {
-        SettleForCopy(found.path);
-        return true;
-    }
-    if (!opened) {
-        ReportOpenFailure(found, errno);
-        return true;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        ReportEntry(found, 'v', "it was replaced while it was read");
-        return true;
-    }
-    if (SomebodyElses(st)) {
-        ReportEntry(found, 'n', "it has other names and belongs to somebody else");
+    const int error = fd && ::fstat(fd, &st) == 0 ? 0 : errno;
+    if (error != 0 || !S_ISREG(st.st_mode) || SomebodyElses(st)) {
+        changed_copy_ ? SettleForCopy(found.path) : ReportRefused(found, st, error);
         return true;
     }
     if (st.st_nlink > 1 && attempt == 1) {
@@ -620,6 +608,12 @@ void TreeSaver::ReportEntry(const Found& found, char flag, const std::string& re
         base_->TakeUnchanged(seen);  // it is still there, so it is no deletion
     }
     stream_.ListEntry(std::move(entry));
+}
+
+void TreeSaver::ReportRefused(const Found& found, const struct stat& st, int error) {
+    if (error != 0) return ReportOpenFailure(found, error);
+    if (!S_ISREG(st.st_mode)) return ReportEntry(found, 'v', "it was replaced while it was read");
+    ReportEntry(found, 'n', "it has other names and belongs to somebody else");
 }
 
 void TreeSaver::ReportOpenFailure(const Found& found, int error) {

@@ -96,6 +96,7 @@ private:
 
     void Report(const std::string& path, const std::string& reason);
     void ReportEntry(const Found& found, char flag, const std::string& reason);
+    void ReportRefused(const Found& found, const struct stat& st, int error);
     void ReportOpenFailure(const Found& found, int error);
 
     const Options& options_;
