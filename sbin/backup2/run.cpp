@@ -1,8 +1,10 @@
 /// backup2 run: one backup of one user or of everybody.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <iostream>
 #include <optional>
 
@@ -29,6 +31,8 @@ namespace backup2_admin {
 namespace {
 
 const vel_log::Module logger("backup2");
+
+constexpr int kForgottenSeconds = 24 * 3600;
 
 const char kExamples[] = R"(
 Examples:
@@ -90,6 +94,9 @@ Report Job::Run() {
         nothing.date = date_;
         nothing.empty = true;
         return nothing;
+    }
+    if (!settings_.folders().empty() && user_ != "root" && !vel_user::Exists(user_)) {
+        throw std::runtime_error("the panel's user has no account in this system any more");
     }
     UseOwnStorage();
     RemoveLeftovers();
@@ -154,13 +161,17 @@ void Job::RemoveFailed() {
 }
 
 /// The copy tool replaces the working info through a temporary beside it. Those of other users'
-/// running jobs have the same kind of name and must stay: the content tells.
+/// running jobs have the same kind of name and must stay: the content tells, and the age where
+/// there is none yet. A live one is written and moved at once.
 void Job::RemoveTornInfos() const {
     std::vector<std::string> found;
     for (vel_file::Dir entries(settings_.local_dir(), 2); entries.Next();) {
         if (!str::StartsWith(entries.Name(), ".tmp.") || !entries.Info(2).IsFile()) continue;
         const std::string text = vel_file::Read(entries.Path());
-        if (text.find("\nuser=" + user_ + "\n") != std::string::npos)
+        struct stat st {};
+        const bool forgotten = ::lstat(entries.Path().c_str(), &st) == 0 &&
+                               ::time(nullptr) - st.st_mtime > kForgottenSeconds;
+        if (forgotten || text.find("\nuser=" + user_ + "\n") != std::string::npos)
             found.push_back(entries.Path());
     }
     for (const std::string& path : found) vel_file::Remove(path);

@@ -292,6 +292,14 @@ class BackupRestore(unittest.TestCase):
         self.backup2("restore", USER, MONDAY, f"--to={self.root}/out", expect=3)
         self.assertEqual(os.listdir(self.root / "out/data"), ["good"])
 
+    def test_a_user_whose_account_is_gone_is_told_and_stops_nobody(self):
+        self.panel.command(["user", "add", "gone-away", "--root", str(self.root / "gone"), "--uid", "4711",
+                            "--folder", "data"])
+        (self.home / "data/good").write_text("good")
+        shown = self.backup2("run", "--all", "--date", MONDAY, expect=1)
+        self.assertIn("gone-away 2024-03-04: the panel's user has no account", shown)
+        self.assertIn(f"{USER} {MONDAY}: full backup", shown)
+
     def test_wrong_words_end_with_status_2(self):
         for words in (["run"], ["run", USER, "--all"], ["run", "../x"], ["show", USER, "2024-02-30"],
                       ["restore", USER, MONDAY, "--overwrite", "perhaps"], ["nonsense"],
