@@ -70,7 +70,9 @@ private:
     bool IsCustom() const { return date_ == kCustom; }
     void UseOwnStorage() const;
     void RemoveLeftovers();
-    void RemoveFailed();
+    std::string WorkingInfo(const std::string& day) const;
+    void RemoveOtherDays();
+    void RemoveFailed(const std::string& day);
     void RemoveTornInfos() const;
     void ChooseNames();
     void WriteWorkingInfo() const;
@@ -136,24 +138,48 @@ void Job::RemoveLeftovers() {
                         backup2::BackupToken(settings_.storage().at("BACKUP_TOKEN")));
         return custom_->Recover();
     }
-    info_ = backup2::ConcatPath(local, date_ + "." + user_ + ".info");
+    RemoveOtherDays();
+    info_ = WorkingInfo(date_);
     if (!vel_file::Exists(info_)) return;
     logger.Write(5, "Removing what a broken run left of '%s' %s", user_, date_);
-    RemoveFailed();
+    RemoveFailed(date_);
     if (vel_file::Exists(info_)) {
         throw std::runtime_error("what a broken run left cannot be removed: " + info_);
     }
 }
 
-void Job::RemoveFailed() {
+std::string Job::WorkingInfo(const std::string& day) const {
+    return backup2::ConcatPath(settings_.local_dir(), day + "." + user_ + ".info");
+}
+
+/// What died on another day. A backup that is there already was complete but for its tidying up.
+void Job::RemoveOtherDays() {
+    std::vector<std::string> days;
+    for (vel_file::Dir entries(settings_.local_dir(), 2); entries.Next();) {
+        const std::string day = backup2::GetDate(entries.Name());
+        if (entries.Name() == day + "." + user_ + ".info" && day != date_) days.push_back(day);
+    }
+    for (const std::string& day : days) {
+        EndOrphans(WorkingInfo(day));
+        const std::string file = day + "." + user_ + ".info";
+        if (vel_file::Exists(vel_file::ConcatPath(settings_.local_dir(), user_,
+                                                  vel_file::ConcatPath(day, file)))) {
+            vel_file::Remove(WorkingInfo(day));
+        } else {
+            RemoveFailed(day);
+        }
+    }
+}
+
+void Job::RemoveFailed(const std::string& day) {
     const std::string local = settings_.local_dir();
-    EndOrphans(info_);
-    backup2::DelBackupOnError(local, user_, date_);
+    EndOrphans(WorkingInfo(day));
+    backup2::DelBackupOnError(local, user_, day);
     for (const char* mark : {"F", "I"}) {
-        RemoveTemporaries(local, "." + (mark + date_) + "." + user_ + ".tgz");
+        RemoveTemporaries(local, "." + (mark + day) + "." + user_ + ".tgz");
     }
     RemoveTornInfos();
-    const std::string dir = vel_file::SplitPath(backup2::GetInfoFile(local, user_, date_)).dir;
+    const std::string dir = vel_file::SplitPath(backup2::GetInfoFile(local, user_, day)).dir;
     RemoveTemporaries(dir, ".tmp.");
     // Fails when other files are in it, and that is right.
     (void)::rmdir(dir.c_str());
@@ -230,7 +256,7 @@ void Job::Undo() try {
     if (IsCustom()) {
         custom_->TakeBack();
     } else {
-        RemoveFailed();
+        RemoveFailed(date_);
     }
 } catch (const std::exception& error) {
     // The working info file stays, so the next run tries again; the first failure is the one to

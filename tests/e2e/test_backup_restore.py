@@ -222,10 +222,12 @@ class BackupRestore(unittest.TestCase):
                 self.assertNotEqual(process.returncode, 0)
                 self.assert_nobody_works_on()
                 self.assertEqual(self.backup2("list"), "no backups\n")
-                self.backup2("run", USER, "--date", MONDAY)
+                next_day = TUESDAY if name == "backup2" else MONDAY
+                self.backup2("run", USER, "--date", next_day)
                 self.backup2("verify", USER, "--deep")
                 self.assert_nothing_left()
-                self.backup2("delete", USER, MONDAY)
+                self.assertEqual(self.slices(MONDAY) != [], next_day == MONDAY)
+                self.backup2("delete", USER, next_day)
 
     def assert_nobody_works_on(self):
         """The programs end with the one that started them; the panel stays."""
