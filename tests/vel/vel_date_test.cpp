@@ -10,12 +10,9 @@ using vel_date::Date;
 using vel_date::DateTime;
 
 TEST(Date, OnlyDaysOfTheCalendarAreTaken) {
-    const std::pair<std::string, std::string> good[] = {{"2024-01-31", "2024-01-31"},
-                                                        {"2024-2-9", "2024-02-09"},
-                                                        {"2000-02-29", "2000-02-29"},
-                                                        {"0001-1-1", "0001-01-01"},
-                                                        {"9999-12-31", "9999-12-31"}};
-    for (const auto& [text, want] : good) EXPECT_EQ(Date(text).AsDate(), want);
+    EXPECT_EQ(Date("2024-2-9").AsDate(), "2024-02-09");
+    EXPECT_EQ(Date("0001-1-1").AsDate(), "0001-01-01");
+    EXPECT_EQ(Date("2000-02-29").AsDate(), "2000-02-29");
     for (const char* bad : {"", "custom", "2024-02-30", "1900-02-29", "24-01-01", "2024-1",
                             "2024-1-", "2024-001-01", "2024-01-01 ", " 2024-01-01", "2024-01-01x",
                             "-024-1-1", "20240-1-1", "2024-00-01", "2024-01-00"}) {
@@ -24,16 +21,15 @@ TEST(Date, OnlyDaysOfTheCalendarAreTaken) {
 }
 
 TEST(Date, DaysAreCountedOverMonthsAndLeapYears) {
-    struct Case {
+    const struct {
         std::string from;
         int days;
         std::string to;
         int weekday;
-    };
-    const Case cases[] = {{"2024-02-28", 1, "2024-02-29", 4}, {"2024-03-01", -1, "2024-02-29", 4},
-                          {"2023-12-31", 1, "2024-01-01", 1}, {"1970-01-04", -7, "1969-12-28", 0},
-                          {"2024-01-07", 0, "2024-01-07", 0}, {"2024-01-31", 366, "2025-01-31", 5}};
-    for (const Case& c : cases) {
+    } cases[] = {{"2024-02-28", 1, "2024-02-29", 4}, {"2024-03-01", -1, "2024-02-29", 4},
+                 {"2023-12-31", 1, "2024-01-01", 1}, {"1970-01-04", -7, "1969-12-28", 0},
+                 {"2024-01-07", 0, "2024-01-07", 0}, {"2024-01-31", 366, "2025-01-31", 5}};
+    for (const auto& c : cases) {
         Date date(c.from);
         EXPECT_EQ(date.AddDays(c.days).AsDate(), c.to) << c.from;
         EXPECT_EQ(date.weekday(), c.weekday) << c.from;
@@ -49,32 +45,22 @@ TEST(Date, LeavingTheCalendarThrowsAndKeepsTheDay) {
 }
 
 TEST(DateTime, TextsAreReadAndOrdered) {
-    const std::string ordered[] = {"",
-                                   "0000-01-01",
-                                   "1969-12-31 23:59:59",
-                                   "2024-01-31",
-                                   "2024-01-31 00:00:01",
-                                   "2024-01-31 9:05:00",
-                                   "2024-01-31 10:00:00"};
+    const char* ordered[] = {"",
+                             "0000-01-01",
+                             "1969-12-31 23:59:59",
+                             "2024-01-31",
+                             "2024-01-31 00:00:01",
+                             "2024-01-31 9:05:00",
+                             "2024-01-31 10:00:00"};
     for (std::size_t i = 1; i < std::size(ordered); ++i) {
         EXPECT_LT(DateTime(ordered[i - 1]), DateTime(ordered[i])) << ordered[i];
     }
-    EXPECT_EQ(DateTime("2024-01-31"), DateTime("2024-01-31 00:00:00"));
     EXPECT_EQ(DateTime("2024-1-31 9:5:0").AsDateTime(), "2024-01-31 09:05:00");
-    EXPECT_EQ(DateTime("1969-12-31 23:59:59").AsDateTime(), "1969-12-31 23:59:59");
     EXPECT_EQ(DateTime("").AsDateTime(), "");
     for (const char* bad : {" ", "2024-01-31 ", "2024-01-31 24:00:00", "2024-01-31 10:60:00",
                             "2024-01-31 10:00", "2024-01-31T10:00:00", "2024-01-31 10:00:00 "}) {
         EXPECT_THROW(DateTime{bad}, vel_err::Error) << bad;
     }
-}
-
-TEST(DateTime, NowIsTheDayOfToday) {
-    const Date before;
-    const DateTime now;
-    EXPECT_LE(before.AsDate(), now.AsDateTime());
-    EXPECT_LE(now.AsDateTime(), Date().AsDate() + " 23:59:59");
-    EXPECT_EQ(DateTime(now.AsDateTime()), now);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include "vel/vel_proc.h"
 
 #include "tests/support/support.h"
+#include "tests/vel/fixtures.h"
 
 namespace vel_file {
 namespace {
@@ -26,6 +27,13 @@ class Files : public testing::Test {
 protected:
     void SetUp() override { WriteFile(victim_, "canary"); }
     void TearDown() override { EXPECT_EQ(ReadFile(victim_), "canary"); }
+    /// What a shell prints about the folder, which must work.
+    std::string Sh(const std::string& script, const std::string& folder) const {
+        vel_proc::Execute run("cd \"$D\" && " + script, 0);
+        const std::string output = run.SetEnv("D", folder).SetEnv("OUT", outside_.Path()).Str();
+        EXPECT_EQ(run.Result(), 0) << script;
+        return output;
+    }
 
     FdCheck descriptors_;
     ChildCheck children_;
@@ -39,13 +47,10 @@ struct stat StatOf(const std::string& path) {
     return st;
 }
 
-std::string Failure(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const vel_err::Error& e) {
-        return e.value();
-    }
-    return "none";
+/// The value alone: the object and the reason.
+std::string Reason(const std::function<void()>& call) {
+    const std::string failure = Failure(call);
+    return failure.substr(failure.rfind('|') + 1);
 }
 
 TEST(Paths, AreJoinedCutAndNormalised) {
@@ -64,22 +69,19 @@ TEST(Paths, AreJoinedCutAndNormalised) {
         EXPECT_EQ(SplitPath(c.path).tail, c.tail) << c.path;
         EXPECT_EQ(Name(c.path), c.name) << c.path;
     }
-    const struct {
-        const char *path, *want;
-    } goods[] = {{"/a//b/./c/..", "/a/b"},
-                 {"/", "/"},
-                 {"//..//", "/"},
-                 {"/a/..", "/"},
-                 {"/../a", "/a"},
-                 {"a/../b", "b"},
-                 {".", ""},
-                 {"", ""},
-                 {"..", ""},
-                 {"a/../..", ""},
-                 {"a/", "a"},
-                 {"..a/.b", "..a/.b"},
-                 {"/...", "/..."}};
-    for (const auto& c : goods) EXPECT_EQ(GoodPath(c.path), c.want) << c.path;
+    const std::pair<const char*, const char*> goods[] = {{"/a//b/./c/..", "/a/b"},
+                                                         {"//..//", "/"},
+                                                         {"/a/..", "/"},
+                                                         {"/../a", "/a"},
+                                                         {"a/../b", "b"},
+                                                         {".", ""},
+                                                         {"", ""},
+                                                         {"..", ""},
+                                                         {"a/../..", ""},
+                                                         {"a/", "a"},
+                                                         {"..a/.b", "..a/.b"},
+                                                         {"/...", "/..."}};
+    for (const auto& [path, want] : goods) EXPECT_EQ(GoodPath(path), want) << path;
 }
 
 TEST_F(Files, WriteReplacesInOneStepAndKeepsModeAndOwner) {
@@ -96,7 +98,7 @@ TEST_F(Files, WriteReplacesInOneStepAndKeepsModeAndOwner) {
     EXPECT_EQ(Read(file), "second");
     EXPECT_EQ(ReadE(dir_ / "other"), "first");
     EXPECT_EQ(Read(dir_ / "missing"), "");
-    EXPECT_EQ(Failure([&] { ReadE(dir_ / "missing"); }),
+    EXPECT_EQ(Reason([&] { ReadE(dir_ / "missing"); }),
               dir_ / "missing: No such file or directory");
     EXPECT_EQ(dir_.Names(), std::vector<std::string>({"file", "other"}));
 }
@@ -105,17 +107,18 @@ TEST_F(Files, NothingButARegularFileIsOpenedAnywhere) {
     MkDir(dir_ / "folder");
     ASSERT_EQ(::symlink(victim_.c_str(), (dir_ / "link").c_str()), 0);
     ASSERT_EQ(::mkfifo((dir_ / "fifo").c_str(), 0600), 0);
-    const std::map<std::string, std::string> kinds = {{"folder", "Is a directory"},
-                                                      {"link", "Too many levels of symbolic links"},
-                                                      {"fifo", "Not a regular file"}};
+    const std::pair<std::string, std::string> kinds[] = {
+        {"folder", "Is a directory"},
+        {"link", "Too many levels of symbolic links"},
+        {"fifo", "Not a regular file"}};
     for (const auto& [name, reason] : kinds) {
         const std::string path = dir_ / name, want = path + ": " + reason;
-        EXPECT_EQ(Failure([&path = path] { Write(path, "x"); }), want);
-        EXPECT_EQ(Failure([&path = path] { ReadE(path); }), want);
-        EXPECT_EQ(Failure([&path = path] { CopyFile(path, path + ".copy"); }), want);
-        EXPECT_EQ(Failure([&path = path] { Lock().DoLock(path, true); }), want);
+        EXPECT_EQ(Reason([&path = path] { Write(path, "x"); }), want);
+        EXPECT_EQ(Reason([&path = path] { ReadE(path); }), want);
+        EXPECT_EQ(Reason([&path = path] { CopyFile(path, path + ".copy"); }), want);
+        EXPECT_EQ(Reason([&path = path] { Lock().DoLock(path, true); }), want);
     }
-    EXPECT_EQ(Failure([&] { Attrs(0777, kStranger).Set(dir_ / "link"); }),
+    EXPECT_EQ(Reason([&] { Attrs(0777, kStranger).Set(dir_ / "link"); }),
               dir_ / "link: Too many levels of symbolic links");
     EXPECT_EQ(dir_.Names().size(), 3u);
 }
@@ -144,16 +147,9 @@ TEST_F(Files, LinkThatAStrangerMadeIsNotPassedThrough) {
 
 TEST_F(Files, RemoveTakesEverythingButFollowsNothing) {
     const TmpDir tree = TmpDir::At(dir_ / "tree");
-    ASSERT_EQ(vel_proc::Execute("cd " + vel_proc::Escape(tree) +
-                                    " && mkdir -p a/b c && mkfifo a/f && touch a/b/x && "
-                                    "ln -s " +
-                                    vel_proc::Escape(outside_.Path()) +
-                                    " a/out && chmod 0 c && "
-                                    "ln " +
-                                    vel_proc::Escape(victim_) + " a/hard",
-                                0)
-                  .Result(),
-              0);
+    Sh("mkdir -p a/b c && mkfifo a/f && touch a/b/x && ln -s $OUT a/out && chmod 0 c && "
+       "ln $OUT/victim a/hard",
+       tree);
     Remove(tree);
     Remove(tree);
     EXPECT_EQ(dir_.Names(), std::vector<std::string>());
@@ -183,9 +179,8 @@ TEST_F(Files, VeryDeepTreesAreCopiedChangedAndRemoved) {
     Copy(top, dir_ / "copy");
     Remove(top);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &old), 0);
-    const std::string count =
-        "find " + vel_proc::Escape(dir_ / "copy") + " -user 65534 -perm 750 | wc -l";
-    EXPECT_EQ(vel_proc::Execute(count, 0).Str(), std::to_string(kLevels + 2) + "\n");
+    EXPECT_EQ(Sh("find . -user 65534 -perm 750 | wc -l", dir_ / "copy"),
+              std::to_string(kLevels + 2) + "\n");
     Remove(dir_ / "copy");
     EXPECT_EQ(dir_.Names(), std::vector<std::string>());
 }
@@ -197,7 +192,7 @@ TEST_F(Files, RemoveLeavesWhatIsMountedInTheTree) {
                 nullptr) != 0) {
         GTEST_SKIP() << "no right to mount";
     }
-    EXPECT_EQ(Failure([&] { Remove(dir_ / "tree"); }), dir_ / "tree: Invalid cross-device link");
+    EXPECT_EQ(Reason([&] { Remove(dir_ / "tree"); }), dir_ / "tree: Invalid cross-device link");
     EXPECT_FALSE(Exists(dir_ / "tree/file"));
     ASSERT_EQ(::umount((dir_ / "tree/mount").c_str()), 0);
 }
@@ -246,8 +241,8 @@ TEST_F(Files, RacerWhoSwapsFoldersForLinksLosesNobodysFiles) {
         ASSERT_EQ(::chown(home.c_str(), kStranger, 0), 0);
         const Racer racer(++rounds % 2 == 0 ? parent : inner);
         for (int i = 0; rounds % 2 == 0 && i < 100; ++i)
-            Failure([&] { Remove(tree + "/precious"); });
-        removed += Failure([&] { Remove(tree); }) == "none";
+            Reason([&] { Remove(tree + "/precious"); });
+        removed += Reason([&] { Remove(tree); }) == "none";
     }
     EXPECT_EQ(ReadFile(outside_ / "precious"), "canary");
     EXPECT_GT(removed, 0) << "nothing was tried";
@@ -300,32 +295,26 @@ TEST_F(Files, CopyFileKeepsHolesModeOwnerAndTimesOnANewInode) {
 
 TEST_F(Files, CopiedTreeIsTheSameOrNotThereAtAll) {
     const std::string from = dir_ / "from", to = dir_ / "new/to";
-    ASSERT_EQ(
-        vel_proc::Execute(
-            "mkdir -p $D/a/b && cd $D && echo 1 >a/1 && ln -s nowhere a/l && mkfifo -m 640 a/f && "
-            "mknod a/dev c 1 3 && chown -h 7:8 a/1 a/l a/b a/f && touch -h -d @1 a/l a/b a/f a . "
-            "&& chmod 4711 a/1",
-            0)
-            .SetEnv("D", from)
-            .Result(),
-        0);
+    MkDir(from);
+    Sh("mkdir -p a/b && echo 1 >a/1 && ln -s nowhere a/l && mkfifo -m 640 a/f && "
+       "mknod a/dev c 1 3 && chown -h 7:8 a/1 a/l a/b a/f && touch -h -d @1 a/l a/b a/f a . && "
+       "chmod 4711 a/1",
+       from);
     Copy(from, to);
-    const std::string list = "cd $D && find . -printf '%p %y %m %U %G %T@ %l\n' | sort && cat a/1";
-    EXPECT_EQ(vel_proc::Execute(list, 0).SetEnv("D", to).Str(),
-              vel_proc::Execute(list, 0).SetEnv("D", from).Str());
+    const std::string list = "find . -printf '%p %y %m %U %G %T@ %l\n' | sort && cat a/1";
+    EXPECT_EQ(Sh(list, to), Sh(list, from));
     EXPECT_THROW(Copy(from, to), vel_err::Error) << "an existing tree is not merged";
     Copy(from, from + "/a/self");
     EXPECT_FALSE(Exists(from + "/a/self/a/self"));
-    const EnvGuard path("PATH", "/usr/sbin:/usr/bin:/sbin:/bin");
-    ASSERT_EQ(vel_proc::Execute("head -c 100 /dev/zero > $D/a/z", 0).SetEnv("D", from).Result(), 0);
+    WriteFile(from + "/a/z", std::string(100, 'z'));
     struct rlimit old {
     }, small{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old), 0);
     small = {10, old.rlim_max};
     const auto handler = ::signal(SIGXFSZ, SIG_IGN);
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    const std::string failure = Failure([&] { Copy(from, dir_ / "cut"); });
-    const std::string lost = Failure([&] { Write(from + "/a/1", "longer than ten bytes"); });
+    const std::string failure = Reason([&] { Copy(from, dir_ / "cut"); });
+    const std::string lost = Reason([&] { Write(from + "/a/1", "longer than ten bytes"); });
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old), 0);
     ::signal(SIGXFSZ, handler);
     EXPECT_EQ(failure, from + "/a/z: File too large");

@@ -13,6 +13,7 @@
 #include "vel/vel_proc.h"
 
 #include "tests/support/support.h"
+#include "tests/vel/fixtures.h"
 
 namespace vel_file {
 namespace {
@@ -41,14 +42,7 @@ class Locks : public testing::Test {
 protected:
     bool IsHeld() const {
         return Wait(Start([this] {
-                   Lock lock;
-                   try {
-                       lock.DoLock(path_, true);
-                   } catch (const vel_err::Error& e) {
-                       return e.type() == "lock" && e.object() == "busy" && e.value() == path_ ? 1
-                                                                                               : 2;
-                   }
-                   return 0;
+                   return Failure([&] { Lock().DoLock(path_, true); }) == "lock|busy|" + path_;
                })) == 1;
     }
 

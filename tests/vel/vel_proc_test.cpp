@@ -117,11 +117,6 @@ TEST_F(Proc, FailureIsLoggedWithTheEndOfItsErrorsButNoArgument) {
     EXPECT_FALSE(log.Mentions("s3cret") || log.Mentions("t0ken"));
 }
 
-TEST_F(Proc, JoinedErrorsAreInTheOutput) {
-    EXPECT_EQ(Execute("echo out; echo err >&2", kJoinErrors | kStream).Str(), "out\nerr\n");
-    EXPECT_EQ(Execute("echo out; echo err >&2", 0).Str(), "out\n");
-}
-
 TEST_F(Proc, EnvironmentAndPathAreThoseOfTheCall) {
     const EnvGuard kept("KEPT", "1"), dropped("DROPPED", "1");
     EXPECT_EQ(Execute("echo $KEPT $DROPPED $NEW", 0).SetEnv("NEW", "a b").UnsetEnv("DROPPED").Str(),

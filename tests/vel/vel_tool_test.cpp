@@ -137,8 +137,6 @@ TEST_F(Tool, ProgressEndsWithTheSumsOfAllThreads) {
     EXPECT_LT(lines, 42);  // fewer than there were calls
     EXPECT_EQ(last["bytes"], 4000);
     EXPECT_EQ(last["files"], 40);
-    EXPECT_EQ(last["of_bytes"], 4000);
-    EXPECT_EQ(last["tool"], "vel_tests");
     vel_tool::Progress("nobody looks").Add(1, 1);
 }
 

@@ -9,6 +9,7 @@
 #include "vel/vel_err.h"
 
 #include "tests/support/work_dir.h"
+#include "tests/vel/fixtures.h"
 
 namespace {
 
@@ -18,23 +19,19 @@ using vel_xml::XmlNode;
 const std::string kHead = R"(<?xml version="1.0" encoding="UTF-8"?>)";
 
 std::string Nested(int levels) {
-    std::string open, close;
-    for (int i = 0; i < levels; ++i) {
-        open += "<a>";
-        close += "</a>";
-    }
-    return open + close;
+    std::string text;
+    for (int i = 0; i < levels; ++i) text += "<a>";
+    for (int i = 0; i < levels; ++i) text += "</a>";
+    return text;
 }
 
 TEST(Xml, WhatIsNotOnePlainDocumentIsRefused) {
     const std::pair<const char*, std::string> cases[] = {
         {"nothing", ""},
-        {"blanks", " \n"},
         {"no XML", "502 Bad Gateway"},
         {"cut", "<doc><a>"},
         {"crossed", "<a><b></a></b>"},
         {"two roots", "<a/><b/>"},
-        {"text before", "x<a/>"},
         {"text behind", "<a/>x"},
         {"NUL", std::string("<a/>\0<b/>", 9)},
         {"other encoding", "<?xml version='1.0' encoding='KOI8-R'?><a/>"},
@@ -47,21 +44,12 @@ TEST(Xml, WhatIsNotOnePlainDocumentIsRefused) {
         {"a million levels", Nested(1'000'000)},
     };
     for (const auto& [what, text] : cases) {
-        try {
-            Xml::FromString(text);
-            ADD_FAILURE() << "took " << what;
-        } catch (const vel_err::Error& e) {
-            EXPECT_EQ(e.type() + "/" + e.object(), "xml/parse_failed") << what;
-        }
+        Xml xml = Xml::FromString("<keep/>");
+        std::istringstream in(text);
+        EXPECT_TRUE(Failure([&] { xml.Load(in); }).starts_with("xml|parse_failed|")) << what;
+        EXPECT_EQ(xml.Str(), kHead + "<keep/>") << what;
     }
     EXPECT_EQ(Xml::FromString(Nested(256)).GetRoot().Name(), "a");
-}
-
-TEST(Xml, AFailedLoadLeavesTheDocumentAsItWas) {
-    Xml xml = Xml::FromString("<keep/>");
-    std::istringstream bad("<a><b>");
-    EXPECT_THROW(xml.Load(bad), vel_err::Error);
-    EXPECT_EQ(xml.Str(), kHead + "<keep/>");
 }
 
 TEST(Xml, TextsOfEveryByteSurviveAndTheImpossibleBecomesAQuestionMark) {
@@ -81,9 +69,7 @@ TEST(Xml, TextsOfEveryByteSurviveAndTheImpossibleBecomesAQuestionMark) {
 TEST(Xml, BrokenUtf8BecomesQuestionMarksAndGoodUtf8Stays) {
     const std::pair<std::string, std::string> cases[] = {
         {"\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80", "\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80"},
-        {"a\xff"
-         "b",
-         "a?b"},
+        {"a\xff.", "a?."},
         {"\xc3", "?"},
         {"\xe2\x82", "??"},
         {"\xc0\xaf", "??"},
@@ -132,12 +118,7 @@ TEST(Xml, XPathFindsElementsInDocumentOrder) {
     EXPECT_TRUE(xml.GetNodes("//@n").empty());
     EXPECT_FALSE(xml.GetNode("/r/none"));
     for (const char* bad : {"", "//[", "count(//i)", "nonsense(", "$x"}) {
-        try {
-            xml.GetNodes(bad);
-            ADD_FAILURE() << bad;
-        } catch (const vel_err::Error& e) {
-            EXPECT_EQ(e.type() + "/" + e.object(), "xml/bad_xpath") << bad;
-        }
+        EXPECT_TRUE(Failure([&] { xml.GetNodes(bad); }).starts_with("xml|bad_xpath|")) << bad;
     }
     xml.RemoveNodes("//i");  // one hit lies within another
     EXPECT_EQ(xml.Str(), kHead + "<r><j/></r>");
@@ -187,12 +168,8 @@ TEST(Xml, FilesAreReplacedAndReadBack) {
         EXPECT_EQ(back.GetNode("/doc/a[@p='\"']").Str(), "x") << formatted;
     }
     std::ofstream("bad.xml") << "<a>";
-    try {
-        Xml().LoadFromFile("bad.xml");
-        ADD_FAILURE();
-    } catch (const vel_err::Error& e) {
-        EXPECT_NE(e.value().find("bad.xml"), std::string::npos);
-    }
+    const std::string failure = Failure([] { Xml().LoadFromFile("bad.xml"); });
+    EXPECT_NE(failure.find("bad.xml"), std::string::npos) << failure;
 }
 
 }  // namespace
