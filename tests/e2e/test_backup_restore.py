@@ -322,6 +322,11 @@ class BackupRestore(unittest.TestCase):
             for ask in (maria, postgres):
                 self.assertEqual(ask("SELECT s FROM t"), "a'b")
             self.assertFalse((self.home / ".system").exists())
+            self.panel.command(["db", "remove", USER, "pg", "shop"])
+            maria("DELETE FROM t")
+            shown = self.backup2("restore", USER, MONDAY, "--yes", ".system", expect=1)
+            self.assertEqual((maria("SELECT s FROM t"), shown.count("\trestored\n")), ("a'b", 2), shown)
+            self.assertIn("db.pg.shop", shown)
 
     @contextlib.contextmanager
     def database_servers(self):
