@@ -10,8 +10,6 @@
 namespace backup2 {
 namespace {
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
 std::string EveryByte() {
     std::string bytes;
     for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
@@ -19,38 +17,23 @@ std::string EveryByte() {
 }
 
 TEST(Encodings, ListingNamesEscapeSixBytes) {
-    const Pairs cases = {{"", ""},
-                         {"a\\b", "a\\\\b"},
-                         {"a\\", "a\\\\"},
-                         {"\\t", "\\\\t"},
-                         {"\t\n\f\v\r", "\\t\\n\\f\\v\\r"},
-                         {"a \x01\x7f\xff", "a \x01\x7f\xff"}};
-    for (const auto& [name, encoded] : cases) {
-        EXPECT_EQ(EncodeFileName(name), encoded);
-        EXPECT_EQ(DecodeFileName(encoded), name);
-    }
+    Check(EncodeFileName, {" -> ", "a\\b -> a\\\\b", "a\\ -> a\\\\", "\\t -> \\\\t",
+                           "\t\n\f\v\r -> \\t\\n\\f\\v\\r", "a \x01\x7f\xff -> a \x01\x7f\xff"});
     EXPECT_EQ(DecodeFileName(EncodeFileName(EveryByte())), EveryByte());
-}
-
-TEST(Encodings, BadEscapeShowsTheNameAsFarAsDecoded) {
-    const Pairs cases = {{"x\\", "x\\"}, {"a\\qb", "a\\qb"}, {"\\t\\x", "\t\\x"}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(Failure([&] { DecodeFileName(c.first); }),
-                  "Bad encoded filename '" + c.second + "'");
-    }
+    const auto failure = [](const std::string& name) {
+        return Failure([&] { DecodeFileName(name); });
+    };
+    Check(failure, {"x\\ -> Bad encoded filename 'x\\'", "a\\qb -> Bad encoded filename 'a\\qb'",
+                    "\\t\\x -> Bad encoded filename '\t\\x'"});  // as far as decoded
 }
 
 TEST(Encodings, CodeListsKeepEveryByteOfNamesWithControlBytes) {
-    const struct {
-        std::string name, codes, printable;
-    } cases[] = {{"", "", ""},
-                 {"abc", "", "abc"},
-                 {"\xD0\xB0\x7f", "", "\xD0\xB0\x7f"},
-                 {"ab\x01", "97||98||1", "ab?"},
-                 {"\x01", "1", "?"}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(EncodeBadFileName(c.name), std::pair(c.codes, c.printable)) << c.name;
-    }
+    const auto codes_and_printable = [](const std::string& name) {
+        const auto& [codes, printable] = EncodeBadFileName(name);
+        return codes + " " + printable;
+    };
+    Check(codes_and_printable, {" ->  ", "abc ->  abc", "\xD0\xB0\x7f ->  \xD0\xB0\x7f",
+                                "ab\x01 -> 97||98||1 ab?", "\x01 -> 1 ?"});
     EXPECT_EQ(DecodeBadFileName(EncodeBadFileName(EveryByte()).first), EveryByte());
     EXPECT_EQ(DecodeBadFileName("1"), "1") << "one code cannot be told from a name";
     EXPECT_EQ(DecodeBadFileName("104||105"), "hi");
@@ -58,35 +41,27 @@ TEST(Encodings, CodeListsKeepEveryByteOfNamesWithControlBytes) {
 }
 
 TEST(Encodings, ReportTextLosesWhatXmlOrItsReadersCannotHold) {
-    const Pairs cases = {{"a\t\r\n\x7f", "a\t\r\n\x7f"},
-                         {std::string("\x01\x00\x1f", 3), "???"},
-                         {"\xD0\xB0\xC3\xA9\xBF", "\xD0\xB0\xC3\xA9\xBF"},
-                         {"x\xE2\x82\xACy", "x?y"},
-                         {"x\xF0\x9F\x98\x80y", "x?y"},
-                         {"x\xF8\x88\x80\x80\x80y", "x?y"},
-                         {"x\xFC\x84\x80\x80\x80\x80y", "x?y"},
-                         {"\xE2xyz", "?z"},  // whatever the continuation bytes hold
-                         {"a\xF0\x9F", "a?"},
-                         {"\xFE\xFF", "\xFE\xFF"}};
-    for (const auto& [text, clean] : cases) EXPECT_EQ(ReplaceBadChars(text), clean) << text;
+    EXPECT_EQ(ReplaceBadChars(std::string("\x01\x00\x1f", 3)), "???");
+    Check(ReplaceBadChars,
+          {"a\t\r\n\x7f -> a\t\r\n\x7f", "\xD0\xB0\xC3\xA9\xBF -> \xD0\xB0\xC3\xA9\xBF",
+           "x\xE2\x82\xACy -> x?y", "x\xF0\x9F\x98\x80y -> x?y", "x\xF8\x88\x80\x80\x80y -> x?y",
+           "x\xFC\x84\x80\x80\x80\x80y -> x?y", "\xE2xyz -> ?z", "a\xF0\x9F -> a?",
+           "\xFE\xFF -> \xFE\xFF"});
 }
 
 TEST(Encodings, TreeValuesRoundTrip) {
     EXPECT_EQ(TreeEncode(""), "");
     EXPECT_EQ(TreeEncode("az"), "t_617a");
     EXPECT_EQ(TreeDecode(TreeEncode(EveryByte())), EveryByte());
-    const Pairs cases = {{"", ""},         {"t_", ""},         {"t_6A6a", "jj"},
-                         {"t_zz", "t_zz"}, {"t_61 ", "t_61 "}, {"x", "x"},
-                         {"61", "61"},     {"T_61", "T_61"},   {"t_616", "a"}};
-    for (const auto& [encoded, value] : cases) EXPECT_EQ(TreeDecode(encoded), value) << encoded;
+    Check(TreeDecode, {" -> ", "t_ -> ", "t_6A6a -> jj", "t_zz -> t_zz", "t_61  -> t_61 ",
+                       "61 -> 61", "T_61 -> T_61", "t_616 -> a"});
 }
 
 TEST(Encodings, KeysGetTheLineBreakOfTheSystem) {
     EXPECT_EQ(EscapeKey("a\r\nb\nc d\te\r"), "a#rnb#rnc#wsd\te\r");
     const struct {
         unsigned os;
-        const char* version;
-        const char* line_break;
+        const char *version, *line_break;
     } cases[] = {{0x20201, "10", "\n"},    {0x20201, "12", "\r\n"}, {0x20202, "20.04", "\n"},
                  {0x20202, "10", "\r\n"},  {0x20101, "8.9", "\n"},  {0x20103, "8", "\n"},
                  {0x20104, "9.1", "\r\n"}, {0x20000, "8", "\r\n"},  {0x20201, "8", "\r\n"}};

@@ -2,8 +2,11 @@
 #pragma once
 
 #include <filesystem>
+#include <initializer_list>
 #include <memory>
 #include <string>
+
+#include <gtest/gtest.h>
 
 #include "vel/vel_err.h"
 
@@ -20,6 +23,21 @@ namespace fs = std::filesystem;
 inline void MakeFile(const std::string& path, const std::string& bytes) {
     fs::create_directories(fs::path(path).parent_path());
     WriteFile(path, bytes);
+}
+
+/// A stand-in for a program of the install root, a shell script.
+inline void MakeTool(const std::string& name, const std::string& script) {
+    MakeFile("./sbin/" + name, "#!/bin/sh\n" + script + "\n");
+    fs::permissions("sbin/" + name, fs::perms::owner_all);
+}
+
+/// Checks a function of one text by cases of the form "argument -> result".
+template <class Call>
+void Check(const Call& call, std::initializer_list<std::string> cases) {
+    for (const std::string& line : cases) {
+        const std::size_t arrow = line.find(" -> ");
+        EXPECT_EQ(call(line.substr(0, arrow)), line.substr(arrow + 4)) << line;
+    }
 }
 
 /// What the call threw, "none" for nothing: an assertion's message, type and object of a platform

@@ -36,7 +36,6 @@ protected:
 };
 
 TEST_F(InfoFiles, ServiceFileIsFlatWhereItExistsElseNested) {
-    EXPECT_EQ(GetInfoFile("", "bob", "2024-01-31"), "2024-01-31.bob.info");
     EXPECT_EQ(GetInfoFile(user_, "bob", "2024-01-31"), user_ + "//2024-01-31/2024-01-31.bob.info");
     EXPECT_EQ(GetIndexFile(admin_, "bob#3", "custom"), admin_ + "//bob/custom/custom.bob#3.tgz");
     MakeFile(admin_ + "/2024-01-31.bob.info", "");
@@ -50,13 +49,10 @@ TEST_F(InfoFiles, LinksInTheirPlaceAreRefused) {
     fs::create_directories(user_);
     const std::string info = user_ + "/2024-01-31.bob.info";
     fs::create_symlink(work_.Path() + "/secret", info);
-    for (const auto& call :
-         {std::function<void()>([&] { GetInfo(info); }),
-          std::function<void()>([&] { GetInfoFile(user_, "bob", "2024-01-31"); }),
-          std::function<void()>([&] { CheckLinkPath(info); })}) {
-        EXPECT_EQ(Failure(call), "Path is symlink_link");
-    }
-    EXPECT_NO_THROW(CheckLinkPath(user_ + "/missing"));
+    const std::string refused = "Path is symlink_link";
+    EXPECT_EQ(Failure([&] { GetInfo(info); }), refused);
+    EXPECT_EQ(Failure([&] { GetInfoFile(user_, "bob", "2024-01-31"); }), refused);
+    EXPECT_EQ(Failure([&] { CheckLinkPath(info); }), refused);
     EXPECT_EQ(Found(user_, "", ""), Names());
 }
 
@@ -68,10 +64,7 @@ TEST_F(InfoFiles, LinesAreKeysAndValues) {
                                   {"base", "a=b"},
                                   {"alone", ""},
                                   {"last-slice", "bob/d/x.tgz.part2"}}));
-    EXPECT_TRUE(log_.Has(8, "GetInfo info_file = '" + path + "'"));
     EXPECT_EQ(GetLastSliceLocalPath(path), "bob/d/x.tgz.part2");
-    WriteFile(path, "type=full");
-    EXPECT_EQ(GetLastSliceLocalPath(path), "");
     EXPECT_THROW(GetInfo(user_ + "/missing.info"), vel_err::Error);
 }
 
@@ -92,9 +85,9 @@ TEST_F(InfoFiles, SearchFindsBothLayoutsOfOneUserAndDate) {
                               "bob/2024-02-01/2024-02-01.bob#r.info", "bob/custom/custom.bob.info",
                               "eve/2024-01-31/2024-01-31.eve.info"};
     EXPECT_EQ(Found(admin_, "", ""), everything);
-    Names with_second_level = everything;
-    with_second_level.insert(with_second_level.begin() + 1, "2024-02-01.bob/2024-02-01.bob.info");
-    EXPECT_EQ(Found(user_, "", ""), with_second_level) << "any folder of a user's own tree";
+    EXPECT_EQ(Found(user_, "", "2024-02-01"),
+              Names({"2024-02-01.bob/2024-02-01.bob.info", everything[2]}))
+        << "any folder of a user's own tree";
     EXPECT_EQ(Found(admin_, "eve", ""), Names({everything[4]}));
     EXPECT_EQ(Found(admin_, "bob", "2024-01-31"), Names({everything[0], everything[1]}));
     EXPECT_EQ(Found(admin_, "", "custom"), Names({everything[3]}));
@@ -107,34 +100,22 @@ TEST_F(InfoFiles, LocalDirectoryIsMadeForItsUser) {
     const struct stat made = vel_file::Info(admin_ + "/nobody/2024-01-31").Stat();
     EXPECT_EQ(made.st_mode & 07777, 0440u);
     EXPECT_NE(made.st_uid, 0u);
-    EXPECT_EQ(made.st_gid, 0u);
     EXPECT_EQ(vel_file::Info(user_ + "/d").Stat().st_uid, 0u);
-
     EXPECT_EQ(GetLocalBackupPath(user_ + "/x"), user_ + "/x");
     MakeFile(user_ + "/a.info", "");
     EXPECT_EQ(GetLocalBackupPath(user_ + "/x"), user_);
-    CreateAttemptsFile(user_ + "/x");
-    EXPECT_EQ(vel_file::Info(user_ + "/x.attempts").Size(), 0u);
-}
 
-TEST_F(InfoFiles, SystemFilesAreDatedOneHourBack) {
-    const std::string path = work_.Path() + "/file";
-    const time_t before = ::time(nullptr);
-    WriteSystemFile(path, "content");
-    const struct stat st = vel_file::Info(path).Stat();
-    EXPECT_EQ(ReadFile(path), "content");
-    EXPECT_GE(st.st_mtime, before - 3600);
-    EXPECT_LE(st.st_mtime, ::time(nullptr) - 3600);
-    EXPECT_EQ(st.st_atime, st.st_mtime);
+    WriteSystemFile(user_ + "/file", "content");  // dated one hour back
+    EXPECT_EQ(ReadFile(user_ + "/file"), "content");
+    const time_t age = ::time(nullptr) - vel_file::Info(user_ + "/file").Stat().st_mtime;
+    EXPECT_TRUE(age >= 3600 && age < 7200) << age;
 }
 
 TEST_F(InfoFiles, LinkNeverEmptiesAnExistingFile) {
     const std::string a = work_.Path() + "/a", b = work_.Path() + "/b", other = work_.Path() + "/c";
     WriteFile(a, "new");
-    Link(a, b);
+    for (const std::string& target : {b, b, a}) Link(a, target);
     EXPECT_TRUE(fs::equivalent(a, b));
-    Link(a, b);
-    Link(a, a);
     EXPECT_EQ(ReadFile(a) + ReadFile(b), "newnew");
     fs::remove(b);
     WriteFile(b, "old");
@@ -167,7 +148,6 @@ TEST_F(InfoFiles, DirectoryInUseIsMarkedForOtherProcesses) {
     fs::create_directory(user_);
     {
         const Lock lock(user_);
-        EXPECT_TRUE(fs::exists(marker));
         EXPECT_EQ(MarkInAnotherProcess(user_), 1);
         EXPECT_TRUE(fs::exists(marker));
     }
@@ -183,19 +163,9 @@ TEST_F(InfoFiles, DirectoryInUseIsMarkedForOtherProcesses) {
 }
 
 TEST_F(InfoFiles, FailedBackupIsDeletedByTheCopyTool) {
-    const auto tool = [](const std::string& end) {
-        MakeFile("./sbin/backup2_cp", "#!/bin/sh\nprintf '%s|' \"$@\"\n" + end + "\n");
-        fs::permissions("sbin/backup2_cp", fs::perms::owner_all);
-    };
-    tool("exit 7");
+    MakeTool("backup2_cp", "printf '%s|' \"$@\"; exit 7");
     DelBackupOnError("/b", "a 'b$(x)", "2024-01-31");
-    EXPECT_TRUE(log_.Has(4,
-                         "Cant delete error backup. Code: 7. Str: "
-                         "--delete|/b//2024-01-31/2024-01-31.a 'b$(x).info|"));
-    const std::size_t lines = log_.Events().size();
-    tool("exit 0");
-    DelBackupOnError("/b", "bob", "2024-01-31");
-    EXPECT_EQ(log_.Events().size(), lines);
+    EXPECT_TRUE(log_.Mentions("Code: 7. Str: --delete|/b//2024-01-31/2024-01-31.a 'b$(x).info|"));
     fs::create_symlink("/", "2024-01-31.bob.info");
     EXPECT_NO_THROW(DelBackupOnError("", "bob", "2024-01-31"));
     EXPECT_TRUE(log_.Mentions("symlink_link"));

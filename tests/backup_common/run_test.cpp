@@ -18,11 +18,10 @@ protected:
         WriteFile("info", "");
     }
     static void Tool(const std::string& name, int status) {
-        MakeFile("./sbin/" + name, "#!/bin/sh\nprintf '%s|' \"$@\" >" + name +
-                                       ".argv\nprintf '%s' \"$BACKUP_TOKEN\" >env\n"
-                                       "echo out\necho err >&2\nexit " +
-                                       std::to_string(status) + "\n");
-        fs::permissions("sbin/" + name, fs::perms::owner_all);
+        MakeTool(name, "printf '%s|' \"$@\" >" + name +
+                           ".argv; printf '%s' \"$BACKUP_TOKEN\" >env; "
+                           "echo out; echo err >&2; exit " +
+                           std::to_string(status));
     }
     /// The arguments of a tool's last call, "|" behind each.
     static std::string Arguments(const std::string& name) { return ReadFile(name + ".argv"); }
@@ -31,9 +30,6 @@ protected:
     }
     std::string Files(const std::string& folders) const {
         return "<files root=\"" + root_ + "\">" + folders + "</files>";
-    }
-    static std::string Failed(Settings& settings) {
-        return Failure([&] { BackupLocal(settings, "info", "a", "l", ""); });
     }
 
     LogCapture log_;
@@ -65,32 +61,29 @@ TEST_F(Run, ArchiverGetsEverySettingInItsOrder) {
 }
 
 TEST_F(Run, OptionsWithoutASettingAreLeftOut) {
-    const std::pair<std::string, std::string> cases[] = {{"root", Files("<folder>d</folder>")},
-                                                         {"bob", Files("")}};
-    for (const auto& [user, elements] : cases) {
-        WriteFile("info", "");
-        const auto settings = Make(user, elements);
-        BackupLocal(*settings, "info", "a", "l", user == "root" ? "" : "missing base");
-        EXPECT_EQ(Arguments("qortar"), "--create|a|--slice||--root|" + root_ +
-                                           "|--save-listing|l|--execute|"
-                                           "sbin/backup2_cp --put --info-file info --%c %p/%f|" +
-                                           (user == "root" ? "d|" : ""));
-    }
+    BackupLocal(*Make("root", Files("<folder>d</folder>")), "info", "a", "l", "missing base");
+    EXPECT_EQ(Arguments("qortar"), "--create|a|--slice||--root|" + root_ +
+                                       "|--save-listing|l|--execute|"
+                                       "sbin/backup2_cp --put --info-file info --%c %p/%f|d|");
 }
 
 TEST_F(Run, FailureKeepsTheInfoFileAndShowsWhatTheToolSaid) {
     const auto settings = Make("bob", Files(""));
+    const auto failed = [&] {
+        EXPECT_EQ(Failure([&] { BackupLocal(*settings, "info", "a", "l", ""); }),
+                  "Failed to create backup");
+    };
     Tool("qortar", 1);
-    EXPECT_EQ(Failed(*settings), "Failed to create backup");
+    failed();
     EXPECT_TRUE(log_.Has(3, "qortar finished with error 1. Output: out\nerr\n"));
     EXPECT_FALSE(fs::exists("backup2_cp.argv")) << "no listing of a failed archive";
     Tool("qortar", 0);
     Tool("backup2_cp", 3);
-    EXPECT_EQ(Failed(*settings), "Failed to create backup");
+    failed();
     EXPECT_TRUE(log_.Has(3, "final backup2_cp call finished with error 3. Output: out\nerr\n"));
     EXPECT_TRUE(fs::exists("info"));
     fs::remove("sbin/qortar");
-    EXPECT_EQ(Failed(*settings), "Failed to create backup");
+    failed();
     EXPECT_TRUE(log_.Mentions("qortar finished with error 127."));
 }
 

