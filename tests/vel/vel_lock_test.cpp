@@ -81,7 +81,7 @@ TEST_F(Locks, AreGivenUpByRelockReleaseAndDeath) {
     const pid_t holder = Start([&] {
         Lock own;
         own.DoLock(path_, false);
-        ::write(ready.Out(), "x", 1);
+        if (::write(ready.Out(), "x", 1) != 1) ::_exit(1);
         ::pause();
         return 0;
     });
