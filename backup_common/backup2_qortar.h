@@ -1,4 +1,5 @@
-/// One backup job: its settings, the archiver's run, the base of an increment.
+/// One backup job: its settings, the archiver's run, the base of an increment; and what becomes of
+/// the finished backup: limits, the copy in the user's own storage, the journal of that copying.
 #pragma once
 
 #include <list>
@@ -8,6 +9,8 @@
 
 #include "vel/vel_client.h"
 #include "vel/vel_file.h"
+#include "vel/vel_proc.h"
+#include "vel/vel_xml.h"
 
 #include "backup_common/export.h"
 
@@ -79,5 +82,79 @@ BACKUP2_EXPORT void BackupLocal(Settings& settings, const std::string& info_file
 /// full backup of the date's week (Sunday to Saturday), or "" when the backup must be full.
 BACKUP2_EXPORT std::string LookupLastFull(const Settings& settings, const std::string& user,
                                           const std::string& date);
+
+// ---- Cleanup journal ----------------------------------------------------------------------------
+
+/// One line of the journal "<dir>/.cleanup": it names what must be removed from a storage should
+/// this process not come to its end. The journal is shared by all processes that copy into the
+/// storage of this directory; every change is made under its lock and in one step. It holds tokens
+/// with their passwords: mode 0600.
+class BACKUP2_EXPORT Cleanup {
+public:
+    /// Appends the line; it is on the disk when this returns. Makes a missing `dir` (0700). Throws
+    /// vel_err::Error when the disk refuses, or something else than a file is in the journal's
+    /// place; the journal is as it was then.
+    Cleanup(const std::string& dir, const std::string& token, const std::string& name,
+            const std::string& date, bool marked);
+    Cleanup(const Cleanup&) = delete;
+    Cleanup& operator=(const Cleanup&) = delete;
+    /// Leaves the line where it is: only RemoveItem says that all went well.
+    ~Cleanup();
+
+    /// Takes the line out, and all that are equal to it. Keeps the journal locked until the object
+    /// goes; other objects of this process are not kept waiting.
+    void RemoveItem();
+
+private:
+    std::string path_, line_;
+    vel_file::Lock lock_;
+};
+
+/// A line that a journal still holds.
+struct PendingCleanup {
+    std::string token, date, name;
+    bool marked = false;
+    std::string line;  ///< as it stands there; all other members are empty when it makes no sense
+};
+/// What the journal of `dir` holds, in its order; nothing when there is none.
+BACKUP2_EXPORT std::list<PendingCleanup> ReadCleanups(const std::string& dir);
+/// Takes all lines equal to `line` out of the journal of `dir`, which stays, empty if need be.
+BACKUP2_EXPORT void DropCleanup(const std::string& dir, const std::string& line);
+
+/// True for "custom" and for a date, which is brought into the form YYYY-MM-DD; else `date` stays.
+BACKUP2_EXPORT bool CheckDate(std::string& date);
+
+// ---- Limits -------------------------------------------------------------------------------------
+
+/// Starts the copy tool, which enforces the limits of one storage, and returns when it has closed
+/// its output; Result() of what is returned gives its status. `storage`: text is the token,
+/// attributes local_dir, size_limit, count_limit and, for a user's own storage, user. `date` counts
+/// as present. Leaves the token in BACKUP_TOKEN of this process.
+BACKUP2_EXPORT vel_proc::Execute BackupSizeControl(vel_xml::XmlNode storage,
+                                                   const std::string& date);
+/// A decimal size as info files of encrypted copies record it: the largest number not above it that
+/// is one more than a multiple of 32; "" and "0" give "-31".
+BACKUP2_EXPORT std::string EncryptedSize(const std::string& size);
+
+// ---- Copies in users' own storages --------------------------------------------------------------
+
+/// Rewrites an info file so that it describes the backup as it lies on the storage `target` (an
+/// element whose text is a token) below `target_dir`: names, sizes, key_hash, base. Other keys keep
+/// their values. Replaced in one step; unchanged when this throws.
+BACKUP2_EXPORT void UpdateInfo(vel_xml::XmlNode target, const std::string& info_file,
+                               const std::string& target_dir);
+
+/// Copies the backup of `date` (or "custom") from the administrator's storage into that of `user`,
+/// an element with the attributes user and local_dir and the storage's token as text; the full
+/// backup of an increment first, when it is not there. `settings`: the panel's answer with
+/// /doc/storage, /doc/backup and /doc/ssh_key.
+///
+/// While it works a line in the journal of the user's local directory names the copy; it stays when
+/// this throws or dies, and so does what was stored by then. Throws std::runtime_error "Failed to
+/// upload file to user storage", another std::runtime_error for names that do not belong to this
+/// backup, and what the storages, the disk and the info files give. Leaves the user's token in
+/// BACKUP_TOKEN of this process.
+BACKUP2_EXPORT void CopyToPrivate(vel_xml::Xml& settings, const std::string& date,
+                                  vel_xml::XmlNode user);
 
 }  // namespace backup2
