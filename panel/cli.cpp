@@ -149,16 +149,24 @@ std::string DefaultLocalDir(const std::string& user) {
     return vel_file::ConcatPath(std::filesystem::current_path().string(), below);
 }
 
+/// The service tells the administrator's folder from users' ones by its end, and finds what the
+/// latter hold already by their place.
+void CheckLocalDir(const Storage& storage) {
+    CheckAbsolutePath("local-dir", storage.local_dir);
+    if (storage.user.empty() && !str::EndsWith(storage.local_dir, "/var/backup/qorvel"))
+        throw vel_tool::UsageError("local-dir: must end in /var/backup/qorvel");
+    if (!storage.user.empty() && storage.local_dir != DefaultLocalDir(storage.user))
+        throw vel_tool::UsageError("local-dir: a user's is always " +
+                                   DefaultLocalDir(storage.user));
+}
+
 void SetStorage(Values& v) {
     Storage& storage = v.storage;
     CheckSize("slice-size", storage.slice_size);
     CheckSize("size-limit", storage.size_limit);
     CheckSize("count-limit", storage.count_limit);
     if (storage.local_dir.empty()) storage.local_dir = DefaultLocalDir(storage.user);
-    CheckAbsolutePath("local-dir", storage.local_dir);
-    // The service tells the administrator's folder from users' ones by the end of its name.
-    if (storage.user.empty() && !str::EndsWith(storage.local_dir, "/var/backup/qorvel"))
-        throw vel_tool::UsageError("local-dir: must end in /var/backup/qorvel");
+    CheckLocalDir(storage);
     storage.token = ReadSecret("token");
     CheckToken(storage.token);
     Store().SetStorage(storage);
@@ -280,7 +288,10 @@ void DatabaseCommands(CLI::App& app, Values& v) {
 
 // ---- Plans --------------------------------------------------------------------------------------
 
+/// A rule of 0 is off.
 void SetPlan(Values& v) {
+    for (auto rule = v.plan.keep.begin(); rule != v.plan.keep.end();)
+        rule = rule->second == 0 ? v.plan.keep.erase(rule) : std::next(rule);
     CheckName("plan", v.plan.name);
     CheckSize("slice-size", v.plan.slice_size);
     for (const std::string& pattern : v.plan.excludes) CheckText("exclude", pattern);
@@ -288,11 +299,19 @@ void SetPlan(Values& v) {
     Store().SetPlan(v.plan);
 }
 
+std::string KeepWords(const Plan& plan) {
+    std::vector<std::string> words;
+    for (const char* rule : kKeepRules)
+        if (const auto found = plan.keep.find(rule); found != plan.keep.end())
+            words.push_back(std::string(rule) + "=" + std::to_string(found->second));
+    return JoinWords(words);
+}
+
 void ListPlans(Values& v) {
-    Report report({"plan", "slice_size", "exclude", "exclude_db"});
+    Report report({"plan", "slice_size", "exclude", "exclude_db", "keep"});
     for (const Plan& plan : Store().Plans())
         report.Row({plan.name, plan.slice_size, JoinWords(plan.excludes),
-                    JoinWords(plan.exclude_databases)});
+                    JoinWords(plan.exclude_databases), KeepWords(plan)});
     report.Print(v.json);
 }
 
@@ -306,6 +325,11 @@ void PlanCommands(CLI::App& app, Values& v) {
         ->allow_extra_args(false);
     set->add_option("--exclude-db", v.plan.exclude_databases, "A database to leave out")
         ->allow_extra_args(false);
+    for (const std::string rule : kKeepRules)
+        set->add_option("--keep-" + rule, v.plan.keep[rule],
+                        rule == "last" ? "So many of the newest backups stay"
+                                       : "The newest of each of so many " + rule + " periods stays")
+            ->check(CLI::Range(0, kMostKept));
     set->callback([&v] { SetPlan(v); });
     auto* assign = plan->add_subcommand("assign", "Gives a plan to a user");
     assign->add_option("name", v.plan.name)->required();

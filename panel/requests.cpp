@@ -142,6 +142,12 @@ void AppendExcludes(vel_xml::XmlNode doc, const User& user, const Plan& plan) {
     for (const std::string& name : plan.exclude_databases) databases.AppendChild("exclude", name);
 }
 
+void AppendKeep(vel_xml::XmlNode doc, const Plan& plan) {
+    if (plan.keep.empty()) return;
+    auto keep = doc.AppendChild("keep");
+    for (const auto& [rule, count] : plan.keep) keep.SetProp(rule, std::to_string(count));
+}
+
 void AppendSystem(const Request& r, vel_xml::XmlNode doc, const User& user) {
     auto system = doc.AppendChild("system");
     for (const Database& database : r.store.Databases(user.name))
@@ -165,6 +171,7 @@ void ItemInfo(const Request& r, vel_xml::XmlNode doc) {
     if (storage)
         AppendStorage(doc, *storage,
                       plan.slice_size.empty() ? storage->slice_size : plan.slice_size);
+    AppendKeep(doc, plan);
     doc.AppendChild("backup").SetProp("local", "yes");
 }
 

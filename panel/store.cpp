@@ -18,6 +18,9 @@ namespace {
 constexpr char kSchema[] = R"sql(
 PRAGMA foreign_keys = ON;
 CREATE TABLE IF NOT EXISTS plan (name TEXT PRIMARY KEY, slice_size TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS plan_keep (
+  plan TEXT NOT NULL REFERENCES plan (name) ON DELETE CASCADE, rule TEXT NOT NULL,
+  count INTEGER NOT NULL, PRIMARY KEY (plan, rule));
 CREATE TABLE IF NOT EXISTS user (
   name TEXT PRIMARY KEY, uid INTEGER NOT NULL, root TEXT NOT NULL, password TEXT NOT NULL,
   admin INTEGER NOT NULL, plan TEXT REFERENCES plan (name) ON DELETE SET NULL);
@@ -180,6 +183,20 @@ void Store::SetList(const std::string& kind, const std::string& owner,
             .Step();
 }
 
+std::map<std::string, int64_t> Store::Keep(const std::string& plan) {
+    Statement rows(db_.get(), "SELECT rule, count FROM plan_keep WHERE plan = ?", plan);
+    std::map<std::string, int64_t> keep;
+    while (rows.Step()) keep[rows.Text(0)] = rows.Int(1);
+    return keep;
+}
+
+void Store::SetKeep(const Plan& plan) {
+    Statement(db_.get(), "DELETE FROM plan_keep WHERE plan = ?", plan.name).Step();
+    for (const auto& [rule, count] : plan.keep)
+        Statement(db_.get(), "INSERT INTO plan_keep VALUES (?, ?, ?)", plan.name, rule, count)
+            .Step();
+}
+
 void Store::MustChange(const std::string& kind, const std::string& name) {
     if (sqlite3_changes(db_.get()) == 0) throw vel_err::Error("missed", kind, name);
 }
@@ -325,6 +342,7 @@ void Store::SetPlan(const Plan& plan) {
         .Step();
     SetList("plan", plan.name, plan.excludes);
     SetList("plan-db", plan.name, plan.exclude_databases);
+    SetKeep(plan);
     transaction.Commit();
 }
 
@@ -346,7 +364,7 @@ void Store::RemovePlan(const std::string& name) {
 std::optional<Plan> Store::FindPlan(const std::string& name) {
     Statement row(db_.get(), "SELECT slice_size FROM plan WHERE name = ?", name);
     if (!row.Step()) return std::nullopt;
-    return Plan{name, row.Text(0), List("plan", name), List("plan-db", name)};
+    return Plan{name, row.Text(0), List("plan", name), List("plan-db", name), Keep(name)};
 }
 
 std::vector<Plan> Store::Plans() {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,6 +14,9 @@ struct sqlite3;
 namespace panel {
 
 constexpr char kStorePath[] = "var/backup2_panel.db";
+/// What a plan may say about which backups stay: so many of the last, of days, weeks, ...
+constexpr const char* kKeepRules[] = {"last", "daily", "weekly", "monthly", "yearly"};
+constexpr int kMostKept = 9999;
 
 struct User {
     std::string name;
@@ -45,6 +49,8 @@ struct Database {
 struct Plan {
     std::string name, slice_size;
     std::vector<std::string> excludes, exclude_databases;
+    std::map<std::string, int64_t>
+        keep;  ///< rule of kKeepRules -> how many; rules that are off lack
 };
 
 /// One connection to the file; every request opens its own, so that threads share nothing.
@@ -89,6 +95,8 @@ public:
 
 private:
     class Transaction;
+    std::map<std::string, int64_t> Keep(const std::string& plan);
+    void SetKeep(const Plan& plan);
     std::vector<std::string> List(const std::string& kind, const std::string& owner);
     void SetList(const std::string& kind, const std::string& owner,
                  const std::vector<std::string>& texts);

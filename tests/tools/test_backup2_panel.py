@@ -38,7 +38,8 @@ class Answers(PanelCase):
         self.add_bob()
         self.panel.command("storage set --slice-size 100M --count-limit 5", TOKEN)
         self.panel.command("storage set --user bob --size-limit 2G", "type=ftp;url=host")
-        self.panel.command("plan set small --slice-size 10M --exclude cache/* --exclude-db junk")
+        self.panel.command("plan set small --slice-size 10M --exclude cache/* --exclude-db junk "
+                           "--keep-last 3 --keep-weekly 0 --keep-yearly 9999")
         self.panel.command("server add my --type mysql --socket /run/s --login root", "pa'ss \"1\"#\\")
         self.panel.command("db add bob my shop.2 --owner shopper", "owner's")
         self.panel.command("db add bob my junk")
@@ -59,11 +60,13 @@ class Answers(PanelCase):
             "count_limit": "5"})
         self.assertEqual(text(info, "storage"), TOKEN)
         self.assertEqual(info.find("backup").get("local"), "yes")
+        self.assertEqual(info.find("keep").attrib, {"last": "3", "yearly": "9999"})
         without = self.panel.ask(func="backup2.item.info", elid="bob", role="", userdata="off")
         self.assertEqual({n.get("type") for n in without.findall("system/spec")}, {"db"})
         self.panel.command("plan set small")  # replacing a plan does not take it from its users
-        self.assertEqual(self.panel.ask(func="backup2.item.info", elid="bob").find("storage").get(
-            "slice_size"), "100M")
+        info = self.panel.ask(func="backup2.item.info", elid="bob")
+        self.assertEqual(info.find("storage").get("slice_size"), "100M")
+        self.assertIsNone(info.find("keep"))
         self.assertEqual(text(self.panel.ask(func="user.edit", elid="bob"), "plan"), "small")
 
     def test_settings_storages_users_and_databases(self):
@@ -214,6 +217,8 @@ except OSError:
             (["user", "add", "ok", "--root", "/x", "--uid", "1", "--exclude", b"\xff"], ""),
             ("user add no-such-account --root /x", ""), ("user add ok --root /x --uid 1", "a\nb"),
             ("storage set --slice-size 1Q", TOKEN), ("storage set --local-dir /elsewhere", TOKEN),
+            ("storage set --user bob --local-dir /elsewhere", TOKEN),
+            ("plan set p --keep-daily 10000", ""), ("plan set p --keep-last=-1", ""),
             ("storage set", "path=/x"), ("storage set", "type=local;path=x"),
             ("server add my --type oracle --host h --login r", ""),
             ("server add my --type mysql --host=-h --login r", ""),
