@@ -24,6 +24,7 @@ struct Request {
     std::optional<uint64_t> size;
     /// Takes the body of a 2xx answer; every other body goes to Response::body (first 64 KiB).
     std::ostream* sink = nullptr;
+    std::optional<uint64_t> max_answer;  ///< a longer body for the sink throws "storage", "refused"
     /// Sign with AWS Signature Version 4: "aws:amz:<region>:s3", and the two keys.
     std::string sigv4, access_key, secret_key;
 };
@@ -38,7 +39,9 @@ struct Response {
 
 /// One connection, kept between requests. Certificates are verified; only http and https; no
 /// redirect is followed (a 3xx is a Response like any other); no proxy is taken from the
-/// environment. Time limits: 30 s to connect, and 60 s without a byte in either direction.
+/// environment. Time limits: 30 s to connect, and 60 s without a byte in either direction (time
+/// that the source or the sink takes is not counted). From the environment: BACKUP2_STALL_SECONDS
+/// instead of these 60, BACKUP2_CA_FILE instead of the system's certificate authorities.
 class Http {
 public:
     /// `service` begins every message: "Dropbox".
@@ -54,13 +57,13 @@ public:
     /// Repeats what failed for a moment (no answer, 429, 5xx but 507) up to four times, with
     /// growing pauses or the server's Retry-After (at most 60 s). `again` is asked before each
     /// further attempt and says whether the request can be made once more: a source must be back
-    /// at its beginning, a sink must not have taken bytes. The last Response is returned, a last
-    /// failure thrown. BACKUP2_RETRY_MS: the first pause (1000).
+    /// at its beginning, a sink must not have taken bytes. Without `again` that is so while the
+    /// source gave and the sink took nothing. The last Response is returned, a last failure thrown.
+    /// BACKUP2_RETRY_MS: the first pause (1000).
     Response SendRetried(const Request& request, const std::function<bool()>& again = {});
 
 private:
     class Handle;
-    std::string service_;
     std::unique_ptr<Handle> handle_;
 };
 
