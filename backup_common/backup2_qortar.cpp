@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <set>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,6 +31,12 @@ const vel_log::Module logger("backup");
 constexpr char kSourceFile[] = "backup2_qortar.cpp";
 constexpr char kTokenVariable[] = "BACKUP_TOKEN";
 constexpr char kSystemDir[] = ".system";
+constexpr char kCopyTool[] = "sbin/backup2_cp";
+constexpr char kPrivateDir[] = "var/backup/qorvel.private";
+constexpr char kCustom[] = "custom";
+constexpr char kRole[] = "role-";
+constexpr char kPart[] = ".part";
+constexpr int kMaxParts = 1000000;
 
 }  // namespace
 
@@ -337,6 +346,406 @@ std::string LookupLastFull(const Settings& settings, const std::string& user,
         if (!index.empty()) return index;
     }
     return {};
+}
+
+// ---- Cleanup journal ----------------------------------------------------------------------------
+
+namespace {
+
+std::string JournalPath(const std::string& dir) { return vel_file::ConcatPath(dir, ".cleanup"); }
+
+std::string JournalLine(const std::string& token, const std::string& name, const std::string& date,
+                        bool marked) {
+    // A line end inside would make two lines of one, and let a name speak for another storage.
+    if ((date + name).find('\n') != std::string::npos) {
+        throw vel_err::Error("journal", "bad_name", EncodeFileName(name));
+    }
+    return str::badchars::Escape(token, "\t\n", '\\') + "\t" + date + "." + name +
+           (marked ? "#\n" : "\n");
+}
+
+/// Calls take(line, with its line end) for each line; the last one may lack the end.
+template <class Take>
+void EachLine(const std::string& text, const Take& take) {
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t end = std::min(text.find('\n', at), text.size() - 1) + 1;
+        take(std::string_view(text).substr(at, end - at));
+        at = end;
+    }
+}
+
+std::string WithoutLine(const std::string& text, const std::string& line) {
+    std::string kept;
+    kept.reserve(text.size());
+    EachLine(text, [&](std::string_view other) {
+        if (other != line) kept += other;
+    });
+    return kept;
+}
+
+PendingCleanup ParseLine(const std::string& line) {
+    PendingCleanup out;
+    out.line = line;
+    std::string rest = line;
+    if (!rest.empty() && rest.back() == '\n') rest.pop_back();
+    if (rest.find('\t') == std::string::npos) return out;
+    const std::string token = str::badchars::Unescape(str::GetWord(rest, '\t'), '\\');
+    const bool marked = str::EndsWith(rest, "#");
+    if (marked) rest.pop_back();
+    const std::string date = str::GetWord(rest, '.');
+    if (date.empty() || rest.empty()) return out;
+    out.token = token;
+    out.date = date;
+    out.name = rest;
+    out.marked = marked;
+    return out;
+}
+
+}  // namespace
+
+Cleanup::Cleanup(const std::string& dir, const std::string& token, const std::string& name,
+                 const std::string& date, bool marked)
+    : path_(JournalPath(dir)), line_(JournalLine(token, name, date, marked)) {
+    logger.Write(9, "%s path = %s", "Cleanup", dir);
+    if (!vel_file::Exists(dir)) {
+        vel_file::MkDir(dir, vel_file::Attrs(0700));
+        vel_file::Sync(dir);
+    }
+    lock_.DoLock(path_, false);
+    vel_file::Attrs(0600).Set(int{lock_.GetResHandle()});
+    std::string text = lock_.Read();
+    if (!text.empty() && text.back() != '\n') text += '\n';
+    lock_.Write(text + line_);
+    lock_.Release();
+}
+
+Cleanup::~Cleanup() = default;
+
+void Cleanup::RemoveItem() {
+    lock_.DoLock(path_, false);
+    lock_.Write(WithoutLine(lock_.Read(), line_));
+}
+
+std::list<PendingCleanup> ReadCleanups(const std::string& dir) {
+    std::list<PendingCleanup> pending;
+    EachLine(vel_file::Read(JournalPath(dir)), [&](std::string_view line) {
+        if (line != "\n") pending.push_back(ParseLine(std::string(line)));
+    });
+    return pending;
+}
+
+void DropCleanup(const std::string& dir, const std::string& line) {
+    const std::string path = JournalPath(dir);
+    if (!vel_file::Exists(path)) return;
+    vel_file::Lock lock;
+    lock.DoLock(path, false);
+    lock.Write(WithoutLine(lock.Read(), line));
+}
+
+bool CheckDate(std::string& date) {
+    if (date == kCustom) return true;
+    try {
+        date = vel_date::Date(date).AsDate();
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+// ---- Limits -------------------------------------------------------------------------------------
+
+vel_proc::Execute BackupSizeControl(vel_xml::XmlNode storage, const std::string& date) {
+    Arguments arguments{kCopyTool, "--server"};
+    const auto add = [&](const std::string& option, const std::string& value) {
+        if (!value.empty()) AddOption(arguments, option, value);
+    };
+    AddOption(arguments, "--path", storage.GetProp("local_dir"));
+    AddOption(arguments, "--date", date);
+    add("--size-limit", storage.GetProp("size_limit"));
+    add("--count-limit", storage.GetProp("count_limit"));
+    add("--storage", storage.GetProp("user"));
+    vel_env::SetEnv(kTokenVariable, storage.Str());
+
+    const vel_proc::Pipe output;
+    vel_proc::Execute limits(arguments, vel_proc::kInheritOutput);
+    limits.RedirectOutTo(output.Out());
+    output.Out().Close();
+    limits.Run();
+    vel_file::InStream(output.In()).ignore(std::numeric_limits<std::streamsize>::max());
+    return limits;
+}
+
+std::string EncryptedSize(const std::string& size) {
+    const int64_t n = str::Int64(size);
+    // (n + 31) % 32, where the sum may be more than a number holds
+    const int64_t over = n > 0 ? (n % 32 + 31) % 32 : (n + 31) % 32;
+    return str::Str(n - over);
+}
+
+// ---- Copies in users' own storages --------------------------------------------------------------
+
+namespace {
+
+/// The same full backup: equal but for slice numbers, and there may be a name that is none.
+bool IsSliceOf(const std::string& entry, const std::string& base) {
+    if (!str::StartsWith(entry, "F")) return false;
+    try {
+        return StripSliceNumber(entry) == base;
+    } catch (const vel_err::AssertError&) {
+        return false;
+    }
+}
+
+/// The base lies beside the other backups' folders, or in its own one.
+std::string FolderOfBase(const BackupToken& target, const std::string& base) {
+    const std::string wanted = StripSliceNumber(base);
+    std::list<std::string> names;
+    GetStorage(target)->List(names, "");
+    const bool on_top = std::any_of(names.begin(), names.end(), [&](const std::string& name) {
+        return IsSliceOf(name, wanted);
+    });
+    return on_top ? "" : vel_file::SplitPath(GetPath(base)).dir;
+}
+
+}  // namespace
+
+void UpdateInfo(vel_xml::XmlNode target, const std::string& info_file,
+                const std::string& target_dir) {
+    auto info = GetInfo(info_file);
+    const BackupToken token(target.Str());
+    const auto moved = [&](const std::string& slice) {
+        return vel_file::ConcatPath(target_dir, GetName(token, slice));
+    };
+    const std::string last = info["last-slice"];
+    if (!token.Hash().empty()) info["key_hash"] = token.Hash();
+    if (token.IsEncrypted() && !IsEncrypted(last)) info["size"] = EncryptedSize(info["size"]);
+    if (!token.IsEncrypted() && IsEncrypted(last)) info.erase("key_hash");
+    info["last-slice"] = moved(last);
+    if (const auto base = info.find("base"); base != info.end()) {
+        std::string dir = vel_file::SplitPath(base->second).dir;
+        const std::string name = vel_file::Name(base->second);
+        if (dir.empty()) dir = FolderOfBase(token, name);
+        base->second = vel_file::ConcatPath(dir, GetName(token, name));
+    }
+    for (auto& [key, value] : info) {
+        if (!str::EndsWith(info_file, "#.info") || !str::StartsWith(key, kRole)) continue;
+        const std::string slice = str::GetWord(value);
+        value = moved(slice) + " " + EncryptedSize(value);
+    }
+    vel_file::Write(info_file, str::Join(info, "\n") + "\n");
+}
+
+namespace {
+
+/// Data of one archive, as a key of its info file names them.
+struct Slices {
+    std::string name;       ///< place on the administrator's storage, without ".partN"
+    bool numbered = false;  ///< name.part1 .. name.partN
+    int count = 0;          ///< N
+};
+
+/// One backup on its way from the administrator's storage into the user's own.
+class PrivateCopy {
+public:
+    PrivateCopy(vel_xml::Xml& settings, const std::string& date, vel_xml::XmlNode user);
+    void Run();
+
+private:
+    Slices ReadSlices(std::string value) const;
+    void CopyBase();
+    bool IsBaseThere(const std::string& place, const std::string& date) const;
+    void Store(const Slices& slices, const std::string& tmp_dir);
+    void StoreData(const std::string& name, const std::string& tmp_dir);
+    void StoreRecord(const std::string& slice);
+    std::string IndexName(const std::string& slice) const;
+    void Upload(std::vector<std::string> options, const std::string& file) const;
+
+    vel_xml::Xml& settings_;
+    const std::string date_;
+    vel_xml::XmlNode target_;
+    const std::string user_, user_dir_, admin_dir_;
+    std::shared_ptr<Storage> storage_;
+    std::map<std::string, std::string> info_;
+};
+
+[[noreturn]] void RefuseName(const std::string& name) {
+    throw std::runtime_error("'" + EncodeFileName(name) + "' does not belong to this backup");
+}
+
+/// Names become paths here: a user is one folder, a date is one that backups have.
+void CheckBackup(const std::string& user, const std::string& date) {
+    std::string normal = date;
+    const bool good = !user.empty() && user[0] != '.' && user[0] != '-' &&
+                      user.find('/') == std::string::npos && CheckDate(normal) && normal == date;
+    if (!good) RefuseName(user + "/" + date);
+}
+
+/// True when an archive of this backup lies there by its own name.
+bool IsPlaceOf(const std::string& place, const std::string& user, const std::string& date) {
+    const auto [dir, tail] = vel_file::SplitPath(place);
+    return tail.size() > 1 && !str::EndsWith(tail, ".info") && dir == user + "/" + date &&
+           GetPath(place) == place;
+}
+
+/// Turns the token of backups that another server of the cluster keeps into that server's.
+BackupToken AdminToken(const vel_xml::Xml& settings) {
+    BackupToken token(settings.GetNode("/doc/storage").Str());
+    const auto server = settings.GetNode("/doc/backup");
+    if (!token.IsLocal() || server.GetProp("local") == "yes") return token;
+    return token.SetParam("type", "node")
+        .SetParam("ip", server.GetProp("ip"))
+        .SetParam("port", server.GetProp("port"))
+        .SetParam("key_path", settings.GetNode("/doc/ssh_key").Str());
+}
+
+/// The archive's name without the letter for its kind.
+std::string Unmarked(const std::string& name) {
+    const bool marked = std::string("0123456789").find(name[0]) == std::string::npos;
+    return marked && !str::StartsWith(name, kCustom) ? name.substr(1) : name;
+}
+
+PrivateCopy::PrivateCopy(vel_xml::Xml& settings, const std::string& date, vel_xml::XmlNode user)
+    : settings_(settings),
+      date_(date),
+      target_(user),
+      user_(user.GetProp("user")),
+      user_dir_(user.GetProp("local_dir")),
+      admin_dir_(settings.GetNode("/doc/storage").GetProp("local_dir")) {
+    logger.Write(8, "%s admin_local_dir = %s, date = %s user = %s", "CopyToPrivate", admin_dir_,
+                 date_, user_);
+    CheckBackup(user_, date_);
+    const BackupToken token = AdminToken(settings);
+    const std::string info_file = GetInfoFile(admin_dir_, user_, date_);
+    storage_ = GetStorage(token);
+    info_ = GetInfo(info_file);
+}
+
+void PrivateCopy::Run() {
+    std::vector<Slices> archives;
+    for (auto entry = info_.rbegin(); entry != info_.rend(); ++entry) {
+        const bool named = entry->first == "last-slice" || str::StartsWith(entry->first, kRole);
+        if (named) archives.push_back(ReadSlices(entry->second));
+    }
+    if (info_.count("base") > 0) CopyBase();
+
+    vel_proc::Execute limits = BackupSizeControl(target_, date_);
+    Cleanup journal(user_dir_, target_.Str(), user_, date_, false);
+    // One copy of a user at a time: what a killed one left in the same place goes.
+    const auto tmp_dir = vel_file::TmpDir::At(vel_file::ConcatPath(admin_dir_, user_, ".private"));
+    vel_file::MkDir(vel_file::ConcatPath(tmp_dir, user_, date_));
+    for (const Slices& slices : archives) Store(slices, tmp_dir);
+    journal.RemoveItem();
+    if (const int status = limits.Result()) {
+        logger.Write(4, "Limits of the storage of '%s' finished with error %d", user_, status);
+    }
+}
+
+Slices PrivateCopy::ReadSlices(std::string value) const {
+    Slices out;
+    out.name = str::GetWord(value);
+    if (!IsPlaceOf(out.name, user_, date_)) RefuseName(out.name);
+    if (str::EndsWith(out.name, GetExtByInfo(info_))) return out;
+    out.numbered = out.name.find(kPart) != std::string::npos;
+    if (!out.numbered) {
+        logger.Write(4, "'%s' has neither the archive's ending nor a part number: one file",
+                     out.name);
+        return out;
+    }
+    const std::string whole = out.name;
+    out.count = str::Int(str::RGetWord(out.name, kPart));
+    if (out.count > kMaxParts || !IsPlaceOf(out.name, user_, date_)) RefuseName(whole);
+    return out;
+}
+
+void PrivateCopy::CopyBase() {
+    const std::string& base = info_["base"];
+    const std::string name = vel_file::Name(base);
+    const std::string date = GetDate(name);
+    const std::string place = vel_file::SplitPath(base).dir.empty() ? GetPath(name) : base;
+    if (!IsPlaceOf(place, user_, date)) RefuseName(base);
+    if (IsBaseThere(place, date)) return;
+    if (date >= date_) RefuseName(base);  // the way back would have no end
+    CopyToPrivate(settings_, date, target_);
+}
+
+bool PrivateCopy::IsBaseThere(const std::string& place, const std::string& date) const {
+    const auto [dir, tail] = vel_file::SplitPath(place);
+    const std::string index = StripSliceNumber(vel_file::Name(place)) + ".tgz";
+    bool there = false;
+    for (const std::string& name : {index, Unmarked(index)}) {
+        there = there || vel_file::Exists(vel_file::ConcatPath(kPrivateDir, dir, name));
+    }
+    if (!there) return false;
+    // A copy that the journal still names did not come to its end.
+    const auto pending = ReadCleanups(user_dir_);
+    return std::none_of(pending.begin(), pending.end(), [&](const PendingCleanup& item) {
+        return item.token == target_.Str() && item.name == user_ && item.date == date;
+    });
+}
+
+void PrivateCopy::Store(const Slices& slices, const std::string& tmp_dir) {
+    if (!slices.numbered) StoreData(slices.name, tmp_dir);
+    for (int part = slices.count; part > 0; --part) {
+        StoreData(slices.name + kPart + str::Str(part), tmp_dir);
+    }
+    StoreRecord(slices.name);
+}
+
+void PrivateCopy::StoreData(const std::string& name, const std::string& tmp_dir) {
+    const std::string local = vel_file::ConcatPath(tmp_dir, name);
+    vel_file::MkDir(vel_file::SplitPath(local).dir);
+    storage_->Get(name, local);
+    Upload({}, local);
+    vel_file::Remove(local);  // the copy tool has: never are there two of them
+}
+
+/// Index and info file: in the user's local directory, and on his storage.
+void PrivateCopy::StoreRecord(const std::string& slice) {
+    const std::string index = IndexName(slice);
+    const std::string info = index.substr(0, index.size() - 4) + ".info";
+    const auto admin = [&](const std::string& name) {
+        return vel_file::ConcatPath(admin_dir_, name);
+    };
+    const auto own = [&](const std::string& name) {
+        return vel_file::ConcatPath(user_dir_, date_, vel_file::Name(name));
+    };
+    Upload({"--no-delete"}, admin(index));
+    MkLocalDir(user_dir_, user_, date_);
+    Link(admin(index), own(index));
+    vel_file::Copy(admin(info), own(info));
+    UpdateInfo(target_, own(info), vel_file::ConcatPath(user_, date_));
+    Upload({"--no-delete"}, own(info));
+}
+
+/// Place of the index of an archive below the administrator's local directory.
+std::string PrivateCopy::IndexName(const std::string& slice) const {
+    const std::string dir = vel_file::SplitPath(slice).dir;
+    const std::string literal = StripSliceNumber(vel_file::Name(slice)) + ".tgz";
+    const auto place = [&](std::string name) {
+        if (date_ == kCustom && !str::StartsWith(name, kCustom)) name.replace(0, 10, kCustom);
+        return vel_file::ConcatPath(dir, name);
+    };
+    const std::string index = place(Unmarked(literal));
+    return vel_file::Exists(vel_file::ConcatPath(admin_dir_, index)) ? index : place(literal);
+}
+
+void PrivateCopy::Upload(std::vector<std::string> options, const std::string& file) const {
+    Arguments arguments{kCopyTool, "--put"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    arguments.push_back(file);
+    vel_proc::Execute put(arguments, vel_proc::kJoinErrors);
+    put.SetEnv("BACKUP_STORAGE", user_);
+    const std::string output = put.Str();
+    const int status = put.Result();
+    if (status == 0) return;
+    logger.Write(4, "Upload of '%s' finished with error %d. Output: %s", file, status, output);
+    throw std::runtime_error("Failed to upload file to user storage");
+}
+
+}  // namespace
+
+void CopyToPrivate(vel_xml::Xml& settings, const std::string& date, vel_xml::XmlNode user) {
+    PrivateCopy(settings, date, user).Run();
 }
 
 }  // namespace backup2
