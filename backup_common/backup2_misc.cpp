@@ -321,11 +321,10 @@ std::string GetReportFile(const std::string& id) {
 
 namespace {
 
-bool IsHidden(const vel_file::Dir& entry) { return str::StartsWith(entry.Name(), "."); }
+bool IsHidden(const vel_file::Dir& entry) { return entry.NameView().starts_with('.'); }
 
 bool IsDateDirectory(const vel_file::Dir& entry) {
-    const std::string name = entry.Name();
-    return entry.Info(kNoFollow).IsDir() && (name == "custom" || test::Date(name));
+    return entry.IsDir() && (entry.NameView() == "custom" || test::Date(entry.NameView()));
 }
 
 /// Which info files GetInfoFiles wants, and where they go.
@@ -340,16 +339,16 @@ struct InfoSearch {
         if (CheckCondition(entry, user, date, flag)) out.push_back(entry.Path());
     }
 
-    void TakeAll(const std::string& dir) {
-        for (vel_file::Dir entries(dir, kNoFollow); entries.Next();) Take(entries);
+    void TakeAll(vel_file::Dir entries) {
+        while (entries.Next()) Take(entries);
     }
 
-    void Descend(const std::string& dir) {
-        for (vel_file::Dir entries(dir, kNoFollow); entries.Next();) {
+    void Descend(vel_file::Dir entries) {
+        while (entries.Next()) {
             if (!IsDateDirectory(entries)) {
                 if (!admin_data) Take(entries);
-            } else if (date.empty() || entries.Name() == date) {
-                TakeAll(entries.Path());
+            } else if (date.empty() || entries.NameView() == date) {
+                TakeAll(entries.Enter());
             }
         }
     }
@@ -388,13 +387,11 @@ std::map<std::string, std::string> GetInfo(const std::string& path) {
 
 std::string GetLastSliceLocalPath(const std::string& path) { return GetInfo(path)["last-slice"]; }
 
-bool IsInfoFile(const vel_file::Dir& entry) {
-    return entry.HasExt(kInfoExt) && entry.Info(kNoFollow).IsFile();
-}
+bool IsInfoFile(const vel_file::Dir& entry) { return entry.HasExt(kInfoExt) && entry.IsFile(); }
 
 bool CheckCondition(const vel_file::Dir& entry, const std::string& user,
                     const std::string& date_prefix, bool) {
-    if (!IsInfoFile(entry) || !str::StartsWith(entry.Name(), date_prefix)) return false;
+    if (!IsInfoFile(entry) || !entry.NameView().starts_with(date_prefix)) return false;
     return user.empty() || GetUserName(entry.Name()) == user;
 }
 
@@ -404,8 +401,8 @@ void GetInfoFiles(std::list<std::string>& out, const std::string& dir, bool flag
     InfoSearch search{out, IsAdminData(dir), flag, user, date};
     for (vel_file::Dir entries(dir, kNoFollow); entries.Next();) {
         if (IsHidden(entries)) continue;
-        if (entries.Info(kNoFollow).IsDir()) {
-            search.Descend(entries.Path());
+        if (entries.IsDir()) {
+            search.Descend(entries.Enter());
         } else {
             search.Take(entries);
         }

@@ -20,7 +20,7 @@ constexpr std::string_view kBase64 =
 unsigned Byte(char c) { return static_cast<unsigned char>(c); }
 
 /// Where `text` occurs; an empty text occurs nowhere, so that no caller loops for ever.
-std::size_t Find(const std::string& s, const std::string& text, std::size_t from = 0) {
+std::size_t Find(std::string_view s, std::string_view text, std::size_t from = 0) {
     return text.empty() ? std::string::npos : s.find(text, from);
 }
 
@@ -72,7 +72,7 @@ int HexPair(char high, char low) {
 }
 
 template <class Element>
-void ForEachElement(const std::string& s, const std::string& separator, Element element) {
+void ForEachElement(std::string_view s, const std::string& separator, Element element) {
     std::size_t from = 0;
     while (from < s.size()) {
         const std::size_t at = std::min(Find(s, separator, from), s.size());
@@ -160,15 +160,15 @@ void inpl::Replace(std::string& s, const std::string& from, const std::string& t
 
 void Split(const std::string& s, const std::string& separator,
            std::map<std::string, std::string>& out) {
-    ForEachElement(s, separator, [&out](std::string element) {
-        std::string name = GetWord(element, '=');
-        out[std::move(name)] = std::move(element);
+    ForEachElement(s, separator, [&out](std::string_view element) {
+        const std::size_t end = std::min(element.find('='), element.size());
+        const std::size_t value = std::min(end + 1, element.size());
+        out[std::string(element.substr(0, end))] = element.substr(value);
     });
 }
 
 void Split(const std::string& s, const std::string& separator, std::vector<std::string>& out) {
-    ForEachElement(s, separator,
-                   [&out](std::string element) { out.push_back(std::move(element)); });
+    ForEachElement(s, separator, [&out](std::string_view element) { out.emplace_back(element); });
 }
 
 std::string Join(const std::map<std::string, std::string>& m, const std::string& separator) {

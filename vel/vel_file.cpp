@@ -288,29 +288,37 @@ void KeepTimes(int fd, const struct stat& old, const std::string& path) {
 }
 
 /// None with errno set; anything but a regular file throws.
-ResHandle OpenRegular(const Place& place, struct stat& st) {
-    ResHandle fd(::openat(place.folder, place.name.c_str(), O_RDONLY | kPlain));
+ResHandle CheckRegular(ResHandle fd, struct stat& st, const std::string& path) {
     if (!fd) return fd;
-    if (::fstat(fd, &st) != 0) Raise("stat", place.path);
-    if (!S_ISREG(st.st_mode)) RefuseKind("open", place.path, st.st_mode);
+    if (::fstat(fd, &st) != 0) Raise("stat", path);
+    if (!S_ISREG(st.st_mode)) RefuseKind("open", path, st.st_mode);
     return fd;
 }
 
-std::string ReadToEnd(int fd, const std::string& path) {
-    std::string text;
-    struct stat st;
-    if (::fstat(fd, &st) != 0) Raise("stat", path);
-    std::size_t room = static_cast<std::size_t>(st.st_size) + 1;  // one more finds the end
+ResHandle OpenRegular(const Place& place, struct stat& st) {
+    return CheckRegular(place.Open(O_RDONLY | kPlain), st, place.path);
+}
+
+/// In one step where no link is in the way.
+ResHandle OpenRegular(const std::string& path, struct stat& st) {
+    ResHandle fd(OpenAt2(AT_FDCWD, path.c_str(), O_RDONLY | kPlain, RESOLVE_NO_SYMLINKS));
+    if (fd || errno == ENOENT) return CheckRegular(std::move(fd), st, path);
+    Place place;
+    return FindPlace(path, place) ? OpenRegular(place, st) : ResHandle();
+}
+
+std::string ReadToEnd(int fd, const struct stat& st, const std::string& path) {
+    std::string text(static_cast<std::size_t>(st.st_size) + 1, '\0');  // one more finds the end
     for (std::size_t size = 0;;) {
-        text.resize(size + room);
-        const ssize_t got = ::pread(fd, text.data() + size, room, static_cast<off_t>(size));
+        if (size == text.size()) text.resize(size + std::max(kCopyChunk, size / 2));
+        const ssize_t got =
+            ::pread(fd, text.data() + size, text.size() - size, static_cast<off_t>(size));
         if (got < 0 && errno != EINTR) Raise("read", path);
         size += static_cast<std::size_t>(std::max<ssize_t>(got, 0));
         if (got == 0) {
             text.resize(size);
             return text;
         }
-        room = std::max(kCopyChunk, size / 2);
     }
 }
 
@@ -448,12 +456,19 @@ Info::Info(const std::string& path, bool follow_links) {
 
 bool Exists(const std::string& path) { return Info(path).Exists(); }
 
-Dir::Dir(const std::string& path, int flags) : path_(path) {
-    const int links = (flags & 2) != 0 ? O_NOFOLLOW : 0;
-    DirHandle dir =
-        ListDescriptor(ResHandle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | links)));
-    if (!dir) Raise("opendir", path);
-    dir_ = std::move(dir);
+Dir::Dir(const std::string& path, int flags)
+    : Dir(path, ResHandle(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC |
+                                                   ((flags & 2) != 0 ? O_NOFOLLOW : 0)))) {}
+
+Dir::Dir(std::string path, ResHandle fd)
+    : path_(std::move(path)), dir_(ListDescriptor(std::move(fd))) {
+    if (!dir_) Raise("opendir", path_);
+}
+
+Dir Dir::Enter() const {
+    const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const char* name = entry_ ? entry_->d_name : "";
+    return {Path(), ResHandle(::openat(::dirfd(dir_.get()), name, flags))};
 }
 
 bool Dir::Next() {
@@ -462,9 +477,16 @@ bool Dir::Next() {
     return entry_ != nullptr;
 }
 
-std::string Dir::Name() const { return entry_ ? entry_->d_name : ""; }
+std::string_view Dir::NameView() const { return entry_ ? entry_->d_name : ""; }
 
 std::string Dir::Path() const { return ConcatPath(path_, Name()); }
+
+unsigned char Dir::Type() const {
+    const unsigned char listed = entry_ ? entry_->d_type : static_cast<unsigned char>(DT_UNKNOWN);
+    if (!entry_ || listed != DT_UNKNOWN) return listed;
+    const vel_file::Info info = Info(2);  // not every file system tells in its listing
+    return info.Exists() ? IFTODT(info.Stat().st_mode) & 0xFF : listed;
+}
 
 vel_file::Info Dir::Info(int flags) const {
     struct stat st;
@@ -475,9 +497,8 @@ vel_file::Info Dir::Info(int flags) const {
     return {};
 }
 
-bool Dir::HasExt(const std::string& ext) const {
-    const std::string name = Name();
-    return name.size() > ext.size() && name.compare(name.size() - ext.size(), ext.size(), ext) == 0;
+bool Dir::HasExt(std::string_view ext) const {
+    return NameView().size() > ext.size() && NameView().ends_with(ext);
 }
 
 // ---- Attrs --------------------------------------------------------------------------------------
@@ -598,21 +619,18 @@ void Write(const std::string& path, const std::string& content) {
 }
 
 std::string ReadE(const std::string& path) {
-    const Place place = PlaceOf("open", path);
     struct stat st;
-    const ResHandle fd = OpenRegular(place, st);
+    const ResHandle fd = OpenRegular(path, st);
     if (!fd) Raise("open", path);
-    return ReadToEnd(fd, path);
+    return ReadToEnd(fd, st, path);
 }
 
 std::string Read(const std::string& path) {
-    Place place;
     struct stat st;
-    ResHandle fd;
-    if (FindPlace(path, place)) fd = OpenRegular(place, st);
+    const ResHandle fd = OpenRegular(path, st);
     if (!fd && (errno == ENOENT || errno == ENOTDIR)) return "";
     if (!fd) Raise("open", path);
-    return ReadToEnd(fd, path);
+    return ReadToEnd(fd, st, path);
 }
 
 // ---- Remove -------------------------------------------------------------------------------------
@@ -1155,7 +1173,12 @@ void Lock::DoLock(const std::string& path, bool marker) {
 
 ResHandle Lock::GetResHandle() const { return held_ ? held_->Fd() : ResHandle(); }
 
-std::string Lock::Read() const { return ReadToEnd(GetResHandle(), path_); }
+std::string Lock::Read() const {
+    const ResHandle fd = GetResHandle();
+    struct stat st;
+    if (::fstat(fd, &st) != 0) Raise("stat", path_);
+    return ReadToEnd(fd, st, path_);
+}
 
 void Lock::Write(const std::string& content) {
     const std::shared_ptr<Held> held = held_;

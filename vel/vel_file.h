@@ -14,6 +14,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "vel/res_handle.h"
 #include "vel/stream.h"
@@ -64,12 +65,22 @@ class Dir {
 public:
     explicit Dir(const std::string& path, int flags = 0);  ///< throws when it cannot be listed
     bool Next();                                           ///< false at the end
-    std::string Name() const;                              ///< of the current entry
-    std::string Path() const;                              ///< directory joined with Name()
+    std::string Name() const { return std::string(NameView()); }  ///< of the current entry
+    std::string_view NameView() const;                            ///< the same, valid until Next()
+    std::string Path() const;                                     ///< directory joined with Name()
     vel_file::Info Info(int flags) const;
-    bool HasExt(const std::string& ext) const;  ///< ".info": longer than ext and ends with it
+    /// What the entry itself is, no link followed: mostly known from the listing, at no cost.
+    bool IsDir() const { return Type() == DT_DIR; }
+    bool IsFile() const { return Type() == DT_REG; }
+    bool HasExt(std::string_view ext) const;  ///< ".info": longer than ext and ends with it
+    /// Lists the entry, a folder, wherever this one lies by now; no link is followed. Throws as the
+    /// constructor.
+    Dir Enter() const;
 
 private:
+    Dir(std::string path, ResHandle fd);  // takes the descriptor over
+    unsigned char Type() const;
+
     std::string path_;
     std::shared_ptr<DIR> dir_;
     const dirent* entry_ = nullptr;

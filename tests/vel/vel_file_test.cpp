@@ -98,6 +98,7 @@ TEST_F(Files, WriteReplacesInOneStepAndKeepsModeAndOwner) {
     EXPECT_EQ(Read(file), "second");
     EXPECT_EQ(ReadE(dir_ / "other"), "first");
     EXPECT_EQ(Read(dir_ / "missing"), "");
+    EXPECT_NE(ReadE("/proc/self/maps").find("[stack]"), std::string::npos) << "says its size is 0";
     EXPECT_EQ(Reason([&] { ReadE(dir_ / "missing"); }),
               dir_ / "missing: No such file or directory");
     EXPECT_EQ(dir_.Names(), std::vector<std::string>({"file", "other"}));
@@ -347,6 +348,28 @@ TEST_F(Files, FolderListsAndMakesOnlyWhatIsAsked) {
                   {"x.info", "e5"}, {".info", "0"}, {"b", "d0"}, {"l", "dl0"}, {"n", "l-0"}}));
     EXPECT_THROW(Dir(dir_ / "none"), vel_err::Error);
     EXPECT_FALSE(Exists(dir_ / "a/n"));
+}
+
+TEST_F(Files, FolderIsEnteredWhereItLiesAndNeverThroughALink) {
+    MkDir(dir_ / "a/folder");
+    WriteFile(dir_ / "a/folder/file", "");
+    ASSERT_EQ(::symlink(outside_.Path().c_str(), (dir_ / "a/link").c_str()), 0);
+    Dir dir(dir_ / "a");
+    ASSERT_EQ(::rename((dir_ / "a").c_str(), (dir_ / "moved").c_str()), 0);
+    std::map<std::string, std::string> below;
+    while (dir.Next()) {
+        try {
+            Dir inner = dir.Enter();
+            EXPECT_TRUE(dir.IsDir() && inner.Next() && inner.IsFile() && !inner.IsDir());
+            below[dir.Name()] = inner.Path();
+            EXPECT_FALSE(inner.Next());
+        } catch (const vel_err::Error&) {
+            EXPECT_FALSE(dir.IsDir() || dir.IsFile());
+            below[dir.Name()] = "refused";
+        }
+    }
+    EXPECT_EQ(below, (std::map<std::string, std::string>{{"folder", dir_ / "a/folder/file"},
+                                                         {"link", "refused"}}));
 }
 
 TEST_F(Files, TemporariesGoUnlessTheyWereMoved) {
