@@ -64,7 +64,7 @@ dispatch() {
   WORK=$(cd "$2" && pwd)
   case $1 in
     start)
-      if [ -s "$WORK/pid" ] && alive "$(cat "$WORK/pid")"; then die "already running in $WORK"; fi
+      if [ -s "$WORK/pid" ] && alive "$(head -1 "$WORK/pid")"; then die "already running in $WORK"; fi
       rm -rf "$WORK/data"
       SOCKETS=$(mktemp -d /tmp/b2s.XXXXXX)
       echo "$SOCKETS" >"$WORK/socket_dir"
@@ -80,7 +80,7 @@ dispatch() {
       ;;
     stop) stop_server ;;
     status)
-      [ -s "$WORK/pid" ] && alive "$(cat "$WORK/pid")" || die "not running in $WORK"
+      [ -s "$WORK/pid" ] && alive "$(head -1 "$WORK/pid")" || die "not running in $WORK"
       cat "$WORK/settings"
       ;;
     *) die "usage: $0 start|stop|status WORKDIR" ;;

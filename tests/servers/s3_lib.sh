@@ -1,0 +1,59 @@
+# Shared by the two S3 servers: several processes of one server, ports, the bucket and what is
+# printed. Source it after lib.sh.
+# shellcheck shell=bash
+
+# port_range N: the first of N ports in a row, below the ephemeral ones, on which nobody listens.
+port_range() {
+  local first
+  for _ in $(seq 200); do
+    first=$((10000 + (RANDOM * 32768 + RANDOM) % 21000))
+    ss -Hltn "sport >= :$first and sport <= :$((first + $1 - 1))" | grep -q . || { echo "$first"; return; }
+  done
+  die "no free ports"
+}
+
+port_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+
+# daemon NAME COMMAND...: starts it in the background; its id goes into WORK/pid and LAST_PID.
+daemon() {
+  local name=$1
+  shift
+  "$@" </dev/null >"$WORK/data/$name.out" 2>&1 &
+  LAST_PID=$!
+  echo "$LAST_PID" >>"$WORK/pid"
+}
+
+# All daemons in the reverse order of their start: TERM, then KILL after 10 s.
+stop_server() {
+  local pid tries
+  for pid in $(tac "$WORK/pid" 2>/dev/null); do
+    kill -TERM "$pid" 2>/dev/null || continue
+    tries=100
+    while ((tries-- > 0)) && alive "$pid"; do sleep 0.1; done
+    if alive "$pid"; then kill -KILL "$pid"; fi
+  done
+  [ ! -s "$WORK/socket_dir" ] || rm -rf "$(cat "$WORK/socket_dir")"
+  rm -rf "$WORK/pid" "$WORK/socket_dir" "$WORK/data"
+}
+
+# s3_ready ENDPOINT REGION ACCESS_KEY SECRET_KEY BUCKET: makes the bucket and prints how to reach it.
+s3_ready() {
+  curl -sS --fail-with-body --max-time 30 --retry 10 --retry-delay 1 -o "$WORK/data/bucket.out" -K - <<END ||
+url = "${1%%//*}//${3/:/%3A}:$4@${1#*//}/$5"
+request = PUT
+aws-sigv4 = "aws:amz:$2:s3"
+header = "x-amz-content-sha256: UNSIGNED-PAYLOAD"
+END
+    { cat "$WORK/data/bucket.out" >&2; stop_server; die "cannot make the bucket"; }
+  local json
+  json=$(printf '{"endpoint":"%s","region":"%s","bucket":"%s","access_key":"%s","secret_key":"%s","path_style":"yes"}' \
+    "$1" "$2" "$5" "$3" "$4")
+  settings <<END
+endpoint=$1
+region=$2
+bucket=$5
+access_key=$3
+secret_key=$4
+credential=$(base64 -w0 <<<"$json")
+END
+}
