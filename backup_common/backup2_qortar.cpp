@@ -415,15 +415,24 @@ Cleanup::Cleanup(const std::string& dir, const std::string& token, const std::st
     vel_file::Attrs(0600).Set(int{lock_.GetResHandle()});
     std::string text = lock_.Read();
     if (!text.empty() && text.back() != '\n') text += '\n';
-    lock_.Write(text + line_);
+    lock_.Replace(text + line_);
     lock_.Release();
+    vel_file::Sync(path_);  // the others need not wait for that
 }
 
-Cleanup::~Cleanup() = default;
+Cleanup::~Cleanup() {
+    const bool removed = lock_.Owns();
+    lock_.Release();
+    try {
+        if (removed) vel_file::Sync(path_);
+    } catch (const std::exception& e) {
+        logger.Write(4, "After a power failure '%s' may name a finished copy: %s", path_, e.what());
+    }
+}
 
 void Cleanup::RemoveItem() {
     lock_.DoLock(path_, false);
-    lock_.Write(WithoutLine(lock_.Read(), line_));
+    lock_.Replace(WithoutLine(lock_.Read(), line_));
 }
 
 std::list<PendingCleanup> ReadCleanups(const std::string& dir) {

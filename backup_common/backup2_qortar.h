@@ -102,7 +102,8 @@ public:
     ~Cleanup();
 
     /// Takes the line out, and all that are equal to it. Keeps the journal locked until the object
-    /// goes; other objects of this process are not kept waiting.
+    /// goes, which is when the change is on the disk; other objects of this process are not kept
+    /// waiting.
     void RemoveItem();
 
 private:

@@ -1181,6 +1181,11 @@ std::string Lock::Read() const {
 }
 
 void Lock::Write(const std::string& content) {
+    Replace(content);
+    SyncFolder(PlaceOf("lock", path_));
+}
+
+void Lock::Replace(const std::string& content) {
     const std::shared_ptr<Held> held = held_;
     if (!held) throw vel_err::Error("lock", "lost", path_);
     const std::lock_guard guard(held->writing);
@@ -1194,7 +1199,6 @@ void Lock::Write(const std::string& content) {
     WriteAll(next.Fd(), content, path_);
     if (::fsync(next.Fd()) != 0) Raise("fsync", path_);
     Registry::Get().Replace(*held, next);
-    SyncFolder(place);
 }
 
 bool Lock::Owns() const {

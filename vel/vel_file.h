@@ -200,6 +200,9 @@ public:
     /// away). Throws with the old text in place on failure, and vel_err::Error("lock", "lost",
     /// path) when the path names another file by now.
     void Write(const std::string& content);
+    /// The same, but after a power failure the old text may be there again, until Sync(path): for
+    /// files with many writers, who give the lock up before they wait for the disk.
+    void Replace(const std::string& content);
     /// True while the path still names the locked file.
     bool Owns() const;
     void Release() noexcept;
