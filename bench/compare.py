@@ -40,6 +40,9 @@ class Run:
 
 
 class Bench:
+    """The rows, and what all measurements need."""
+    names = []
+
     def __init__(self, args):
         self.args = args
         self.build = pathlib.Path(args.build).resolve()
@@ -73,6 +76,10 @@ class Bench:
     def row(self, what, ours, theirs, ratio, goal, met):
         self.rows.append((what, ours, theirs, ratio, str(goal), "met" if met else "MISSED"))
         print(" | ".join(self.rows[-1]), flush=True)
+
+
+class Programs(Bench):
+    names = ["full_site", "full_big", "incremental", "restore", "one_file", "whole_job", "put", "stream_memory"]
 
     # ---- Data -----------------------------------------------------------------------------------
 
@@ -232,19 +239,19 @@ class Bench:
             server.wait()
 
 
-def main():
+def main(kind):
     parser = argparse.ArgumentParser()
     parser.add_argument("build")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--files", type=int, default=60000)
     parser.add_argument("--mib", type=int, default=2048)
+    parser.add_argument("--infos", type=int, default=100000)
     parser.add_argument("--work", default=None, help="where the scratch folder goes")
     parser.add_argument("--only", action="append")
     args = parser.parse_args()
-    bench = Bench(args)
-    names = ["full_site", "full_big", "incremental", "restore", "one_file", "whole_job", "put", "stream_memory"]
+    bench = kind(args)
     try:
-        for name in args.only or names:
+        for name in args.only or bench.names:
             getattr(bench, name)()
     finally:
         shutil.rmtree(bench.work, ignore_errors=True)
@@ -255,4 +262,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(Programs))
