@@ -248,6 +248,7 @@ struct Execute::Impl {
     bool Capture(std::size_t most);
     void FinishInput();
     void PumpInput();
+    void FeedWithoutWaiting();
     int Finish();
     void End() noexcept;
 
@@ -359,9 +360,9 @@ void Execute::Impl::ConnectOutput(Plan& plan, std::vector<ResHandle>& child_ends
         child_ends.push_back(CopyAboveStandard(plan.out < 0 ? STDOUT_FILENO : plan.out));
     } else {
         const Pipe pipe;
-        // Whoever writes into such a child's input himself is not here to read its messages: those
-        // that find no room are lost, so that it never stops for them.
-        if (redirected_in) SetNonBlocking(pipe.Out());
+        // Whoever serves the other end of such a child's input or output is not here to read its
+        // messages: those that find no room are lost, so that it never stops for them.
+        if (redirected_in || redirected_out) SetNonBlocking(pipe.Out());
         child_ends.push_back(CopyAboveStandard(pipe.Out()));
         pipe.Out().Close();
         err = pipe.In();
@@ -481,6 +482,10 @@ void Execute::Impl::PumpInput() {
         // The child may wait for room in its output before it reads on.
         if (Turn(true, -1)) Capture(std::string::npos);
     }
+    FeedWithoutWaiting();
+}
+
+void Execute::Impl::FeedWithoutWaiting() {
     if (in && InputLeft() > 0) Turn(false, 0);
 }
 
@@ -628,6 +633,7 @@ Execute& Execute::RedirectOutTo(ResHandle fd) {
 
 Execute& Execute::Run() {
     impl_->Start();
+    impl_->FeedWithoutWaiting();
     return *this;
 }
 

@@ -64,7 +64,9 @@ public:
     Execute& RedirectInTo(vel_file::ResHandle fd);
     Execute& RedirectOutTo(vel_file::ResHandle fd);
 
-    /// Starts the child and returns. Throws vel_err::Error "sys" when no process can be made.
+    /// Starts the child, gives it what its input takes without waiting, and returns: a child with a
+    /// short input whose output was redirected works on by itself.
+    /// Throws vel_err::Error "sys" when no process can be made.
     Execute& Run();
     /// The output while it is produced. Gives a plain end of file when the child ends, however it
     /// ended: ask Result() for the status.

@@ -148,6 +148,14 @@ TEST_F(Proc, RedirectedPipelineEndsWhenAMemberDies) {
     EXPECT_THROW(feed.write(bytes.data(), 3 << 20), vel_err::Error);  // EPIPE, and no signal
 }
 
+TEST_F(Proc, ChildWithAShortInputAndARedirectedOutputWorksByItself) {
+    Pipe pipe;
+    Execute talks("cat; seq 300000 >&2", 0);  // more messages than a pipe holds
+    talks.In("password").CloseIn().RedirectOutTo(pipe.Out()).Run();
+    pipe.Out().Close();
+    EXPECT_EQ(Execute(Words{"cat"}, 0).RedirectInTo(pipe.In()).Str(), "password");
+}
+
 TEST_F(Proc, ChildGetsThreeDescriptorsAndCleanSignals) {
     const vel_file::ResHandle leaky(::open("/dev/null", O_RDONLY));  // not close-on-exec
     sigset_t blocked, old;
