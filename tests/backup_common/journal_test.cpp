@@ -1,0 +1,171 @@
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <optional>
+
+#include <gtest/gtest.h>
+
+#include "tests/backup_common/fixtures.h"
+
+namespace backup2 {
+namespace {
+
+class Journal : public testing::Test {
+protected:
+    std::string Text() const { return ReadFile(path_); }
+    void AddAndRemove(const std::string& name, int times) const {
+        for (int i = 0; i < times; ++i) {
+            Cleanup(dir_, "type=local", name, "2024-01-31", false).RemoveItem();
+        }
+    }
+    /// Another process does it.
+    pid_t Start(const std::string& name, int times) const {
+        const pid_t pid = ::fork();
+        if (pid != 0) return pid;
+        try {
+            AddAndRemove(name, times);
+        } catch (const std::exception&) {
+            ::_exit(1);
+        }
+        ::_exit(0);
+    }
+    static int Wait(pid_t pid) {
+        int status = -1;
+        EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+        return status;
+    }
+
+    FdCheck descriptors_;
+    ChildCheck children_;
+    const TempDir tmp_;
+    const std::string dir_ = tmp_ / "a/b", path_ = dir_ + "/.cleanup";
+};
+
+TEST_F(Journal, LinesComeBackWhateverTheTokenHolds) {
+    const struct {
+        std::string token, name;
+        bool marked;
+        std::string line;
+    } cases[] = {
+        {"path=/a b;type=local", "bob", false, "path=/a b;type=local\t2024-01-31.bob\n"},
+        {"a\tb\nc\\d\\t\\011", "j.doe#mail", true,
+         "a\\tb\\nc\\\\d\\\\t\\\\011\t2024-01-31.j.doe#mail#\n"},
+        {"", "a\tb", false, "\t2024-01-31.a\tb\n"},
+    };
+    std::string text;
+    for (const auto& c : cases) {
+        Cleanup(dir_, c.token, c.name, "2024-01-31", c.marked);
+        EXPECT_EQ(Text(), text += c.line) << "an object that just goes leaves its line";
+        const PendingCleanup last = ReadCleanups(dir_).back();
+        EXPECT_EQ(last.token, c.token);
+        EXPECT_EQ(last.date + " " + last.name, "2024-01-31 " + c.name);
+        EXPECT_EQ(last.marked, c.marked);
+        EXPECT_EQ(last.line, c.line);
+    }
+    EXPECT_EQ(vel_file::Info(path_).Stat().st_mode & 07777, 0600u);
+    EXPECT_EQ(vel_file::Info(dir_).Stat().st_mode & 07777, 0700u);
+    EXPECT_EQ(Failure([&] { Cleanup(dir_, "t", "a\nt\tx.y", "custom", false); }),
+              "journal bad_name");
+    EXPECT_EQ(Text(), text);
+}
+
+TEST_F(Journal, RemovalTakesEqualLinesAndNoOthers) {
+    const std::string line = "t\t2024-01-31.bob\n";
+    const struct {
+        std::string before, after;
+    } cases[] = {
+        {"", ""},
+        {line + line + line, ""},
+        {"x" + line + line + "t\t2024-01-31.bobby\n" + line + "t\t2024-01-31.bob#\n",
+         "x" + line + "t\t2024-01-31.bobby\n" + "t\t2024-01-31.bob#\n"},
+        {"cut of", "cut of\n"},
+    };
+    for (const auto& c : cases) {
+        MakeFile(path_, c.before);
+        Cleanup own(dir_, "t", "bob", "2024-01-31", false), other(dir_, "t", "al", "custom", false);
+        own.RemoveItem();
+        EXPECT_EQ(Text(), c.after + "t\tcustom.al\n") << c.before;
+        other.RemoveItem();
+        EXPECT_EQ(Text(), c.after) << c.before;
+        other.RemoveItem();
+        EXPECT_EQ(Text(), c.after) << "a line that is gone changes nothing";
+    }
+}
+
+TEST_F(Journal, LinesWithoutSenseAreKeptApartAndCanBeDropped) {
+    EXPECT_TRUE(ReadCleanups(dir_).empty());
+    DropCleanup(dir_, "x");
+    EXPECT_FALSE(fs::exists(path_)) << "nothing to drop, nothing made";
+    MakeFile(path_, "no tab.x\n\nt\t2024-01-31\nt\t.bob\nt\t2024-01-31.#\nt\tcustom.bob");
+    const auto pending = ReadCleanups(dir_);
+    ASSERT_EQ(pending.size(), 5u);
+    for (const PendingCleanup& item : pending) {
+        const bool good = item.line == "t\tcustom.bob";
+        EXPECT_EQ(item.token + item.date + item.name, good ? "tcustombob" : "") << item.line;
+        DropCleanup(dir_, item.line);
+    }
+    EXPECT_EQ(Text(), "\n");
+}
+
+TEST_F(Journal, NothingButAFileIsUsedInItsPlace) {
+    fs::create_directories(dir_);
+    WriteFile(tmp_ / "precious", "kept");
+    const auto refused = [&](const std::string& what) {
+        EXPECT_NE(Failure([&] { Cleanup(dir_, "t", "bob", "custom", false); }), "none") << what;
+        EXPECT_NE(Failure([&] { ReadCleanups(dir_); }), "none") << what;
+        EXPECT_NE(Failure([&] { DropCleanup(dir_, "t\tcustom.bob\n"); }), "none") << what;
+        fs::remove(path_);
+    };
+    ASSERT_EQ(::mkfifo(path_.c_str(), 0600), 0);
+    refused("FIFO");
+    fs::create_directory(path_);
+    refused("folder");
+    fs::create_symlink(tmp_ / "precious", path_);
+    refused("link");
+    EXPECT_EQ(ReadFile(tmp_ / "precious"), "kept");
+}
+
+TEST_F(Journal, ManyProcessesKeepEachOthersLines) {
+    const std::string kept = "t\t2024-01-31.kept\n";
+    MakeFile(path_, kept);
+    std::vector<pid_t> writers;
+    for (int i = 0; i < 6; ++i) writers.push_back(Start("user" + std::to_string(i), 20));
+    Cleanup mine(dir_, "t", "mine", "custom", false);
+    for (const pid_t writer : writers) EXPECT_EQ(Wait(writer), 0);
+    EXPECT_EQ(Text(), kept + "t\tcustom.mine\n");
+}
+
+TEST_F(Journal, KilledProcessLeavesItsLineOrNone) {
+    std::string before;
+    for (int i = 0; i < 3000; ++i) before += "t\t2024-01-31.user" + std::to_string(i) + "\n";
+    MakeFile(path_, before);
+    int found = 0;
+    for (int round = 0; round < 30; ++round) {
+        const pid_t writer = Start("bob", 1000000);
+        ::usleep(static_cast<useconds_t>(1000 + round * 531));
+        ::kill(writer, SIGKILL);
+        Wait(writer);
+        const bool line = Text().size() > before.size();
+        ASSERT_EQ(Text(), before + (line ? "type=local\t2024-01-31.bob\n" : ""));
+        found += line;
+        AddAndRemove("bob", 1);
+        ASSERT_EQ(Text(), before) << "the next one takes the left line along";
+    }
+    EXPECT_GT(found, 0) << "no writer got anywhere";
+}
+
+TEST(CheckDate, NormalisesDatesOnly) {
+    Check(
+        [](std::string date) {
+            const bool good = CheckDate(date);
+            return date + (good ? " yes" : " no");
+        },
+        {"custom -> custom yes", "2024-01-31 -> 2024-01-31 yes", "2024-1-3 -> 2024-01-03 yes",
+         "2024-02-30 -> 2024-02-30 no", " ->  no", "Custom -> Custom no",
+         "../2024-01-31 -> ../2024-01-31 no", "2024-01-31 x -> 2024-01-31 x no"});
+}
+
+}  // namespace
+}  // namespace backup2
