@@ -1,7 +1,9 @@
 /// HTTP as the clients of cloud storages need it: streamed bodies both ways, honest failures.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <istream>
 #include <map>
@@ -31,8 +33,8 @@ struct Request {
 
 struct Response {
     long status = 0;
-    std::map<std::string, std::string> headers;  ///< names in lower case
-    std::string body;
+    std::map<std::string, std::string> headers{};  ///< names in lower case
+    std::string body{};
     bool Ok() const { return status >= 200 && status < 300; }
     std::string Header(const std::string& lower_case_name) const;  ///< "" when absent
 };
@@ -65,6 +67,34 @@ public:
 private:
     class Handle;
     std::unique_ptr<Handle> handle_;
+};
+
+/// Several requests at a time, in the calling thread: bytes move only while Work runs, and time
+/// between its calls is no stall. Otherwise as Http.
+class HttpBatch {
+public:
+    struct Done {
+        int tag;
+        Request request;  ///< as it was given to Start
+        Response response;
+        std::exception_ptr failure;  ///< what Http::Send would have thrown
+        bool worth_repeating;        ///< a failure for a moment, as in SendRetried
+    };
+
+    explicit HttpBatch(std::string service);
+    ~HttpBatch();  ///< drops
+    HttpBatch(const HttpBatch&) = delete;
+    HttpBatch& operator=(const HttpBatch&) = delete;
+
+    void Start(int tag, Request request);
+    std::size_t UnderWay() const;
+    /// Moves what can be moved, after waiting up to `wait_ms` for that; what ended meanwhile.
+    std::vector<Done> Work(int wait_ms);
+    void Drop();  ///< breaks off what is under way
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
 };
 
 /// For errors: the provider's own short words in `body` (JSON or XML), cut to one line of 200

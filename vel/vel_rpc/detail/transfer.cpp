@@ -19,6 +19,7 @@ using Clock = std::chrono::steady_clock;
 constexpr long kConnectSeconds = 30;
 constexpr int kStallSeconds = 60;
 constexpr int kMaxRetryAfterSeconds = 60;
+constexpr long kExpectMs = 300;
 constexpr long kBufferBytes = 512 << 10;
 constexpr long kUploadBufferBytes = 2 << 20;
 constexpr std::size_t kMaxBody = 64 << 10;
@@ -196,8 +197,10 @@ void Transfer::State::SetHeaders() {
         headers_.reset(list);
     };
     for (const std::string& line : request_->headers) add(line);
-    // A body in memory can be sent again: it need not ask first whether it is welcome.
-    if (!request_->source) add("Expect:");
+    // A body in memory can be sent again: it need not ask first whether it is welcome. But libcurl
+    // would sign the empty header, so a signed request asks, and does not wait long.
+    if (!request_->source && request_->sigv4.empty()) add("Expect:");
+    if (!request_->source) Set(CURLOPT_EXPECT_100_TIMEOUT_MS, kExpectMs);
     Set(CURLOPT_HTTPHEADER, headers_.get());
 }
 
