@@ -17,7 +17,8 @@ void PutSlice(const Target& target, const Options& options);
 /// Uploads the listing, writes the completed info file beside it and uploads that last. On failure
 /// there is no info file beside the listing.
 void PutFinal(const Target& target, const Options& options);
-/// Uploads a backup file; removes it unless it is kept or is itself the stored file.
+/// Uploads a backup file; removes it unless it is kept or is itself the stored file. Into a user's
+/// own storage: slices are recorded, the info file is rewritten as the record says.
 void PutFile(const Target& target, const Options& options);
 
 // ---- get.cpp ------------------------------------------------------------------------------------
@@ -30,8 +31,24 @@ void GetSlice(const Target& target, const Options& options);
 
 // ---- remove.cpp ---------------------------------------------------------------------------------
 
-/// Removes a backup from the storage and from this machine; prints a line for each.
+/// Removes a backup from the storage and from this machine; prints a line for each. A pinned one
+/// is refused unless it is forced.
 void Delete(const Target& target, const Options& options);
+/// Writes or takes out the key "pinned" of an info file: such a backup stays whatever the limits.
+void Pin(const Options& options);
+void Unpin(const Options& options);
+
+// ---- limit.cpp ----------------------------------------------------------------------------------
+
+/// Removes what the limits and keep rules do not leave. What cannot be removed is said on standard
+/// error, the others go on. The program's exit status: 3 when a limit cannot be reached.
+int Limit(const Options& options);
+
+// ---- cleanup.cpp --------------------------------------------------------------------------------
+
+/// Removes every backup that the journal names and takes its line out. Lines that fail stay; the
+/// error at the end names each. Throws when somebody is copying there.
+void CleanUp(const Options& options);
 
 // ---- list.cpp -----------------------------------------------------------------------------------
 

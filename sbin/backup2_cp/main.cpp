@@ -10,7 +10,7 @@ namespace backup2_cp {
 
 namespace {
 
-void Act(const Target& target, const Options& options) {
+void ActOnStorage(const Target& target, const Options& options) {
     switch (options.action) {
         case Options::Action::kPut:
             return PutFile(target, options);
@@ -28,22 +28,39 @@ void Act(const Target& target, const Options& options) {
             return List(target, options);
         case Options::Action::kCheck:
             return Check(target, options);
-        case Options::Action::kHelp:
+        default:
             break;
+    }
+}
+
+void WithStorage(const Options& options) {
+    const Target target = Target::FromEnvironment();
+    try {
+        ActOnStorage(target, options);
+    } catch (const std::exception& e) {
+        throw std::runtime_error(target.Redacted(e));
     }
 }
 
 int Run(std::vector<std::string> arguments) {
     const Options options = ParseOptions(std::move(arguments));
-    if (options.action == Options::Action::kHelp) {
-        std::cout << options.help;
-        return vel_tool::kDone;
-    }
-    const Target target = Target::FromEnvironment();
-    try {
-        Act(target, options);
-    } catch (const std::exception& e) {
-        throw std::runtime_error(target.Redacted(e));
+    switch (options.action) {
+        case Options::Action::kHelp:
+            std::cout << options.help;
+            break;
+        case Options::Action::kLimit:
+            return Limit(options);
+        case Options::Action::kCleanUp:
+            CleanUp(options);
+            break;
+        case Options::Action::kPin:
+            Pin(options);
+            break;
+        case Options::Action::kUnpin:
+            Unpin(options);
+            break;
+        default:
+            WithStorage(options);
     }
     return vel_tool::kDone;
 }

@@ -114,6 +114,11 @@ BackupName InfoNameOf(const std::string& path) {
     return name;
 }
 
+bool IsUserName(const std::string& text) {
+    const auto name = ParseName("2000-01-01." + text + ".info");
+    return name && name->user == text;
+}
+
 void CheckStorageName(const std::string& name) {
     const auto refuse = [&](const std::string& why) {
         throw std::runtime_error("'" + backup2::EncodeFileName(name) + "': " + why);

@@ -40,6 +40,9 @@ BackupName NameOf(const std::string& path);
 /// As NameOf, for an info file.
 BackupName InfoNameOf(const std::string& path);
 
+/// True for what may stand as NAME and names a user alone.
+bool IsUserName(const std::string& text);
+
 /// A number of decimal digits without sign and leading zeros, at most `max`.
 std::optional<uint64_t> ParseNumber(const std::string& text, uint64_t max = UINT64_MAX);
 

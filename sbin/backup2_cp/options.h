@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "sbin/backup2_cp/retention.h"
+
 namespace backup2_cp {
 
 struct Options {
@@ -15,6 +17,10 @@ struct Options {
         kGet,
         kGetSlice,
         kDelete,
+        kPin,
+        kUnpin,
+        kLimit,
+        kCleanUp,
         kList,
         kCheck
     };
@@ -26,6 +32,10 @@ struct Options {
     bool last = false;       ///< the slice is the last one
     bool no_delete = false;  ///< keep the uploaded file
     bool force = false;
+    std::string path;  ///< of a local tree; absolute
+    std::string user;  ///< whose backups alone are looked at
+    Policy policy;
+    bool dry_run = false;
     bool json = false;
 };
 

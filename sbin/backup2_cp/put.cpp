@@ -11,6 +11,7 @@
 #include "sbin/backup2_cp/actions.h"
 #include "sbin/backup2_cp/info_record.h"
 #include "sbin/backup2_cp/names.h"
+#include "sbin/backup2_cp/private_record.h"
 #include "sbin/backup2_cp/token_check.h"
 #include "sbin/backup2_cp/upload.h"
 
@@ -109,7 +110,13 @@ void PutFile(const Target& target, const Options& options) {
     CheckPassword(target.Token());
     const std::string stored = StoredName(target, options.file);
     if (target.Encrypts(stored)) ProbeCipher(target);
-    Upload(target, options.file, stored, options.no_delete);
+    const std::string tree = target.User().empty() ? "" : PrivateTree(target.User());
+    const BackupName name = NameOf(options.file);
+    const bool info = !tree.empty() && name.kind == BackupName::Kind::kInfo;
+    if (info) DescribeCopy(target, tree, options.file);
+    const SliceSums sums = Upload(target, options.file, stored, options.no_delete);
+    if (info) DropRecord(tree, name);
+    if (!tree.empty() && name.kind == BackupName::Kind::kArchive) RecordCopied(tree, name, sums);
     if (!options.no_delete) RemoveUploaded(target, options.file, stored);
 }
 

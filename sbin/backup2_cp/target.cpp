@@ -54,16 +54,18 @@ int RetryPause() {
 
 // ---- Which storage ------------------------------------------------------------------------------
 
-Target Target::FromEnvironment() {
-    const std::string token = TakeVariable("BACKUP_TOKEN");
-    const std::string user = TakeVariable("BACKUP_STORAGE");
-    if (!token.empty()) return Target(backup2::BackupToken(token));
-    const std::string named = AskPanel(user);
-    if (named.empty()) {
+Target Target::FromEnvironment(const std::string& user_of) {
+    std::string token = TakeVariable("BACKUP_TOKEN");
+    std::string user = TakeVariable("BACKUP_STORAGE");
+    if (!user_of.empty()) user = user_of;
+    if (token.empty()) token = AskPanel(user);
+    if (token.empty()) {
         throw std::runtime_error(user.empty() ? "the panel names no storage"
                                               : "the panel names no storage of user " + user);
     }
-    return Target(backup2::BackupToken(named));
+    Target target{backup2::BackupToken(token)};
+    target.user_ = user;
+    return target;
 }
 
 Target::Target(const backup2::BackupToken& token) : token_(token) { CheckToken(token_); }

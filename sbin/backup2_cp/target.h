@@ -17,10 +17,13 @@ public:
     /// BACKUP_TOKEN when set and not empty; else with BACKUP_STORAGE=user that user's storage as
     /// the panel names it; else the panel's own. Both variables are taken out of the environment,
     /// so that no child inherits them. Throws for a token that CheckToken refuses.
-    static Target FromEnvironment();
+    /// `user`, when not empty, stands in the place of BACKUP_STORAGE.
+    static Target FromEnvironment(const std::string& user = "");
     explicit Target(const backup2::BackupToken& token);
 
     const backup2::BackupToken& Token() const { return token_; }
+    /// Whose own storage it is, as BACKUP_STORAGE said; "" for the administrator's.
+    const std::string& User() const { return user_; }
     /// A fresh storage object: a failed one remembers directories that it could not make.
     std::shared_ptr<backup2::Storage> Open() const;
     /// Path of a stored file of a local storage, "" for other kinds.
@@ -45,6 +48,7 @@ public:
 
 private:
     backup2::BackupToken token_;
+    std::string user_;
 };
 
 }  // namespace backup2_cp

@@ -518,7 +518,7 @@ done
 
     def test_wrong_usage_does_nothing(self):
         info, path = self.info(), self.slice(1, b"content")
-        for words in ([], ["--cleanup", "x"], ["--server"], ["--put"], ["--put", path, path],
+        for words in ([], ["--cleanup", ""], ["--server"], ["--put"], ["--put", path, path],
                       ["--put", "--check"], ["--put", "--slice", path], ["--get", "one"],
                       ["--put", "--info-file", info, path], ["--delete"], ["--delete", ""],
                       ["--put", "--force", path], ["--put", "-x"], ["--list", "a", "b"],

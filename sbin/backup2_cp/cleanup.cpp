@@ -1,0 +1,86 @@
+#include <iostream>
+#include <set>
+#include <stdexcept>
+
+#include "vel/str.h"
+#include "vel/vel_env.h"
+#include "vel/vel_err.h"
+#include "vel/vel_file.h"
+
+#include "backup_common/backup2_misc.h"
+#include "backup_common/backup2_qortar.h"
+
+#include "sbin/backup2_cp/actions.h"
+#include "sbin/backup2_cp/errors.h"
+#include "sbin/backup2_cp/private_record.h"
+#include "sbin/backup2_cp/removal.h"
+
+namespace backup2_cp {
+
+namespace {
+
+/// The info file of the named backup in the tree; checks that the journal's words are a name.
+Place PlaceIn(const std::string& tree, const backup2::PendingCleanup& item) {
+    const std::string bare = item.date + "." + item.name + ".info";
+    const auto name = ParseName(bare);
+    if (!name || name->date != item.date || name->name != item.name) {
+        throw std::runtime_error("the line makes no sense");
+    }
+    const std::string user = backup2::IsAdminData(tree) ? name->user : "";
+    return PlaceOf(vel_file::ConcatPath(tree, user, name->date + "/" + bare));
+}
+
+void Undo(const std::string& tree, const backup2::PendingCleanup& item) {
+    const Place place = PlaceIn(tree, item);
+    const Target target{backup2::BackupToken(item.token)};
+    try {
+        RemoveBackup(target, place);
+    } catch (const std::exception& e) {
+        throw std::runtime_error(target.Redacted(e));
+    }
+    DropRecord(tree, place.name);
+    backup2::DropCleanup(tree, item.line);
+    std::cout << "cleaned up " << Shown(place.name) << std::endl;
+}
+
+/// As messages call a line of the journal: it holds a token, and is never shown itself.
+std::string Called(const backup2::PendingCleanup& item, std::size_t number) {
+    const std::string place = "line " + str::Str(uint64_t{number});
+    if (item.name.empty()) return place;
+    const std::string what = item.name + " " + item.date;
+    return place + " (" + str::badchars::Escape(what, str::badchars::Controls(), '\\') + ")";
+}
+
+void UndoAll(const std::string& tree) {
+    std::set<std::string> done;
+    std::string failures;
+    std::size_t number = 0;
+    for (const auto& item : backup2::ReadCleanups(tree)) {
+        ++number;
+        if (done.count(item.line) > 0) continue;
+        try {
+            Undo(tree, item);
+            done.insert(item.line);
+        } catch (const std::exception& e) {
+            str::Append(failures, Called(item, number) + ": " + Reason(e), "; ");
+        }
+    }
+    if (!failures.empty()) throw std::runtime_error(tree + "/.cleanup: " + failures);
+}
+
+}  // namespace
+
+void CleanUp(const Options& options) {
+    const std::string tree = vel_file::GoodPath(options.path);
+    for (const char* name : {"BACKUP_TOKEN", "BACKUP_STORAGE"}) vel_env::UnsetEnv(name);
+    if (!vel_file::Exists(tree)) return;
+    try {
+        const backup2::Lock copying(tree);
+        return UndoAll(tree);
+    } catch (const vel_err::Error& e) {
+        if (e.type() != "lock") throw;
+        throw std::runtime_error(tree + " is in use: a copy is being made");
+    }
+}
+
+}  // namespace backup2_cp

@@ -1,0 +1,176 @@
+#include "sbin/backup2_cp/removal.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+
+#include "vel/res_handle.h"
+#include "vel/str.h"
+#include "vel/vel_date.h"
+#include "vel/vel_err.h"
+#include "vel/vel_file.h"
+#include "vel/vel_log.h"
+
+#include "backup_common/backup2_misc.h"
+
+#include "sbin/backup2_cp/tree.h"
+
+namespace backup2_cp {
+
+namespace {
+
+const vel_log::Module logger("backup2_cp");
+const std::string kMarker = ".backup.inuse";
+const std::string kTemporary = ".tmp.";  // what a killed writer leaves
+
+/// The full backup that an info file builds on: "F<date>.<name>", "" for none.
+std::string BaseOf(const InfoMap& keys) {
+    const auto base = ParseName(vel_file::Name(Value(keys, "base")));
+    return base ? base->base : "";
+}
+
+std::string FullName(const BackupName& name) { return "F" + name.date + "." + name.name; }
+
+bool IsOwn(const std::string& bare, const BackupName& backup) {
+    const auto name = ParseName(bare);
+    return name && name->SameBackup(backup);
+}
+
+bool IsLeftOver(const std::string& bare) { return str::StartsWith(bare, kTemporary); }
+
+// ---- The storage --------------------------------------------------------------------------------
+
+bool Holds(backup2::Storage& storage, const std::string& dir, const std::string& bare) {
+    std::list<std::string> names;
+    storage.List(names, dir);
+    return std::find(names.begin(), names.end(), bare) != names.end();
+}
+
+void RemoveStored(const Target& target, const BackupName& backup) {
+    const std::string folder = backup.Folder();
+    const auto storage = target.Open();
+    std::list<std::string> names, left;
+    storage->List(names, folder);
+    for (const bool info : {true, false}) {
+        for (const auto& bare : names) {
+            if (!IsOwn(bare, backup)) continue;
+            if ((NameOf(bare).kind == BackupName::Kind::kInfo) != info) continue;
+            storage->Delete(folder + "/" + bare);
+            logger.Write(6, "deleted %s/%s", folder, bare);
+        }
+    }
+    storage->List(left, folder);
+    left.remove_if([](const auto& bare) { return bare == kMarker || IsLeftOver(bare); });
+    if (left.empty() && Holds(*storage, backup.user, backup.date)) storage->RmDir(folder);
+}
+
+// ---- This machine -------------------------------------------------------------------------------
+
+/// Left-over slices, the index and the info file.
+void RemoveLocal(const Place& place) {
+    std::list<std::string> paths;
+    for (const auto& dir : {place.top, place.folder}) {
+        if (!vel_file::Info(dir).IsDir()) continue;
+        for (vel_file::Dir entry(dir, 2); entry.Next();) {
+            const bool stale = dir == place.folder && IsLeftOver(entry.Name());
+            if (stale || IsOwn(entry.Name(), place.name)) paths.push_back(entry.Path());
+        }
+    }
+    paths.remove_if([&](const auto& path) { return vel_file::GoodPath(path) == place.info; });
+    for (const auto& path : paths) vel_file::Remove(path);
+    vel_file::Remove(place.info);
+}
+
+/// Directories that became empty; others, and those in use, stay.
+void RemoveEmptyFolders(const Place& place) {
+    ::rmdir(place.folder.c_str());
+    const std::string above = vel_file::SplitPath(place.folder).dir;
+    if (above != place.top) ::rmdir(above.c_str());
+}
+
+}  // namespace
+
+Place PlaceOf(const std::string& info) {
+    Place place{InfoNameOf(info), vel_file::GoodPath(info), "", ""};
+    const std::string dir = vel_file::SplitPath(place.info).dir;
+    if (vel_file::Name(dir) != place.name.date) {
+        place.top = dir;
+        place.folder = backup2::IsAdminData(dir)
+                           ? vel_file::ConcatPath(dir, place.name.user, place.name.date)
+                           : vel_file::ConcatPath(dir, place.name.date);
+        return place;
+    }
+    const std::string above = vel_file::SplitPath(dir).dir;
+    const std::string over = vel_file::SplitPath(above).dir;
+    const bool admin = backup2::IsAdminData(over) && vel_file::Name(above) == place.name.user;
+    place.top = admin ? over : above;
+    place.folder = dir;
+    return place;
+}
+
+std::string Shown(const BackupName& name) { return name.Folder() + " " + name.name; }
+
+InfoMap ReadInfo(const Place& place) {
+    if (!vel_file::Exists(place.info)) return {};
+    InfoMap keys = backup2::GetInfo(place.info);
+    CheckInfo(keys, place.name);
+    return keys;
+}
+
+std::list<std::string> Increments(const Place& place) {
+    std::list<std::string> found;
+    for (const auto& path : InfosOf(place.top, place.name.user)) {
+        const auto name = ParseName(vel_file::Name(path));
+        if (!name || name->name != place.name.name || name->SameBackup(place.name)) continue;
+        if (BaseOf(backup2::GetInfo(path)) == FullName(place.name)) found.push_back(path);
+    }
+    return found;
+}
+
+std::optional<std::string> DeletedBase(const Place& place, const InfoMap& keys) {
+    const auto base = ParseName(vel_file::Name(Value(keys, "base")));
+    if (!base || base->name != place.name.name) return std::nullopt;
+    const std::string info = backup2::GetInfoFile(place.top, base->name, base->date);
+    if (!vel_file::Exists(info)) return std::nullopt;
+    const InfoMap full = backup2::GetInfo(info);
+    if (Value(full, "deleted").empty() || !Value(full, "pinned").empty()) return std::nullopt;
+    return info;
+}
+
+void MarkDeleted(const Place& place) {
+    InfoRecord record(place.info);
+    auto& deleted = record.Keys()["deleted"];
+    if (deleted.empty()) deleted = vel_date::DateTime().AsDateTime();
+    record.Save();
+}
+
+bool IsInUse(const Place& place) {
+    const std::string marker = vel_file::ConcatPath(place.folder, kMarker);
+    const vel_file::ResHandle file(
+        ::open(marker.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file) {
+        if (errno == ENOENT || errno == ENOTDIR) return false;
+        if (errno == ELOOP) return true;  // no mark of ours: somebody else's business
+        vel_err::RaiseErrno("open", marker, errno);
+    }
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (::fcntl(file, F_OFD_GETLK, &lock) != 0) vel_err::RaiseErrno("lock", marker, errno);
+    return lock.l_type != F_UNLCK;
+}
+
+void RemoveBackup(const Target& target, const Place& place) {
+    {
+        const backup2::Lock in_use(place.folder);
+        target.Retry("deleting " + place.name.Folder() + " from " + target.Describe(),
+                     [&] { RemoveStored(target, place.name); });
+        RemoveLocal(place);
+    }
+    RemoveEmptyFolders(place);
+}
+
+}  // namespace backup2_cp
