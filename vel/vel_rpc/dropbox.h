@@ -24,6 +24,8 @@ public:
     void MkPath(const std::string& path) override;
     void RmDir(const std::string& path) override;
     void DropToken() override;
+    /// The credential with the tokens as they are now: a refresh may bring a new refresh token.
+    std::string Credential() const;
 
 private:
     class Impl;
