@@ -678,7 +678,7 @@ void PrivateCopy::CopyBase() {
 }
 
 bool PrivateCopy::IsBaseThere(const std::string& place, const std::string& date) const {
-    const auto [dir, tail] = vel_file::SplitPath(place);
+    const std::string dir = vel_file::SplitPath(place).dir;
     const std::string index = StripSliceNumber(vel_file::Name(place)) + ".tgz";
     bool there = false;
     for (const std::string& name : {index, Unmarked(index)}) {
