@@ -150,11 +150,12 @@ BACKUP2_EXPORT void UpdateInfo(vel_xml::XmlNode target, const std::string& info_
 /// backup of an increment first, when it is not there. `settings`: the panel's answer with
 /// /doc/storage, /doc/backup and /doc/ssh_key.
 ///
-/// While it works a line in the journal of the user's local directory names the copy; it stays when
-/// this throws or dies, and so does what was stored by then. Throws std::runtime_error "Failed to
-/// upload file to user storage", another std::runtime_error for names that do not belong to this
-/// backup, and what the storages, the disk and the info files give. Leaves the user's token in
-/// BACKUP_TOKEN of this process.
+/// The caller sees to it that a user has one copy at a time. While it works a line in the journal
+/// of the user's local directory names the copy; it stays when this throws or dies, and so does
+/// what was stored by then; a base that the journal still names is copied again. Throws
+/// std::runtime_error "Failed to upload file to user storage", another std::runtime_error for names
+/// that do not belong to this backup, and what the storages, the disk and the info files give.
+/// Leaves the user's token in BACKUP_TOKEN of this process.
 BACKUP2_EXPORT void CopyToPrivate(vel_xml::Xml& settings, const std::string& date,
                                   vel_xml::XmlNode user);
 
