@@ -18,6 +18,11 @@ void AddShow(CLI::App& app, Action& chosen);
 void AddRestore(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);
 void AddDelete(CLI::App& app, Action& chosen);
+void AddCopy(CLI::App& app, Action& chosen);
+void AddCleanup(CLI::App& app, Action& chosen);
+void AddLimit(CLI::App& app, Action& chosen);
+void AddPin(CLI::App& app, Action& chosen);
+void AddUnpin(CLI::App& app, Action& chosen);
 void AddStorage(CLI::App& app, Action& chosen);
 /// Not shown in the help: how the archiver gets slices from the storage while it restores.
 void AddFetchSlice(CLI::App& app, Action& chosen);

@@ -21,8 +21,7 @@ const char kComplete[] = ".complete.";  // uploaded: whoever finds it lets it ta
 const char kOldInfo[] = "old.info";     // the record of the one before, until its slices are gone
 
 void PutAgain(const std::string& local) {
-    const Done done = RunTool({"backup2_cp", "--put", "--no-delete", local});
-    if (done.status != 0) throw std::runtime_error(local + ": " + done.LastLine());
+    RunTool({"backup2_cp", "--put", "--no-delete", local}).ThrowIfFailed(local);
 }
 
 }  // namespace

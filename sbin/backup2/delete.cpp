@@ -23,18 +23,31 @@ Examples:
 
 struct Options {
     std::string user, date;
-    bool force = false;
+    bool force = false, own = false;
 };
 
+/// With `force` the increments go as well.
+void RefusePinned(const Site& site, const Backup& backup, bool force) {
+    std::vector<Backup> going = {backup};
+    if (force) going = FindBackups(site.local_dir, backup.user, "");
+    for (const Backup& other : going) {
+        const bool goes = other.user == backup.user &&
+                          (other.date == backup.date || other.BaseDate() == backup.date);
+        if (goes && other.Pinned())
+            throw std::runtime_error(other.Title() + " is pinned: unpin it first");
+    }
+}
+
 int Delete(const Options& options) {
-    const Site site = AskSite();
-    const Backup backup =
-        GetBackup(site.local_dir, CheckUser(options.user), CheckDate(options.date));
+    const std::string user = CheckUser(options.user);
+    const Site site = AskSites(options.own, user).front();
+    const Backup backup = GetBackup(site.local_dir, user, CheckDate(options.date));
+    RefusePinned(site, backup, options.force);
+    const WorkLock alone(options.own ? "copy" : "delete", user);
     UseStorage(site.token);
     std::vector<std::string> argv = {"backup2_cp", "--delete", backup.info_path};
     if (options.force) argv.push_back("--force");
-    const Done done = RunTool(argv);
-    if (done.status != 0) throw std::runtime_error(backup.Title() + ": " + done.LastLine());
+    RunTool(argv).ThrowIfFailed(backup.Title());
     std::cout << backup.Title() << ": "
               << (vel_file::Exists(backup.info_path) ? "marked as deleted, increments still need it"
                                                      : "deleted")
@@ -50,6 +63,7 @@ void AddDelete(CLI::App& app, Action& chosen) {
     command->add_option("user", options->user, "Whose backup")->required();
     command->add_option("date", options->date, "Its day, or \"custom\"")->required();
     command->add_flag("--force", options->force, "Also when increments need it; they go too");
+    command->add_flag("--private", options->own, "The copy in the user's own storage");
     command->footer(kExamples);
     command->callback([options, &chosen] { chosen = [options] { return Delete(*options); }; });
 }

@@ -64,7 +64,7 @@ Extraction::Result Extraction::Run(const std::string& action, const std::string&
         if (!value.empty()) argv.insert(argv.end(), {option, value});
     };
     add("--root", root);
-    const std::string base = vel_file::Name(backup_.Get("base"));
+    const std::string base = backup_.Base();
     if (!base.empty()) add("--base-archive", vel_file::ConcatPath(slices_.Path(), base));
     if (!root.empty() && vel_user::Exists(backup_.user)) add("--user", backup_.user);
     argv.insert(argv.end(), more.begin(), more.end());

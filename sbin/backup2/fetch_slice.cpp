@@ -19,8 +19,8 @@ int FetchSlice(const std::string& local_dir, const std::string& local) {
     const std::string user = str::GetWord(file, '/');
     const std::string date = str::GetWord(file, '/');
     const std::string info = backup2::GetInfoFile(local_dir, user, date);
-    const Done done = RunTool({"backup2_cp", "--get", "--info-file", info, "--slice", local});
-    if (done.status != 0) throw std::runtime_error(vel_file::Name(local) + ": " + done.LastLine());
+    RunTool({"backup2_cp", "--get", "--info-file", info, "--slice", local})
+        .ThrowIfFailed(vel_file::Name(local));
     return vel_tool::kDone;
 }
 

@@ -23,6 +23,8 @@
 #include "vel/vel_proc.h"
 #include "vel/vel_tool.h"
 
+#include "backup_common/backup2_qortar.h"
+
 namespace backup2_admin {
 namespace {
 
@@ -35,9 +37,13 @@ vel_client::Local Panel() {
     return panel;
 }
 
+std::string WithoutExtension(const std::string& name, const std::string& extension) {
+    return str::EndsWith(name, extension) ? name.substr(0, name.size() - extension.size()) : name;
+}
+
 /// The text behind the date and before ".info": the user, with the role when there is one.
 std::string OwnerInName(const std::string& file) {
-    std::string rest = file.substr(0, file.size() - std::string(".info").size());
+    std::string rest = WithoutExtension(file, ".info");
     str::GetWord(rest, '.');
     return rest;
 }
@@ -107,6 +113,14 @@ std::size_t KillProgramsWith(const std::string& path) {
     return killed;
 }
 
+/// A full backup of the same name and another day; its folder, where there is one, is its own.
+bool IsBase(const Backup& backup) {
+    const std::string day = backup.BaseDate(), folder = vel_file::SplitPath(backup.Get("base")).dir;
+    return backup.Base() == "F" + DayOrNothing(day) + "." + backup.user + ".tgz" &&
+           day != backup.date &&
+           (folder.empty() || backup2::GetPath(backup.Base()) == folder + "/" + backup.Base());
+}
+
 }  // namespace
 
 // ---- Words of the administrator -----------------------------------------------------------------
@@ -149,7 +163,20 @@ std::string Reason(const std::exception& error) {
     return text;
 }
 
+int WorseStatus(int a, int b) {
+    if (a == vel_tool::kFailed || b == vel_tool::kFailed) return vel_tool::kFailed;
+    return std::max(a, b);
+}
+
 // ---- The panel ----------------------------------------------------------------------------------
+
+Site::Site(const vel_xml::XmlNode& storage)
+    : owner(storage.GetProp("user")),
+      local_dir(storage.GetProp("local_dir")),
+      token(storage.Str()),
+      slice_size(storage.GetProp("slice_size")),
+      size_limit(storage.GetProp("size_limit")),
+      count_limit(storage.GetProp("count_limit")) {}
 
 Site AskSite() {
     const auto answer = Panel().Query("func=backup2.settings");
@@ -162,6 +189,33 @@ Site AskSite() {
     return site;
 }
 
+Site AskOwnSite(const std::string& user) {
+    const auto found = AskOwnStorages(user);
+    if (found.empty()) throw std::runtime_error(user + " has no storage of his own");
+    return Site(found.front());
+}
+
+std::vector<Site> AskSites(bool own, const std::string& user) {
+    if (!own) return {AskSite()};
+    if (!user.empty()) return {AskOwnSite(user)};
+    std::vector<Site> sites;
+    for (const auto& storage : AskOwnStorages()) sites.emplace_back(storage);
+    return sites;
+}
+
+vel_client::Result AskJob(const std::string& user) {
+    return Panel().Query("func=backup2.item.info&elid=?&role=?", user, "");
+}
+
+std::vector<vel_xml::XmlNode> AskOwnStorages(const std::string& user) try {
+    const auto answer = Panel().Query("func=backup2.storage&elid=?", user);
+    const auto nodes = answer.GetNodes("/doc/storage");
+    return {nodes.begin(), nodes.end()};
+} catch (const vel_err::Error& error) {
+    if (error.type() != "missed") throw;
+    return {};
+}
+
 std::vector<std::string> AskUsers() {
     std::vector<std::string> users;
     const auto answer = Panel().Query("func=user");
@@ -170,8 +224,7 @@ std::vector<std::string> AskUsers() {
 }
 
 std::string AskUserRoot(const std::string& user) {
-    const auto answer = Panel().Query("func=backup2.item.info&elid=?&role=?", user, "");
-    return answer.GetNode("/doc/files").GetProp("root");
+    return AskJob(user).GetNode("/doc/files").GetProp("root");
 }
 
 void UseStorage(const backup2::BackupToken& token) {
@@ -187,18 +240,17 @@ std::string Backup::Get(const std::string& key) const {
 }
 
 std::string Backup::Archive() const {
-    const std::string name = vel_file::Name(WithoutPart(Get("last-slice")));
-    return str::EndsWith(name, ".aes") ? name.substr(0, name.size() - 4) : name;
+    return WithoutExtension(vel_file::Name(WithoutPart(Get("last-slice"))), ".aes");
 }
 
+std::string Backup::Base() const { return WithoutExtension(vel_file::Name(Get("base")), ".aes"); }
+
 std::string Backup::BaseDate() const {
-    const std::string base = vel_file::Name(Get("base"));
+    const std::string base = Base();
     return base.empty() ? "" : backup2::GetDate(base);
 }
 
-std::string Backup::IndexPath() const {
-    return info_path.substr(0, info_path.size() - std::string(".info").size()) + ".tgz";
-}
+std::string Backup::IndexPath() const { return WithoutExtension(info_path, ".info") + ".tgz"; }
 
 std::string Backup::StoredIndex(const backup2::BackupToken& token) const {
     const std::string recorded = vel_file::Name(Get("index"));
@@ -207,15 +259,13 @@ std::string Backup::StoredIndex(const backup2::BackupToken& token) const {
 
 void Backup::CheckRecord() const {
     const std::string own = date + "." + user + ".tgz", index = vel_file::Name(Get("index"));
-    const std::string archive = Archive(), base = Get("base");
+    const std::string archive = Archive();
     const std::string mark = Kind() == "full" ? "F" : Kind() == "incremental" ? "I" : "C";
     const std::string stamp =
         DayOrNothing(archive.substr(std::min<std::size_t>(1, archive.size()), 10));
     const bool named = archive == mark + (date == kCustom ? stamp : date) + "." + user + ".tgz" &&
                        (index.empty() || index == own || index == own + ".aes");
-    const bool based = mark == "I" ? base == "F" + DayOrNothing(BaseDate()) + "." + user + ".tgz" &&
-                                         BaseDate() != date
-                                   : base.empty();
+    const bool based = mark == "I" ? IsBase(*this) : Get("base").empty();
     const bool known = mark != "C" || Kind() == kCustom;
     int64_t sums = 0, size = 0;
     for (auto pair = info.lower_bound("slice."); pair != info.end(); ++pair, ++sums) {
@@ -223,7 +273,9 @@ void Backup::CheckRecord() const {
         size += str::Int64(pair->second.substr(0, pair->second.find(' ')));
     }
     const int64_t parts = info.count("parts") ? str::Int64(Get("parts")) : 1;
-    const bool counted = sums == 0 || (sums == parts && size == str::Int64(Get("size")));
+    const std::string total = Get("size"), sum = str::Str(size);
+    const bool counted =
+        sums == 0 || (sums == parts && (total == sum || total == backup2::EncryptedSize(sum)));
     if (named && based && known && counted && parts >= 1 && parts <= kMaxParts) return;
     throw std::runtime_error(info_path + ": the info file is damaged");
 }
@@ -283,6 +335,22 @@ Backup GetBackup(const std::string& local_dir, const std::string& user, const st
     throw vel_err::Error("missed", "backup", user + " " + date);
 }
 
+void ChangeInfo(const Backup& backup, const std::function<void(const std::string& copy)>& change) {
+    const std::string& path = backup.info_path;
+    const std::string dir = vel_file::SplitPath(path).dir, lock_path = path + ".lock";
+    vel_file::Lock lock;
+    lock.DoLock(lock_path, false);
+    const auto work = vel_file::TmpDir::At(vel_file::ConcatPath(dir, ".tmp.change"));
+    const std::string copy = vel_file::ConcatPath(work.Path(), vel_file::Name(path));
+    vel_file::CopyFile(path, copy);
+    change(copy);
+    // Should this process die in between, the change is made once more: nothing says yet that it
+    // was.
+    RunTool({"backup2_cp", "--put", "--no-delete", copy}).ThrowIfFailed(backup.Title());
+    vel_file::Move(copy, path);
+    if (lock.Owns()) vel_file::RemoveFile(lock_path);
+}
+
 void CheckPassword(const Backup& backup, const backup2::BackupToken& token) {
     if (backup.Get("key_hash").empty() || backup.Get("key_hash") == token.Hash()) return;
     throw std::runtime_error(backup.Title() + ": the backup is encrypted, and " +
@@ -308,6 +376,10 @@ std::string Done::LastLine() const {
     return cut == std::string::npos ? text : text.substr(cut + 1);
 }
 
+void Done::ThrowIfFailed(const std::string& what) const {
+    if (status != 0) throw std::runtime_error(what + ": " + LastLine());
+}
+
 Done RunTool(std::vector<std::string> argv) {
     argv[0] = "sbin/" + argv[0];
     vel_proc::Execute child(std::move(argv), vel_proc::kJoinErrors);
@@ -325,7 +397,7 @@ std::string FetchCommand(const std::string& local_dir) {
 
 FailureWatch::FailureWatch() {
     vel_log::SetObserver([failure = failure_](int level, std::string_view, std::string_view text) {
-        if (level <= 3 && text.find(kOutput) != text.npos) *failure = text;
+        if (level <= 4 && text.find(kOutput) != text.npos) *failure = text;
     });
 }
 
@@ -349,7 +421,7 @@ WorkLock::WorkLock(const std::string& work, const std::string& user)
         lock_ = std::make_unique<backup2::Lock>(dir_);
     } catch (const vel_err::Error& error) {
         if (error.type() != "lock") throw;
-        throw std::runtime_error(user + ": another process does \"backup2 " + work + "\" just now");
+        throw Busy(user + ": another process does \"backup2 " + work + "\" just now");
     }
     RemoveTemporaries(dir_, ".tmp.");
 }

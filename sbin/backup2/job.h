@@ -3,12 +3,16 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "vel/vel_client.h"
 #include "vel/vel_err.h"
+#include "vel/vel_xml.h"
 
 #include "backup_common/backup2_misc.h"
 #include "backup_common/backup2_storage.h"
@@ -29,16 +33,29 @@ std::string CheckDate(const std::string& date);
 std::string ReadSecret();
 /// An error in words for people.
 std::string Reason(const std::exception& error);
+/// Of two exit statuses of users' jobs the one to end with: a failure before warnings.
+int WorseStatus(int a, int b);
 
 // ---- The panel ----------------------------------------------------------------------------------
 
-/// The administrator's storage and the local tree that belongs to it.
+/// A storage and the local tree that belongs to it.
 struct Site {
+    Site() = default;
+    explicit Site(const vel_xml::XmlNode& storage);  ///< an element "storage" of the panel's
+    std::string owner;                               ///< the user whose own it is; "" administrator
     std::string local_dir;
     backup2::BackupToken token{""};
     std::string slice_size, size_limit, count_limit;
 };
-Site AskSite();
+Site AskSite();  ///< the administrator's
+/// The user's own one. Throws when he has none.
+Site AskOwnSite(const std::string& user);
+/// The administrator's, or with `own` the user's own; with `own` and no user all that there are.
+std::vector<Site> AskSites(bool own, const std::string& user);
+/// The panel's answer about the user's job ("backup2.item.info").
+vel_client::Result AskJob(const std::string& user);
+/// The elements of users' own storages: of all, or of one (perhaps none).
+std::vector<vel_xml::XmlNode> AskOwnStorages(const std::string& user = "");
 std::vector<std::string> AskUsers();               ///< all users of the panel, in its order
 std::string AskUserRoot(const std::string& user);  ///< "" when the panel gives none
 /// Puts the storage into BACKUP_TOKEN for the programs that are started next.
@@ -64,9 +81,11 @@ struct Backup {
     std::string Title() const { return user + " " + date; }
     std::string Kind() const { return Get("type"); }
     bool Deleted() const { return info.count("deleted") != 0; }
+    bool Pinned() const { return info.count("pinned") != 0; }
     /// Name of the archive as the archiver knows it: no ".aes", no ".partK".
     std::string Archive() const;
-    std::string BaseDate() const;   ///< of an increment the date of its full backup, else ""
+    std::string Base() const;       ///< of an increment the Archive() of its full backup, else ""
+    std::string BaseDate() const;   ///< and its date
     std::string IndexPath() const;  ///< the local listing, whether it is there or not
     std::string StoredIndex(const backup2::BackupToken& token) const;
     std::vector<Slice> Slices() const;  ///< throws as CheckRecord does
@@ -82,6 +101,9 @@ std::vector<Backup> FindBackups(const std::string& local_dir, const std::string&
 /// Throws vel_err::Error("missed", "backup", "<user> <date>") when there is none.
 Backup GetBackup(const std::string& local_dir, const std::string& user, const std::string& date);
 Backup ReadBackup(const std::string& info_path);
+/// Changes the info file on the storage and then here, in one step each and under its lock.
+/// `change` gets a copy. Needs UseStorage. Both are as before when `change` or the upload throws.
+void ChangeInfo(const Backup& backup, const std::function<void(const std::string& copy)>& change);
 /// Throws when the backup was encrypted with another password than the storage has now.
 void CheckPassword(const Backup& backup, const backup2::BackupToken& token);
 /// Fetches the listing from the storage when the local tree has lost it; its local path.
@@ -94,6 +116,8 @@ struct Done {
     int status = 0;
     std::string output;
     std::string LastLine() const;
+    /// Throws std::runtime_error "<what>: <last line>" unless the program succeeded.
+    void ThrowIfFailed(const std::string& what) const;
 };
 /// Runs a program of sbin/ with its output captured.
 Done RunTool(std::vector<std::string> argv);
@@ -114,8 +138,13 @@ private:
     std::shared_ptr<std::string> failure_ = std::make_shared<std::string>();
 };
 
-/// Only one process at a time does `work` ("run", "restore", "verify") for a user; held while the
-/// object lives. Throws std::runtime_error when another one does it.
+/// Another process does the same work for the same user.
+struct Busy : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// Only one process at a time does `work` ("run", "restore", "verify", "copy") for a user; held
+/// while the object lives. Throws Busy when another one does it.
 class WorkLock {
 public:
     WorkLock(const std::string& work, const std::string& user);

@@ -18,11 +18,12 @@ const char kExamples[] = R"(
 Examples:
   backup2 list                 every backup of every user
   backup2 list bob             the backups of bob
+  backup2 list bob --private   what is in bob's own storage
   backup2 list --json | jq '.[] | select(.kind == "full")')";
 
 struct Options {
     std::string user;
-    bool json = false;
+    bool own = false, json = false;
 };
 
 std::string KindWord(const Backup& backup) {
@@ -31,7 +32,8 @@ std::string KindWord(const Backup& backup) {
     } catch (const std::exception&) {
         return "damaged";
     }
-    return backup.Kind() + (backup.Deleted() ? " (deleted)" : "");
+    return backup.Kind() + (backup.Deleted() ? " (deleted)" : "") +
+           (backup.Pinned() ? " (pinned)" : "");
 }
 
 nlohmann::json Json(const Backup& backup) {
@@ -43,35 +45,36 @@ nlohmann::json Json(const Backup& backup) {
             {"slices", str::Int64(backup.Get("parts"))},
             {"encrypted", !backup.Get("key_hash").empty()},
             {"deleted", backup.Deleted()},
+            {"pinned", backup.Pinned()},
             {"created", backup.Get("created")},
             {"finished", backup.Get("finished")}};
 }
 
-std::string TableOf(const std::vector<Backup>& backups, const std::string& storage) {
-    Table table("llllrrll");
-    table.Add({"USER", "DATE", "KIND", "BASE", "SIZE", "SLICES", "STORAGE", "FINISHED"});
-    for (const Backup& backup : backups) {
-        table.Add({backup.user, backup.date, KindWord(backup),
-                   backup.BaseDate().empty() ? "-" : backup.BaseDate(),
-                   HumanSize(static_cast<uint64_t>(str::Int64(backup.Get("size")))),
-                   backup.Get("parts"), storage + (backup.Get("key_hash").empty() ? "" : "+aes"),
-                   backup.Get("finished")});
-    }
-    return table.Str();
+void AddRow(Table& table, const Backup& backup, const std::string& storage) {
+    table.Add({backup.user, backup.date, KindWord(backup),
+               backup.BaseDate().empty() ? "-" : backup.BaseDate(),
+               HumanSize(static_cast<uint64_t>(str::Int64(backup.Get("size")))),
+               backup.Get("parts"), storage + (backup.Get("key_hash").empty() ? "" : "+aes"),
+               backup.Get("finished")});
 }
 
 int List(const Options& options) {
     const std::string user = options.user.empty() ? "" : CheckUser(options.user);
-    const Site site = AskSite();
-    const auto backups = FindBackups(site.local_dir, user, "");
+    nlohmann::json rows = nlohmann::json::array();
+    Table table("llllrrll");
+    table.Add({"USER", "DATE", "KIND", "BASE", "SIZE", "SLICES", "STORAGE", "FINISHED"});
+    for (const Site& site : AskSites(options.own, user)) {
+        for (const Backup& backup : FindBackups(site.local_dir, user, "")) {
+            rows.push_back(Json(backup));
+            AddRow(table, backup, site.token.Type());
+        }
+    }
     if (options.json) {
-        nlohmann::json rows = nlohmann::json::array();
-        for (const Backup& backup : backups) rows.push_back(Json(backup));
         PrintJson(rows);
-    } else if (backups.empty()) {
+    } else if (rows.empty()) {
         std::cout << "no backups" << (user.empty() ? "" : " of " + user) << "\n";
     } else {
-        std::cout << TableOf(backups, site.token.Type());
+        std::cout << table.Str();
     }
     return vel_tool::kDone;
 }
@@ -82,6 +85,7 @@ void AddList(CLI::App& app, Action& chosen) {
     auto* command = app.add_subcommand("list", "Show the backups that there are");
     const auto options = std::make_shared<Options>();
     command->add_option("user", options->user, "Only the backups of this user");
+    command->add_flag("--private", options->own, "The copies in users' own storages");
     command->add_flag("--json", options->json, "Report as JSON");
     command->footer(kExamples);
     command->callback([options, &chosen] { chosen = [options] { return List(*options); }; });

@@ -20,6 +20,7 @@ Examples:
   backup2 restore bob 2024-01-31 --to /root/bob-january
   backup2 restore bob 2024-01-31 --yes data/index.html
   backup2 verify bob                     read back every stored slice of bob
+  backup2 limit bob --dry-run            which backups would go, and why the others stay
   backup2 storage check                  can the storage be written, listed and read?
 
 Exit status: 0 done, 1 failed, 2 wrong usage, 3 done with warnings.
@@ -51,8 +52,8 @@ int Body(const std::vector<std::string>& args) {
     app.set_help_all_flag("--help-all", "The help of every command");
     app.footer(kExamples);
     Action chosen;
-    for (const auto add :
-         {AddRun, AddList, AddShow, AddRestore, AddVerify, AddDelete, AddStorage, AddFetchSlice}) {
+    for (const auto add : {AddRun, AddList, AddShow, AddRestore, AddVerify, AddDelete, AddPin,
+                           AddUnpin, AddLimit, AddCopy, AddCleanup, AddStorage, AddFetchSlice}) {
         add(app, chosen);
     }
     try {

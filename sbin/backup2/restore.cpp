@@ -34,13 +34,14 @@ Examples:
   backup2 restore bob 2024-01-31 --yes                    files and databases, in place
   backup2 restore bob 2024-01-31 --yes data/index.html    one file, in place
   backup2 restore bob 2024-01-31 --yes .system/db.main.shop   one database
+  backup2 restore bob 2024-01-31 --private --to /root/bob   from bob's own storage
   backup2 restore bob 2024-01-31 --dry-run --yes          what would be done)";
 
 struct Options {
     std::string user, date, to, overwrite = "always";
     std::vector<std::string> paths;
     bool dry_run = false, yes = false, with_databases = false, no_databases = false;
-    bool password_stdin = false;
+    bool password_stdin = false, own = false;
 };
 
 const std::string kSystem = ".system";
@@ -71,7 +72,7 @@ private:
 
 Restore::Restore(const Options& options)
     : options_(options),
-      site_(AskSite()),
+      site_(AskSites(options.own, CheckUser(options.user)).front()),
       backup_(GetBackup(site_.local_dir, CheckUser(options.user), CheckDate(options.date))),
       alone_("restore", backup_.user) {
     if (options.password_stdin) {
@@ -201,6 +202,7 @@ void AddRestore(CLI::App& app, Action& chosen) {
     command->add_flag("--yes", options->yes, "Do not ask before the user's own files change");
     command->add_flag("--password-stdin", options->password_stdin,
                       "Read the archive password from standard input");
+    command->add_flag("--private", options->own, "From the user's own storage");
     command->footer(kExamples);
     command->callback([options, to, &chosen] {
         // An empty variable of somebody's script must not mean the user's own files.

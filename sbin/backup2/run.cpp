@@ -1,10 +1,8 @@
 /// backup2 run: one backup of one user or of everybody.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 #include <iostream>
 #include <optional>
 
@@ -20,19 +18,19 @@
 
 #include "backup_common/backup2_qortar.h"
 
+#include "sbin/backup2/afterwards.h"
 #include "sbin/backup2/commands.h"
 #include "sbin/backup2/custom.h"
-#include "sbin/backup2/entries.h"
 #include "sbin/backup2/job.h"
+#include "sbin/backup2/leftovers.h"
 #include "sbin/backup2/output.h"
 #include "sbin/backup2/progress.h"
+#include "sbin/backup2/report.h"
 
 namespace backup2_admin {
 namespace {
 
 const vel_log::Module logger("backup2");
-
-constexpr int kForgottenSeconds = 24 * 3600;
 
 const char kExamples[] = R"(
 Examples:
@@ -41,7 +39,8 @@ Examples:
   backup2 run bob --custom           a full one beside the series; replaces the last custom one
   backup2 run --all --json           everybody, reported as JSON
 
-Exit status 3: the backup is there, but some entries could not be saved; their names are shown.)";
+Exit status 3: the backup is there, but some entries could not be saved, the limits cannot be met or
+the copy in the user's own storage failed; what it is is shown.)";
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -50,19 +49,15 @@ struct Options {
     bool all = false, custom = false, json = false;
 };
 
-struct Report {
-    std::string user, date, kind, error;
-    bool empty = false;
-    uint64_t bytes = 0, parts = 0, files = 0;
-    double seconds = 0;
-    std::vector<FlaggedEntry> flagged;
-};
-
 /// One user's job, in the order in which the panel's own plug-in goes.
 class Job {
 public:
     Job(const std::string& user, const std::string& date)
-        : user_(user), date_(date), alone_("run", user), settings_(kPanel, user, "") {}
+        : user_(user),
+          date_(date),
+          alone_("run", user),
+          settings_(kPanel, user, ""),
+          leftovers_(settings_.local_dir(), user) {}
 
     Report Run();
 
@@ -70,10 +65,6 @@ private:
     bool IsCustom() const { return date_ == kCustom; }
     void UseOwnStorage() const;
     void RemoveLeftovers();
-    std::string WorkingInfo(const std::string& day) const;
-    void RemoveOtherDays();
-    void RemoveFailed(const std::string& day);
-    void RemoveTornInfos() const;
     void ChooseNames();
     void WriteWorkingInfo() const;
     void Archive();
@@ -84,6 +75,7 @@ private:
     std::string user_, date_;
     WorkLock alone_;
     backup2::Settings settings_;
+    Leftovers leftovers_;
     std::optional<CustomBackup> custom_;
     std::string base_;  // listing of the full backup of an increment, else ""
     std::string dir_, info_, archive_, listing_;
@@ -119,7 +111,9 @@ Report Job::Run() {
         throw;
     }
     Finish();
-    return MakeReport(progress);
+    Report report = MakeReport(progress);
+    Afterwards(settings_.params(), report).Run();
+    return report;
 }
 
 void Job::UseOwnStorage() const {
@@ -138,69 +132,14 @@ void Job::RemoveLeftovers() {
                         backup2::BackupToken(settings_.storage().at("BACKUP_TOKEN")));
         return custom_->Recover();
     }
-    RemoveOtherDays();
-    info_ = WorkingInfo(date_);
+    leftovers_.RemoveOtherDays(date_);
+    info_ = leftovers_.WorkingInfo(date_);
     if (!vel_file::Exists(info_)) return;
     logger.Write(5, "Removing what a broken run left of '%s' %s", user_, date_);
-    RemoveFailed(date_);
+    leftovers_.RemoveDay(date_);
     if (vel_file::Exists(info_)) {
         throw std::runtime_error("what a broken run left cannot be removed: " + info_);
     }
-}
-
-std::string Job::WorkingInfo(const std::string& day) const {
-    return backup2::ConcatPath(settings_.local_dir(), day + "." + user_ + ".info");
-}
-
-/// What died on another day. A backup that is there already was complete but for its tidying up.
-void Job::RemoveOtherDays() {
-    std::vector<std::string> days;
-    for (vel_file::Dir entries(settings_.local_dir(), 2); entries.Next();) {
-        const std::string day = backup2::GetDate(entries.Name());
-        if (entries.Name() == day + "." + user_ + ".info" && day != date_) days.push_back(day);
-    }
-    for (const std::string& day : days) {
-        EndOrphans(WorkingInfo(day));
-        const std::string file = day + "." + user_ + ".info";
-        if (vel_file::Exists(vel_file::ConcatPath(settings_.local_dir(), user_,
-                                                  vel_file::ConcatPath(day, file)))) {
-            vel_file::Remove(WorkingInfo(day));
-        } else {
-            RemoveFailed(day);
-        }
-    }
-}
-
-void Job::RemoveFailed(const std::string& day) {
-    const std::string local = settings_.local_dir();
-    EndOrphans(WorkingInfo(day));
-    backup2::DelBackupOnError(local, user_, day);
-    for (const char* mark : {"F", "I"}) {
-        RemoveTemporaries(local, "." + (mark + day) + "." + user_ + ".tgz");
-    }
-    RemoveTornInfos();
-    const std::string dir = vel_file::SplitPath(backup2::GetInfoFile(local, user_, day)).dir;
-    RemoveTemporaries(dir, ".tmp.");
-    // Fails when other files are in it, and that is right.
-    (void)::rmdir(dir.c_str());
-    UseOwnStorage();
-}
-
-/// The copy tool replaces the working info through a temporary beside it. Those of other users'
-/// running jobs have the same kind of name and must stay: the content tells, and the age where
-/// there is none yet. A live one is written and moved at once.
-void Job::RemoveTornInfos() const {
-    std::vector<std::string> found;
-    for (vel_file::Dir entries(settings_.local_dir(), 2); entries.Next();) {
-        if (!str::StartsWith(entries.Name(), ".tmp.") || !entries.Info(2).IsFile()) continue;
-        const std::string text = vel_file::Read(entries.Path());
-        struct stat st {};
-        const bool forgotten = ::lstat(entries.Path().c_str(), &st) == 0 &&
-                               ::time(nullptr) - st.st_mtime > kForgottenSeconds;
-        if (forgotten || text.find("\nuser=" + user_ + "\n") != std::string::npos)
-            found.push_back(entries.Path());
-    }
-    for (const std::string& path : found) vel_file::Remove(path);
 }
 
 void Job::ChooseNames() {
@@ -256,7 +195,7 @@ void Job::Undo() try {
     if (IsCustom()) {
         custom_->TakeBack();
     } else {
-        RemoveFailed(date_);
+        leftovers_.RemoveDay(date_);
     }
 } catch (const std::exception& error) {
     // The working info file stays, so the next run tries again; the first failure is the one to
@@ -298,48 +237,6 @@ Report RunOne(const std::string& user, const std::string& date) {
     }
 }
 
-int StatusOf(const Report& report) {
-    if (!report.error.empty()) return vel_tool::kFailed;
-    return report.flagged.empty() ? vel_tool::kDone : vel_tool::kWarnings;
-}
-
-void Print(const Report& report) {
-    const std::string title = report.user + " " + report.date + ": ";
-    if (!report.error.empty()) {
-        std::cout << title << report.error << std::endl;
-        std::cerr << "backup2: " << title << report.error << std::endl;
-        return;
-    }
-    if (report.empty) {
-        std::cout << title << "nothing to save" << std::endl;
-        return;
-    }
-    std::cout << title << report.kind << " backup, " << Plural(report.files, "file") << ", "
-              << HumanSize(report.bytes) << " in " << Plural(report.parts, "slice") << ", "
-              << HumanTime(report.seconds) << std::endl;
-    for (const auto& entry : report.flagged) {
-        std::cout << Printable(entry.name) << "\t" << entry.why << std::endl;
-    }
-}
-
-nlohmann::json Json(const Report& report) {
-    nlohmann::json json = {{"user", report.user}, {"date", report.date}};
-    if (!report.error.empty()) {
-        json["error"] = report.error;
-        return json;
-    }
-    json["kind"] = report.empty ? "nothing" : report.kind;
-    json["size"] = report.bytes;
-    json["slices"] = report.parts;
-    json["files"] = report.files;
-    json["seconds"] = report.seconds;
-    json["flagged"] = nlohmann::json::array();
-    for (const auto& entry : report.flagged) {
-        json["flagged"].push_back({{"name", entry.name}, {"why", entry.why}});
-    }
-    return json;
-}
-
 int Run(const Options& options) {
     if (options.all != options.user.empty()) {
         throw vel_tool::UsageError("run wants the name of one user, or --all");
@@ -356,8 +253,7 @@ int Run(const Options& options) {
     nlohmann::json reports = nlohmann::json::array();
     for (const std::string& user : users) {
         const Report report = RunOne(user, date);
-        const int one = StatusOf(report);
-        if (status != vel_tool::kFailed && one != vel_tool::kDone) status = one;
+        status = WorseStatus(status, StatusOf(report));
         if (options.json) {
             reports.push_back(Json(report));
         } else {

@@ -22,7 +22,7 @@ Examples:
 
 struct Options {
     std::string user, date;
-    bool json = false;
+    bool own = false, json = false;
 };
 
 nlohmann::json Json(const Backup& backup, const Site& site) {
@@ -33,6 +33,7 @@ nlohmann::json Json(const Backup& backup, const Site& site) {
                            {"size", str::Int64(backup.Get("size"))},
                            {"encrypted", !backup.Get("key_hash").empty()},
                            {"deleted", backup.Deleted()},
+                           {"pinned", backup.Pinned()},
                            {"created", backup.Get("created")},
                            {"finished", backup.Get("finished")},
                            {"index", backup.StoredIndex(site.token)},
@@ -58,6 +59,7 @@ std::string Words(const Backup& backup, const Site& site) {
     add("kind", backup.Kind());
     add("base", backup.BaseDate());
     add("deleted", backup.Get("deleted"));
+    add("pinned", backup.Get("pinned"));
     add("created", backup.Get("created"));
     add("finished", backup.Get("finished"));
     add("size", HumanSize(static_cast<uint64_t>(str::Int64(backup.Get("size")))));
@@ -73,9 +75,9 @@ std::string Words(const Backup& backup, const Site& site) {
 }
 
 int Show(const Options& options) {
-    const Site site = AskSite();
-    const Backup backup =
-        GetBackup(site.local_dir, CheckUser(options.user), CheckDate(options.date));
+    const std::string user = CheckUser(options.user);
+    const Site site = AskSites(options.own, user).front();
+    const Backup backup = GetBackup(site.local_dir, user, CheckDate(options.date));
     if (options.json) {
         PrintJson(Json(backup, site));
     } else {
@@ -91,6 +93,7 @@ void AddShow(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<Options>();
     command->add_option("user", options->user, "Whose backup")->required();
     command->add_option("date", options->date, "Its day, or \"custom\"")->required();
+    command->add_flag("--private", options->own, "The copy in the user's own storage");
     command->add_flag("--json", options->json, "Report as JSON");
     command->footer(kExamples);
     command->callback([options, &chosen] { chosen = [options] { return Show(*options); }; });

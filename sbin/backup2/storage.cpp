@@ -27,9 +27,8 @@ int Check(const std::string& user) {
         vel_env::UnsetEnv("BACKUP_TOKEN");
         vel_env::SetEnv("BACKUP_STORAGE", CheckUser(user));
     }
-    const Done done = RunTool({"backup2_cp", "--check"});
     const std::string whose = user.empty() ? "the storage" : "the storage of " + user;
-    if (done.status != 0) throw std::runtime_error(whose + ": " + done.LastLine());
+    RunTool({"backup2_cp", "--check"}).ThrowIfFailed(whose);
     std::cout << whose << " can be written, listed and read\n";
     return vel_tool::kDone;
 }

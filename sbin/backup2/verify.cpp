@@ -37,7 +37,7 @@ Exit status 1: something is wrong; the bad slices are named.)";
 
 struct Options {
     std::string user, date;
-    bool deep = false, json = false;
+    bool deep = false, own = false, json = false;
 };
 
 struct Report {
@@ -96,7 +96,7 @@ std::string CheckSlice(const backup2::BackupToken& token, const Slice& slice, ui
 
 class Verification {
 public:
-    Verification(const Site& site, bool deep) : site_(site), deep_(deep) {}
+    Verification(Site site, bool deep) : site_(std::move(site)), deep_(deep) {}
 
     Report Check(const Backup& backup);
 
@@ -106,7 +106,7 @@ private:
     void CheckBase(const Backup& backup, Report& report);
     void CheckDeep(const Backup& backup, Report& report);
 
-    const Site& site_;
+    Site site_;
     bool deep_;
     std::set<std::string> checked_;  // info paths
 };
@@ -189,27 +189,33 @@ void Print(const Report& report) {
     for (const auto& [name, why] : report.bad) std::cout << name << "\t" << why << std::endl;
 }
 
+std::vector<Report> VerifySite(const Options& options, const Site& site, const std::string& user,
+                               const std::string& date) {
+    UseStorage(site.token);
+    const auto backups = date.empty() ? FindBackups(site.local_dir, user, "")
+                                      : std::vector{GetBackup(site.local_dir, user, date)};
+    Verification verification(site, options.deep);
+    std::vector<Report> reports;
+    for (const Backup& backup : backups) {
+        reports.push_back(verification.Check(backup));
+        if (!options.json) Print(reports.back());
+    }
+    return reports;
+}
+
 int Verify(const Options& options) {
     const std::string user = options.user.empty() ? "" : CheckUser(options.user);
     const std::string date = options.date.empty() ? "" : CheckDate(options.date);
-    const Site site = AskSite();
-    UseStorage(site.token);
-    auto backups = date.empty() ? FindBackups(site.local_dir, user, "")
-                                : std::vector{GetBackup(site.local_dir, user, date)};
-    Verification verification(site, options.deep);
     nlohmann::json rows = nlohmann::json::array();
     std::size_t bad = 0;
-    for (const Backup& backup : backups) {
-        const Report report = verification.Check(backup);
-        bad += report.bad.empty() ? 0 : 1;
-        if (options.json) {
+    for (const Site& site : AskSites(options.own, user)) {
+        for (const Report& report : VerifySite(options, site, user, date)) {
+            bad += report.bad.empty() ? 0 : 1;
             rows.push_back(Json(report));
-        } else {
-            Print(report);
         }
     }
     if (options.json) PrintJson(rows);
-    if (!options.json && backups.empty()) std::cout << "no backups\n";
+    if (!options.json && rows.empty()) std::cout << "no backups\n";
     if (bad == 0) return vel_tool::kDone;
     std::cerr << "backup2: " << Plural(bad, "backup") << " cannot be relied on" << std::endl;
     return vel_tool::kFailed;
@@ -223,6 +229,7 @@ void AddVerify(CLI::App& app, Action& chosen) {
     command->add_option("user", options->user, "Only the backups of this user");
     command->add_option("date", options->date, "Only the one of this day, or \"custom\"");
     command->add_flag("--deep", options->deep, "Unpack everything and compare with the listing");
+    command->add_flag("--private", options->own, "The copies in users' own storages");
     command->add_flag("--json", options->json, "Report as JSON");
     command->footer(kExamples);
     command->callback([options, &chosen] { chosen = [options] { return Verify(*options); }; });

@@ -1,0 +1,85 @@
+#include "sbin/backup2/afterwards.h"
+
+#include <stdexcept>
+
+#include "vel/str.h"
+#include "vel/vel_tool.h"
+
+#include "backup_common/backup2_qortar.h"
+
+#include "sbin/backup2/limits.h"
+#include "sbin/backup2/private.h"
+
+namespace backup2_admin {
+namespace {
+
+/// Why, the copy tool has told its output, which nobody kept.
+void CheckLimitStatus(int status, const std::string& user) {
+    if (status == vel_tool::kDone) return;
+    const std::string more = ", \"backup2 limit " + user + " --dry-run\" tells why";
+    if (status == vel_tool::kWarnings) throw std::runtime_error("they cannot be met" + more);
+    throw std::runtime_error("the copy tool ended with status " + str::Str(int64_t{status}) + more);
+}
+
+}  // namespace
+
+Afterwards::Afterwards(vel_xml::Xml settings, Report& report)
+    : settings_(std::move(settings)),
+      storage_(settings_.GetNode("/doc/storage")),
+      site_(storage_),
+      report_(report) {}
+
+void Afterwards::Run() {
+    const Backup backup = GetBackup(site_.local_dir, report_.user, report_.date);
+    const auto in_use = Protect(backup);
+    const auto before = Dates();
+    Step("its record", [&] { RecordPlace(storage_, backup); });
+    Step("limits", [&] { ApplyLimits(); });
+    Step("rules of what to keep", [&] { ApplyKeepRules(); });
+    const auto now = Dates();
+    for (const std::string& date : before) {
+        if (now.count(date) == 0) report_.removed.push_back(date);
+    }
+    Step("copy to the user's own storage", [&] { CopyToOwnStorage(); });
+}
+
+void Afterwards::Step(const std::string& what, const std::function<void()>& step) try {
+    step();
+} catch (const std::exception& error) {
+    report_.warnings.push_back(what + ": " + Reason(error));
+}
+
+void Afterwards::ApplyLimits() {
+    vel_xml::Xml own;  // the settings themselves must not name the user as the storage's owner
+    auto storage = own.GetRoot().AppendChild(storage_);
+    storage.SetProp("user", report_.user);
+    CheckLimitStatus(backup2::BackupSizeControl(storage, report_.date).Result(), report_.user);
+}
+
+void Afterwards::ApplyKeepRules() {
+    Limits limits;
+    limits.keep = KeepRules(settings_);
+    if (limits.keep.empty()) return;
+    UseStorage(site_.token);
+    const Done done = RunTool(LimitCommand(site_, report_.user, report_.date, limits));
+    if (done.status != vel_tool::kDone) throw std::runtime_error(done.LastLine());
+}
+
+void Afterwards::CopyToOwnStorage() {
+    for (const auto& storage : AskOwnStorages(report_.user)) {
+        PrivateCopy copy(settings_, storage);
+        for (const auto& warning : copy.Warnings()) report_.warnings.push_back(warning);
+        copy.Copy(report_.date);
+        report_.copied = true;
+    }
+}
+
+std::set<std::string> Afterwards::Dates() const {
+    std::set<std::string> dates;
+    for (const Backup& backup : FindBackups(site_.local_dir, report_.user, "")) {
+        if (backup.user == report_.user) dates.insert(backup.date);
+    }
+    return dates;
+}
+
+}  // namespace backup2_admin

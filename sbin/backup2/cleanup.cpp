@@ -1,0 +1,98 @@
+/// backup2 cleanup: removes what broken copies left in users' own storages.
+#include <iostream>
+#include <map>
+
+#include <CLI/CLI.hpp>
+
+#include "vel/vel_file.h"
+#include "vel/vel_tool.h"
+
+#include "sbin/backup2/commands.h"
+#include "sbin/backup2/job.h"
+#include "sbin/backup2/private.h"
+
+namespace backup2_admin {
+namespace {
+
+const char kExamples[] = R"(
+While a backup is copied, a journal names it. What a journal still names when nobody copies is half
+a copy: it is removed from the user's storage and from this machine. "backup2 copy" and the next
+"backup2 run" of the user do the same for themselves.
+
+Examples:
+  backup2 cleanup        of all users
+  backup2 cleanup bob    of bob alone
+
+Exit status 3: a copy is just being made; its user was left alone.)";
+
+const char kOwnDirs[] = "var/backup/qorvel.private";
+
+/// User -> local directory of his own storage: as the panel says, and what is on this machine of
+/// users whom it knows no more.
+std::map<std::string, std::string> OwnDirs() {
+    std::map<std::string, std::string> dirs;
+    if (vel_file::Exists(kOwnDirs)) {
+        for (vel_file::Dir entries(kOwnDirs, 2); entries.Next();) {
+            if (entries.Info(2).IsDir()) dirs[entries.Name()] = entries.Path();
+        }
+    }
+    for (const auto& storage : AskOwnStorages()) {
+        dirs[storage.GetProp("user")] = storage.GetProp("local_dir");
+    }
+    return dirs;
+}
+
+int Show(const std::string& user, const Replay& replay) {
+    for (const auto& title : replay.removed)
+        std::cout << title << ": the broken copy is removed" << std::endl;
+    if (replay.why.empty()) return vel_tool::kDone;
+    for (const auto& title : replay.left)
+        std::cout << title << ": the broken copy stays" << std::endl;
+    std::cout << user << ": " << replay.why << std::endl;
+    std::cerr << "backup2: " << user << ": " << replay.why << std::endl;
+    return vel_tool::kFailed;
+}
+
+int CleanUser(const std::string& user, const std::string& admin_dir, const std::string& own_dir) {
+    try {
+        const WorkLock alone("copy", user);
+        return Show(user, ClearBrokenCopies(user, admin_dir, own_dir));
+    } catch (const Busy& busy) {
+        std::cout << busy.what() << std::endl;
+        return vel_tool::kWarnings;
+    } catch (const std::exception& error) {
+        return Show(user, {{}, {}, Reason(error)});
+    }
+}
+
+int Cleanup(const std::string& user) {
+    const std::string admin_dir = AskSite().local_dir;
+    auto dirs = OwnDirs();
+    if (!user.empty()) {
+        const auto found = dirs.find(CheckUser(user));
+        if (found == dirs.end()) throw std::runtime_error(user + " has no storage of his own");
+        dirs = {*found};
+    }
+    int status = vel_tool::kDone;
+    for (const auto& [name, dir] : dirs)
+        status = WorseStatus(status, CleanUser(name, admin_dir, dir));
+    return status;
+}
+
+}  // namespace
+
+void AddCleanup(CLI::App& app, Action& chosen) {
+    auto* command = app.add_subcommand("cleanup", "Remove what broken copies left");
+    const auto user = std::make_shared<std::string>();
+    command->add_option("user", *user, "Only in this user's own storage");
+    const auto all = std::make_shared<bool>(false);
+    command->add_flag("--all", *all, "In those of all users; the same as no name");
+    command->footer(kExamples);
+    command->callback([user, all, &chosen] {
+        if (*all && !user->empty())
+            throw vel_tool::UsageError("a name and --all exclude each other");
+        chosen = [user] { return Cleanup(*user); };
+    });
+}
+
+}  // namespace backup2_admin

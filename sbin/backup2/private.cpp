@@ -1,0 +1,166 @@
+#include "sbin/backup2/private.h"
+
+#include <algorithm>
+#include <list>
+#include <set>
+#include <stdexcept>
+
+#include "vel/str.h"
+#include "vel/vel_file.h"
+#include "vel/vel_log.h"
+
+#include "backup_common/backup2_qortar.h"
+
+namespace backup2_admin {
+namespace {
+
+const vel_log::Module logger("backup2");
+
+const std::string kFetched = ".private";  // below the user's folder: slices on their way
+
+std::string Title(const backup2::PendingCleanup& item) {
+    return item.name.empty() ? "?" : item.name + " " + item.date;
+}
+
+std::set<std::string> LinesOf(const std::list<backup2::PendingCleanup>& pending) {
+    std::set<std::string> lines;
+    for (const auto& item : pending) lines.insert(item.line);
+    return lines;
+}
+
+std::set<std::string> StoredNames(const backup2::BackupToken& token, const std::string& dir) {
+    std::list<std::string> names;
+    backup2::GetStorage(token)->List(names, dir);
+    return {names.begin(), names.end()};
+}
+
+/// Names of all stored files of a backup, bare.
+std::set<std::string> NamesOf(const Backup& backup, const backup2::BackupToken& token) {
+    std::set<std::string> names = {vel_file::Name(backup.info_path),
+                                   vel_file::Name(backup.StoredIndex(token))};
+    for (const Slice& slice : backup.Slices()) names.insert(vel_file::Name(slice.path));
+    return names;
+}
+
+/// True for a slice of any archive that the user had under this date.
+bool IsSliceOf(const std::string& name, const std::string& user) {
+    const bool marked = !name.empty() && std::string("FIC").find(name[0]) != std::string::npos;
+    return marked && name.find("." + user + ".tgz") == std::string("F2024-01-31").size();
+}
+
+std::string FolderOf(const Backup& backup) {
+    return vel_file::ConcatPath(backup.user, backup.date);
+}
+
+void EndOrphansOf(const std::string& user, const std::string& admin_dir,
+                  const std::string& own_dir) {
+    EndOrphans(own_dir);
+    EndOrphans(vel_file::ConcatPath(admin_dir, user, kFetched));
+    for (const auto& item : backup2::ReadCleanups(own_dir)) {
+        if (!item.name.empty()) EndOrphans(backup2::GetIndexFile(admin_dir, item.name, item.date));
+    }
+}
+
+}  // namespace
+
+Replay ClearBrokenCopies(const std::string& user, const std::string& admin_dir,
+                         const std::string& own_dir) {
+    EndOrphansOf(user, admin_dir, own_dir);
+    vel_file::Remove(vel_file::ConcatPath(admin_dir, user, kFetched));
+    Replay replay;
+    const auto before = backup2::ReadCleanups(own_dir);
+    if (before.empty()) return replay;
+    const Done done = RunTool({"backup2_cp", "--cleanup", own_dir});
+    const auto left = LinesOf(backup2::ReadCleanups(own_dir));
+    for (const auto& item : before) {
+        (left.count(item.line) ? replay.left : replay.removed).push_back(Title(item));
+    }
+    if (done.status != 0) replay.why = done.LastLine();
+    return replay;
+}
+
+void RecordPlace(const vel_xml::XmlNode& storage, const Backup& backup) {
+    UseStorage(Site(storage).token);
+    ChangeInfo(backup, [&](const std::string& copy) {
+        backup2::UpdateInfo(storage, copy, FolderOf(backup));
+    });
+}
+
+PrivateCopy::PrivateCopy(vel_xml::Xml settings, vel_xml::XmlNode storage)
+    : settings_(std::move(settings)),
+      storage_(std::move(storage)),
+      admin_(settings_.GetNode("/doc/storage")),
+      own_(storage_),
+      alone_("copy", own_.owner) {
+    const Replay replay = ClearBrokenCopies(own_.owner, admin_.local_dir, own_.local_dir);
+    if (!replay.why.empty()) warnings_.push_back("a broken copy stays: " + replay.why);
+}
+
+bool PrivateCopy::Copy(const std::string& date) {
+    const std::vector<Backup> missing = Missing(date);
+    for (const Backup& backup : missing) CheckPassword(backup, admin_.token);
+    for (const Backup& backup : missing) CopyOne(backup);
+    return !missing.empty();
+}
+
+std::vector<Backup> PrivateCopy::Missing(const std::string& date) const {
+    std::vector<Backup> missing = {GetBackup(admin_.local_dir, own_.owner, date)};
+    missing.front().CheckRecord();
+    if (IsComplete(missing.front())) return {};
+    if (const std::string day = missing.front().BaseDate(); !day.empty()) {
+        const Backup base = GetBackup(admin_.local_dir, own_.owner, day);
+        base.CheckRecord();
+        if (!IsComplete(base)) missing.insert(missing.begin(), base);
+    }
+    return missing;
+}
+
+/// The very same backup ("custom" may be another one by now), readable with the password of today.
+bool PrivateCopy::IsComplete(const Backup& backup) const {
+    const std::string path = backup2::GetInfoFile(own_.local_dir, backup.user, backup.date);
+    if (!vel_file::Exists(path)) return false;
+    try {
+        const Backup copy = ReadBackup(path);
+        const auto stored = StoredNames(own_.token, FolderOf(copy));
+        const auto wanted = NamesOf(copy, own_.token);
+        return copy.Get("finished") == backup.Get("finished") &&
+               copy.Get("created") == backup.Get("created") &&
+               copy.Get("key_hash") == own_.token.Hash() && vel_file::Exists(copy.IndexPath()) &&
+               std::includes(stored.begin(), stored.end(), wanted.begin(), wanted.end());
+    } catch (const std::exception& error) {
+        logger.Write(5, "The copy of %s is made again: %s", backup.Title(), Reason(error));
+        return false;
+    }
+}
+
+void PrivateCopy::CopyOne(Backup backup) {
+    const auto in_use = Protect(backup);
+    std::unique_ptr<backup2::Lock> base_in_use;
+    if (!backup.BaseDate().empty()) {
+        base_in_use = Protect(GetBackup(admin_.local_dir, backup.user, backup.BaseDate()));
+        // A run that died behind the archiver did not come to that.
+        if (vel_file::SplitPath(backup.Get("base")).dir.empty())
+            RecordPlace(settings_.GetNode("/doc/storage"), backup);
+    }
+    vel_file::MkDir(own_.local_dir, vel_file::Attrs(0700));
+    const backup2::Lock own_in_use(own_.local_dir);
+    const FailureWatch watch;
+    try {
+        backup2::CopyToPrivate(settings_, backup.date, storage_);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(error.what() + watch.Reason());
+    }
+    RemoveReplaced(GetBackup(own_.local_dir, backup.user, backup.date));
+}
+
+/// Slices that were stored before under the same date: of the last custom backup, or by the names
+/// that they had with another password.
+void PrivateCopy::RemoveReplaced(const Backup& copy) const {
+    const auto wanted = NamesOf(copy, own_.token);
+    for (const std::string& name : StoredNames(own_.token, FolderOf(copy))) {
+        if (IsSliceOf(name, copy.user) && wanted.count(name) == 0)
+            backup2::GetStorage(own_.token)->Delete(vel_file::ConcatPath(FolderOf(copy), name));
+    }
+}
+
+}  // namespace backup2_admin

@@ -1,0 +1,30 @@
+/// What "backup2 run" says about one user's backup.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "sbin/backup2/entries.h"
+
+namespace backup2_admin {
+
+struct Report {
+    std::string user, date, kind;
+    std::string error;   ///< why there is no backup, else ""
+    bool empty = false;  ///< the panel names nothing to save
+    uint64_t bytes = 0, parts = 0, files = 0;
+    double seconds = 0;
+    std::vector<FlaggedEntry> flagged;
+    std::vector<std::string> removed;   ///< dates of backups that the limits took
+    bool copied = false;                ///< it is in the user's own storage, too
+    std::vector<std::string> warnings;  ///< the backup is complete, but ...
+};
+
+int StatusOf(const Report& report);  ///< of the program
+void Print(const Report& report);
+nlohmann::json Json(const Report& report);
+
+}  // namespace backup2_admin
