@@ -313,7 +313,8 @@ class Cloud:
             self.reset()
             return True
         # After these a client may repeat itself, with what is out of order then.
-        self.faulted |= name in ("fail", "cut", "hang", "trickle", "forget_uploads", "reset_cursors")
+        self.faulted |= name in ("fail", "cut", "hang", "trickle", "forget_uploads",
+                                 "reset_cursors")
         if name in ("expire", "revoke"):
             getattr(self.tokens, name)()
         elif name == "token_life":
@@ -398,7 +399,8 @@ class Cloud:
             if form.get("refresh_token") not in self.tokens.refresh:
                 raise Refusal(Reply(400, {"error": "invalid_grant",
                                           "error_description": "refresh token is invalid"}),
-                              "" if form.get("refresh_token") in self.tokens.known else "refresh_token")
+                              "" if form.get("refresh_token") in self.tokens.known
+                              else "a refresh token that was never given")
             return Reply(200, self.tokens.new(self.NEW_REFRESH_TOKEN))
 
     def token_state(self, request, scheme):
