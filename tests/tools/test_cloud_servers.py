@@ -287,6 +287,7 @@ class Strictness(Case):
             lambda: self.call("GET", api + "?pageSize=1001", want=400),
             lambda: self.call("GET", api + "?pageToken=x", want=400),
             lambda: self.call("GET", api + "?fields=files(id,md5)", want=400, says="md5"),
+            lambda: self.call("GET", api + "?fields=files(id", want=400, says="selection"),
             lambda: self.call("GET", "/drive/v3/about", want=400, says="fields"),
             lambda: self.call("GET", "/drive/v3/nothing", want=404),
             lambda: self.call("PUT", f"{api}/{folder}", want=405),
@@ -310,7 +311,8 @@ class Strictness(Case):
         twins = find("name = 'f' and ('root' in parents) and trashed=false and not mimeType = 'x/y'")["files"]
         self.assertEqual([set(twin) for twin in twins], [{"kind", "id", "name", "mimeType"}] * 2)
         self.assertEqual(len(find(r"name='it\'s \\ here'")["files"]), 1)
-        page = self.call("GET", api)[1]
+        page = self.call("GET", api + "?fields=files/id,nextPageToken")[1]
+        self.assertEqual([set(item) for item in page["files"]], [{"id"}] * 2)
         self.assertEqual(len(self.call("GET", f"{api}?pageToken={page['nextPageToken']}")[1]["files"]), 1)
         fields = self.call("GET", f"{api}/{twins[1]['id']}?fields=size,sha256Checksum")[1]
         self.assertEqual(fields, {"size": str(chunk + 3), "sha256Checksum": hashlib.sha256(bytes(chunk) + b"end").hexdigest()})
