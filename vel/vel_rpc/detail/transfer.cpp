@@ -139,7 +139,8 @@ private:
     std::exception_ptr thrown_;
     uint64_t sent_ = 0, received_ = 0;
     std::size_t header_bytes_ = 0;
-    bool enough_ = false;  // the answer's text is longer than anybody wants to read
+    bool headers_whole_ = false;  // libcurl takes headers that were cut for an answer
+    bool enough_ = false;         // the answer's text is longer than anybody wants to read
     Stall stall_;
     char reason_[CURL_ERROR_SIZE] = "";
 };
@@ -156,7 +157,7 @@ void Transfer::State::Prepare(const Request& request) {
     response_ = {};
     thrown_ = nullptr;
     sent_ = received_ = header_bytes_ = 0;
-    enough_ = false;
+    headers_whole_ = enough_ = false;
     reason_[0] = '\0';
     Set(CURLOPT_URL, request.url.c_str());
     SetLimits();
@@ -237,12 +238,13 @@ Outcome Transfer::State::Finish(CURLcode code) {
     outcome.response = std::move(response_);
     if (thrown_) {
         outcome.failure = thrown_;
-    } else if (code != CURLE_OK && !enough_) {
+    } else if ((code != CURLE_OK && !enough_) || !headers_whole_) {
         outcome.no_answer = true;
         const bool stalled = code == CURLE_ABORTED_BY_CALLBACK;
-        const std::string reason = stalled      ? "no byte came or went for too long"
-                                   : reason_[0] ? reason_
-                                                : curl_easy_strerror(code);
+        const std::string reason = stalled            ? "no byte came or went for too long"
+                                   : reason_[0]       ? reason_
+                                   : code == CURLE_OK ? "the answer is cut"
+                                                      : curl_easy_strerror(code);
         outcome.failure =
             std::make_exception_ptr(vel_err::Error("network", service_, OneLine(reason)));
     }
@@ -316,6 +318,7 @@ bool Transfer::State::TakeHeader(std::string_view line) {
     if (header_bytes_ > kMaxHeaders)
         throw vel_err::Error("network", service_, "the answer's headers are too long");
     if (line.starts_with("HTTP/")) response_ = {};  // the final answer follows an interim one
+    headers_whole_ = line == "\r\n" || line == "\n";
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos) return true;
     response_.headers[str::Lower(std::string(line.substr(0, colon)))] =
