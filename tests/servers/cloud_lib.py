@@ -214,7 +214,7 @@ class Tokens:
         self.reset()
 
     def reset(self):
-        self.life, self.refreshes = 14400, 0
+        self.life, self.refreshes, self.keep_refresh = 14400, 0, False
         self.access = {self.first[0]: time.monotonic() + self.life}
         self.refresh, self.known = {self.first[1]}, set(self.first)
 
@@ -238,9 +238,11 @@ class Tokens:
         self.known.add(token)
         answer = {"access_token": token, "token_type": "bearer", "expires_in": self.life}
         if replace_refresh:
-            self.refresh = {"r." + secrets.token_urlsafe(24)}
-            self.known |= self.refresh
-            answer["refresh_token"], = self.refresh
+            if not self.keep_refresh:
+                self.refresh.clear()
+            answer["refresh_token"] = "r." + secrets.token_urlsafe(24)
+            self.refresh.add(answer["refresh_token"])
+            self.known.add(answer["refresh_token"])
         return answer
 
 
