@@ -120,8 +120,7 @@ int S3::AbortStale(const std::string& path, int hours) {
         page = impl_->bucket.ListUploads(KeyOf(path), page);
         for (const S3Bucket::Unfinished& upload : page.uploads) {
             if (TimeOf(upload.began) > limit) continue;
-            impl_->bucket.AbortUpload(upload.key, upload.id);
-            ++aborted;
+            aborted += impl_->bucket.AbortUpload(upload.key, upload.id) ? 1 : 0;
         }
     } while (!page.next_key.empty());
     return aborted;

@@ -41,9 +41,9 @@ std::string WordsOfJson(const Json& json) {
 std::string WordsOfXml(const std::string& body) {
     try {
         const vel_xml::Xml xml = vel_xml::Xml::FromString(body);
-        std::string words = xml.GetNode("//*[local-name()='Code']").Str();
-        str::Append(words, xml.GetNode("//*[local-name()='Message']").Str(), ": ");
-        return words;
+        const std::string code = xml.GetNode("//*[local-name()='Code']").Str();
+        const std::string message = xml.GetNode("//*[local-name()='Message']").Str();
+        return message.empty() ? code : code + ": " + message;
     } catch (const vel_err::Error&) {
         return "";  // a page of some proxy: nothing that we may quote
     }

@@ -356,27 +356,28 @@ bool S3Bucket::CompleteUpload(const std::string& key, const std::string& id,
     return true;
 }
 
-void S3Bucket::AbortUpload(const std::string& key, const std::string& id) {
+bool S3Bucket::AbortUpload(const std::string& key, const std::string& id) {
     const Response response = http_.SendRetried(Make("DELETE", key, {{"uploadId", id}}));
     if (!response.Ok() && response.status != 404) Fail("abort upload of", key, response);
+    return response.Ok();
 }
 
 S3Bucket::UploadsPage S3Bucket::ListUploads(const std::string& prefix, const UploadsPage& last) {
-    Query query = {{"encoding-type", "url"}, {"prefix", prefix}, {"uploads", ""}};
+    // Not encoded: Ceph 16 would encode the keys without saying so.
+    Query query = {{"prefix", prefix}, {"uploads", ""}};
     if (!last.next_key.empty()) query["key-marker"] = last.next_key;
     if (!last.next_id.empty()) query["upload-id-marker"] = last.next_id;
     const vel_xml::Xml xml =
         AskXml("list uploads below", Make("GET", "", query), prefix, "ListMultipartUploadsResult");
     const vel_xml::XmlNode root = xml.GetRoot();
-    const Decoder decode(root);
     UploadsPage page;
     for (auto node = root.FirstChild(); node; node = node.Next()) {
         if (node.Name() != "Upload") continue;
         page.uploads.push_back(
-            {decode(Child(node, "Key")), Child(node, "UploadId"), Child(node, "Initiated")});
+            {Child(node, "Key"), Child(node, "UploadId"), Child(node, "Initiated")});
     }
     if (Child(root, "IsTruncated") != "true") return page;
-    page.next_key = decode(Child(root, "NextKeyMarker"));
+    page.next_key = Child(root, "NextKeyMarker");
     page.next_id = Child(root, "NextUploadIdMarker");
     if (page.next_key == last.next_key && page.next_id == last.next_id)
         throw vel_err::Error("storage", "refused", "S3: list uploads: it does not end");

@@ -66,7 +66,8 @@ public:
     /// False: the server does not know the upload (any more).
     bool CompleteUpload(const std::string& key, const std::string& id,
                         const std::vector<std::string>& etags);
-    void AbortUpload(const std::string& key, const std::string& id);
+    /// False: the server does not know the upload.
+    bool AbortUpload(const std::string& key, const std::string& id);
     UploadsPage ListUploads(const std::string& prefix, const UploadsPage& last);
 
     Http& Connection() { return http_; }
