@@ -42,10 +42,12 @@ std::set<std::string> NamesOf(const Backup& backup, const backup2::BackupToken& 
     return names;
 }
 
-/// True for a slice of any archive that the user had under this date.
-bool IsSliceOf(const std::string& name, const std::string& user) {
+/// True for a slice of any archive that the user had under this date, and for its index.
+bool IsArchiveOf(const std::string& name, const Backup& backup) {
     const bool marked = !name.empty() && std::string("FIC").find(name[0]) != std::string::npos;
-    return marked && name.find("." + user + ".tgz") == std::string("F2024-01-31").size();
+    const std::string tail = "." + backup.user + ".tgz";
+    return str::StartsWith(name, backup.date + tail) ||
+           (marked && name.find(tail) == std::string("F2024-01-31").size());
 }
 
 std::string FolderOf(const Backup& backup) {
@@ -99,8 +101,20 @@ PrivateCopy::PrivateCopy(vel_xml::Xml settings, vel_xml::XmlNode storage)
 bool PrivateCopy::Copy(const std::string& date) {
     const std::vector<Backup> missing = Missing(date);
     for (const Backup& backup : missing) CheckPassword(backup, admin_.token);
+    CheckBeforeReplacing(missing);
     for (const Backup& backup : missing) CopyOne(backup);
     return !missing.empty();
+}
+
+/// A storage that cannot be written (an empty mount point, say) looks as if it had lost its
+/// backups. Copying them again would fail, and the journal would then take what is there.
+void PrivateCopy::CheckBeforeReplacing(const std::vector<Backup>& missing) const {
+    for (const Backup& backup : missing) {
+        if (!vel_file::Exists(backup2::GetInfoFile(own_.local_dir, backup.user, backup.date)))
+            continue;
+        UseStorage(own_.token);
+        RunTool({"backup2_cp", "--check"}).ThrowIfFailed("the user's own storage");
+    }
 }
 
 std::vector<Backup> PrivateCopy::Missing(const std::string& date) const {
@@ -116,12 +130,14 @@ std::vector<Backup> PrivateCopy::Missing(const std::string& date) const {
 }
 
 /// The very same backup ("custom" may be another one by now), readable with the password of today.
+/// A storage that does not answer is a failure: a full backup that is there must not be copied
+/// again, and be taken back when that fails.
 bool PrivateCopy::IsComplete(const Backup& backup) const {
     const std::string path = backup2::GetInfoFile(own_.local_dir, backup.user, backup.date);
     if (!vel_file::Exists(path)) return false;
+    const auto stored = StoredNames(own_.token, FolderOf(backup));
     try {
         const Backup copy = ReadBackup(path);
-        const auto stored = StoredNames(own_.token, FolderOf(copy));
         const auto wanted = NamesOf(copy, own_.token);
         return copy.Get("finished") == backup.Get("finished") &&
                copy.Get("created") == backup.Get("created") &&
@@ -153,12 +169,12 @@ void PrivateCopy::CopyOne(Backup backup) {
     RemoveReplaced(GetBackup(own_.local_dir, backup.user, backup.date));
 }
 
-/// Slices that were stored before under the same date: of the last custom backup, or by the names
-/// that they had with another password.
+/// What was stored before under the same date: of the last custom backup, or by the names that it
+/// had with another password.
 void PrivateCopy::RemoveReplaced(const Backup& copy) const {
     const auto wanted = NamesOf(copy, own_.token);
     for (const std::string& name : StoredNames(own_.token, FolderOf(copy))) {
-        if (IsSliceOf(name, copy.user) && wanted.count(name) == 0)
+        if (IsArchiveOf(name, copy) && wanted.count(name) == 0)
             backup2::GetStorage(own_.token)->Delete(vel_file::ConcatPath(FolderOf(copy), name));
     }
 }

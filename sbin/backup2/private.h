@@ -40,6 +40,7 @@ public:
 
 private:
     std::vector<Backup> Missing(const std::string& date) const;
+    void CheckBeforeReplacing(const std::vector<Backup>& missing) const;
     bool IsComplete(const Backup& backup) const;
     void CopyOne(Backup backup);
     void RemoveReplaced(const Backup& copy) const;
