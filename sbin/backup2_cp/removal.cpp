@@ -69,6 +69,12 @@ void RemoveStored(const Target& target, const BackupName& backup) {
 
 // ---- This machine -------------------------------------------------------------------------------
 
+/// Also the lock of an info file, which a killed writer left.
+bool IsOwnHere(std::string bare, const BackupName& backup) {
+    if (str::EndsWith(bare, ".info.lock")) bare.resize(bare.size() - std::string(".lock").size());
+    return IsOwn(bare, backup);
+}
+
 /// Left-over slices, the index and the info file.
 void RemoveLocal(const Place& place) {
     std::list<std::string> paths;
@@ -76,7 +82,7 @@ void RemoveLocal(const Place& place) {
         if (!vel_file::Info(dir).IsDir()) continue;
         for (vel_file::Dir entry(dir, 2); entry.Next();) {
             const bool stale = dir == place.folder && IsLeftOver(entry.Name());
-            if (stale || IsOwn(entry.Name(), place.name)) paths.push_back(entry.Path());
+            if (stale || IsOwnHere(entry.Name(), place.name)) paths.push_back(entry.Path());
         }
     }
     paths.remove_if([&](const auto& path) { return vel_file::GoodPath(path) == place.info; });
