@@ -1,4 +1,5 @@
 #include <iostream>
+#include <list>
 #include <optional>
 #include <stdexcept>
 
@@ -144,13 +145,37 @@ private:
             }
         }
         if (decision.action == Action::kMark) return MarkDeleted(place);
-        if (!target_) target_ = Target::FromEnvironment(options_.user);
-        RemoveBackup(*target_, place);
+        RemoveBackup(Storage(), place);
+    }
+
+    /// Opened when something must go, and only once: nobody waits for a dead one again and again.
+    const Target& Storage() {
+        if (!broken_.empty()) throw std::runtime_error(broken_);
+        try {
+            if (!target_) Open();
+        } catch (const std::exception& e) {
+            broken_ = target_ ? target_->Redacted(e) : Reason(e);
+            throw std::runtime_error(broken_);
+        }
+        return *target_;
+    }
+
+    /// A storage that holds nothing at all is taken for one that is not mounted: what would be
+    /// removed from it now would stay there, and nobody would know.
+    void Open() {
+        target_ = Target::FromEnvironment(options_.user);
+        std::list<std::string> names;
+        target_->Retry("listing " + target_->Describe(), [&] {
+            names.clear();
+            target_->Open()->List(names, "");
+        });
+        if (names.empty()) throw std::runtime_error(target_->Describe() + " holds nothing");
     }
 
     const Options& options_;
     Report report_;
     std::optional<Target> target_;
+    std::string broken_;  // why the storage cannot be used
     int failed_ = 0;
 };
 

@@ -53,8 +53,7 @@ public:
         ApplySize();
         Outcome out{{}, std::move(unreachable_)};
         for (std::size_t i = 0; i < items_.size(); ++i) {
-            const std::string reason = items_[i].reason.empty() ? WhyKept(i) : items_[i].reason;
-            out.decisions.push_back({items_[i].action, reason});
+            out.decisions.push_back({items_[i].action, Reason(i)});
         }
         return out;
     }
@@ -182,7 +181,7 @@ private:
         }
         item.action = Action::kMark;
         item.deleted = true;
-        item.reason = reason + ", " + Increments(item.needed_by);
+        item.reason = reason;
         return true;
     }
 
@@ -333,7 +332,14 @@ private:
         unreachable_.push_back(what + ": " + list);
     }
 
-    std::string WhyKept(std::size_t i) {
+    std::string Reason(std::size_t i) const {
+        const Item& item = items_[i];
+        if (item.action == Action::kKeep) return WhyKept(i);
+        if (item.action == Action::kRemove) return item.reason;
+        return item.reason + ", " + Increments(item.needed_by);
+    }
+
+    std::string WhyKept(std::size_t i) const {
         const Item& item = items_[i];
         if (series_[i].state == State::kUnknown) return "nothing is known of it";
         if (series_[i].state == State::kWorking) return "it is being made";
