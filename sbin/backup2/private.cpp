@@ -71,7 +71,10 @@ Replay ClearBrokenCopies(const std::string& user, const std::string& admin_dir,
     vel_file::Remove(vel_file::ConcatPath(admin_dir, user, kFetched));
     Replay replay;
     const auto before = backup2::ReadCleanups(own_dir);
-    if (before.empty()) return replay;
+    if (before.empty()) {
+        const backup2::Lock stale(own_dir);  // the mark of a dead one goes with ours
+        return replay;
+    }
     const Done done = RunTool({"backup2_cp", "--cleanup", own_dir});
     const auto left = LinesOf(backup2::ReadCleanups(own_dir));
     for (const auto& item : before) {
