@@ -321,7 +321,7 @@ bool Dropbox::Impl::AddPages(const std::string& what, const std::string& target,
 void Dropbox::Impl::ListFolder(const std::string& path, std::vector<std::string>& out) {
     const std::string what = "list " + Shown(path);
     const std::string target = detail::JoinNames(detail::SplitNames(kService, path));
-    detail::Listing listing(what);
+    detail::Listing listing(kService, what);
     int resets = 0;
     try {
         while (!AddPages(what, target, listing)) {
@@ -352,7 +352,7 @@ void Dropbox::List(const std::string& path, std::vector<std::string>& out) {
     if (detail::IsFolderPath(path)) return impl_->ListFolder(path, out);
     const auto found = impl_->Find("list " + Shown(path), Target(path));
     if (!found || found->Text(".tag") != "file") return;
-    detail::Listing listing("list " + Shown(path));
+    detail::Listing listing(kService, "list " + Shown(path));
     listing.Add(found->Text("name"));
     out.insert(out.end(), listing.Found().begin(), listing.Found().end());
 }

@@ -201,7 +201,9 @@ void Upload::SendChunk() {
             ask = false;
             continue;
         }
-        ask = outcome.failure || account_.Judge(response) == Trouble::Busy;
+        // 400: the bytes were sent twice, for example by libcurl on a new connection.
+        ask = outcome.failure || account_.Judge(response) == Trouble::Busy ||
+              (!ask && response.status == 400);
         if (ask && patience.Wait(response)) continue;
         if (outcome.failure) std::rethrow_exception(outcome.failure);
         account_.Refuse(what_, response);
@@ -267,7 +269,7 @@ std::vector<Item> GoogleDrive::Impl::Search(const std::string& what, const std::
         account.Url(kFiles) + "?q=" + str::url::Encode(query + " and trashed=false") +
         "&pageSize=1000&fields=nextPageToken,files(id,name,mimeType,createdTime)";
     std::vector<Item> items;
-    detail::Listing ids(what);
+    detail::Listing ids(kService, what);
     for (std::string token;;) {
         Request request;
         request.url = first + (token.empty() ? "" : "&pageToken=" + str::url::Encode(token));
@@ -413,7 +415,7 @@ int GoogleDrive::Put(const std::string& path, std::istream& in, const std::strin
 void GoogleDrive::List(const std::string& path, std::vector<std::string>& out) {
     const std::string what = "list " + Shown(path);
     const Names names = detail::SplitNames(kService, path);
-    detail::Listing listing(what);
+    detail::Listing listing(kService, what);
     for (const Item& item :
          detail::IsFolderPath(path) ? impl_->Children(what, names) : impl_->Files(what, names)) {
         listing.Add(item.name);

@@ -88,6 +88,7 @@ private:
 struct Sent {
     uint64_t size = 0;
     std::string md5;
+    std::exception_ptr no_answer;  // all was sent, but nothing came back
 };
 
 }  // namespace
@@ -258,7 +259,7 @@ Sent Yandex::Impl::Send(const std::string& what, const Names& target, std::istre
 Sent Yandex::Impl::SendSmall(const std::string& what, const Names& target, std::string bytes) {
     vel_hash::Hash md5(vel_hash::HashType::Md5);
     md5.Update(bytes);
-    const Sent sent{bytes.size(), str::hex::Encode(md5.Str())};
+    const Sent sent{bytes.size(), str::hex::Encode(md5.Str()), nullptr};
     Request request;
     request.method = "PUT";
     request.headers = {"Content-Type: application/octet-stream"};
@@ -267,9 +268,12 @@ Sent Yandex::Impl::SendSmall(const std::string& what, const Names& target, std::
         request.url = UploadAddress(what, target);
         const Outcome outcome = account.TryUnnamed(request);
         if (!outcome.failure && outcome.response.Ok()) return sent;
-        const bool busy =
-            outcome.failure ? outcome.no_answer : account.Judge(outcome.response) == Trouble::Busy;
-        if (busy && patience.Wait(outcome.response)) continue;
+        const Trouble trouble = account.Judge(outcome.response);
+        // Missing: the address was used already, for example by libcurl on another connection.
+        const bool again = outcome.failure
+                               ? outcome.no_answer
+                               : trouble == Trouble::Busy || trouble == Trouble::Missing;
+        if (again && patience.Wait(outcome.response)) continue;
         if (outcome.failure) std::rethrow_exception(outcome.failure);
         account.Refuse(what, outcome.response);
     }
@@ -292,7 +296,7 @@ Sent Yandex::Impl::SendLong(const std::string& what, const Names& target, std::s
     const bool lost = outcome.failure && outcome.no_answer && bytes.AllGiven();
     if (outcome.failure && !lost) std::rethrow_exception(outcome.failure);
     if (!lost && !outcome.response.Ok()) account.Refuse(what, outcome.response);
-    return {bytes.Size(), bytes.Md5()};
+    return {bytes.Size(), bytes.Md5(), outcome.failure};
 }
 
 /// False while the service has not finished with the file.
@@ -306,7 +310,9 @@ bool Yandex::Impl::IsStored(const std::string& what, const Names& path, const Se
 void Yandex::Impl::AwaitStored(const std::string& what, const Names& path, const Sent& sent) {
     detail::Patience patience(kPausesForFile * (1 + (sent.size >> 30)));
     while (!IsStored(what, path, sent)) {
-        if (!patience.Wait()) account.Refuse(what, "the service does not show the sent file");
+        if (patience.Wait()) continue;
+        if (sent.no_answer) std::rethrow_exception(sent.no_answer);
+        account.Refuse(what, "the service does not show the sent file");
     }
 }
 
@@ -333,7 +339,7 @@ int Yandex::Put(const std::string& path, std::istream& in, const std::string&) {
 void Yandex::List(const std::string& path, std::vector<std::string>& out) {
     const std::string what = "list " + Shown(path);
     const Names names = detail::SplitNames(kService, path);
-    detail::Listing listing(what);
+    detail::Listing listing(kService, what);
     if (detail::IsFolderPath(path)) {
         try {
             impl_->ListFolder(what, names, listing);

@@ -5,7 +5,6 @@
 #include <istream>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace vel_rpc::detail {
@@ -28,7 +27,8 @@ bool IsFolderPath(const std::string& path);  ///< ends in "/", or is empty
 /// The names of one listing, as they come from the server.
 class Listing {
 public:
-    explicit Listing(std::string what) : what_(std::move(what)) {}
+    /// Both are for messages: "Dropbox", "list /a".
+    Listing(const std::string& service, const std::string& what) : what_(service + ": " + what) {}
     /// Both throw vel_err::Error("storage", "refused"): for a name that is no bare name, and when
     /// the listing does not end within reason.
     void Add(const std::string& name);
@@ -37,7 +37,7 @@ public:
     const std::set<std::string>& Found() const { return names_; }
 
 private:
-    std::string what_;
+    const std::string what_;
     std::set<std::string> names_;
     std::size_t names_before_ = 0;  // that the last page with news ended with
     int idle_pages_ = 0;
