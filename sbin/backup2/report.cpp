@@ -40,6 +40,8 @@ void Print(const Report& report) {
     for (const auto& warning : report.warnings) std::cout << title << warning << std::endl;
 }
 
+namespace {
+
 nlohmann::json Json(const Report& report) {
     nlohmann::json json = {{"user", report.user}, {"date", report.date}};
     if (!report.error.empty()) {
@@ -59,6 +61,14 @@ nlohmann::json Json(const Report& report) {
     json["copied"] = report.copied;
     json["warnings"] = report.warnings;
     return json;
+}
+
+}  // namespace
+
+void PrintAsJson(const std::vector<Report>& reports) {
+    nlohmann::json rows = nlohmann::json::array();
+    for (const Report& report : reports) rows.push_back(Json(report));
+    PrintJson(rows);
 }
 
 }  // namespace backup2_admin

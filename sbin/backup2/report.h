@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include <nlohmann/json_fwd.hpp>
-
 #include "sbin/backup2/entries.h"
 
 namespace backup2_admin {
@@ -25,6 +23,6 @@ struct Report {
 
 int StatusOf(const Report& report);  ///< of the program
 void Print(const Report& report);
-nlohmann::json Json(const Report& report);
+void PrintAsJson(const std::vector<Report>& reports);
 
 }  // namespace backup2_admin

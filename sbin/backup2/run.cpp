@@ -7,7 +7,6 @@
 #include <optional>
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 
 #include "vel/str.h"
 #include "vel/vel_date.h"
@@ -23,7 +22,6 @@
 #include "sbin/backup2/custom.h"
 #include "sbin/backup2/job.h"
 #include "sbin/backup2/leftovers.h"
-#include "sbin/backup2/output.h"
 #include "sbin/backup2/progress.h"
 #include "sbin/backup2/report.h"
 
@@ -250,17 +248,13 @@ int Run(const Options& options) {
     // begins.
     std::signal(SIGINT, [](int) { interrupted = 1; });
     int status = vel_tool::kDone;
-    nlohmann::json reports = nlohmann::json::array();
+    std::vector<Report> reports;
     for (const std::string& user : users) {
-        const Report report = RunOne(user, date);
-        status = WorseStatus(status, StatusOf(report));
-        if (options.json) {
-            reports.push_back(Json(report));
-        } else {
-            Print(report);
-        }
+        reports.push_back(RunOne(user, date));
+        status = WorseStatus(status, StatusOf(reports.back()));
+        if (!options.json) Print(reports.back());
     }
-    if (options.json) PrintJson(reports);
+    if (options.json) PrintAsJson(reports);
     return status;
 }
 
