@@ -7,6 +7,7 @@ import os
 import pathlib
 import random
 import shutil
+import signal
 import tempfile
 import time
 import unittest
@@ -171,7 +172,8 @@ class PrivateCopies(unittest.TestCase):
         for info in self.local.glob(f"{USER}/{SECOND}/*.info"):
             text = info.read_text()
             self.assertIn(f"base={USER}/{FIRST}/F{FIRST}.{USER}.tgz.aes\n", text)
-            info.write_text(text.replace(f"base={USER}/{FIRST}/", "base=").replace(".tgz.aes\ncreated", ".tgz\ncreated"))
+            text = text.replace(f"base={USER}/{FIRST}/", "base=")
+            info.write_text(text.replace(".tgz.aes\ncreated", ".tgz\ncreated"))
         self.backup2("delete", USER, SECOND, "--private")
         self.backup2("copy", USER)
         self.assert_restores(SECOND, state, "--private")
@@ -241,6 +243,23 @@ class PrivateCopies(unittest.TestCase):
         self.assertIn("no storage of his own", self.backup2("copy", OTHER, expect=1))
         for words in ([], [USER, "--all"], [USER, "--date", "2024-02-30"]):
             self.backup2("copy", *words, expect=2)
+
+    def test_a_copy_that_is_being_made_is_left_alone(self):
+        self.panel.command(["storage", "remove", "--user", USER])
+        state = self.make(FIRST, 300_000)
+        self.use_own(OWN_PASSWORD)
+        process = backup2_test.start(["backup2", "copy", USER])
+        journal, until = self.tree / ".cleanup", time.monotonic() + 60
+        while not (journal.exists() and journal.read_text()) and time.monotonic() < until:
+            time.sleep(0.001)
+        process.send_signal(signal.SIGSTOP)
+        self.assertIn("another process", self.backup2("cleanup", expect=3))
+        self.assertIn("another process", self.backup2("copy", USER, expect=1))
+        self.assertIn("being made", run(["backup2_cp", "--cleanup", self.tree]).stderr)
+        process.send_signal(signal.SIGCONT)
+        self.assertEqual((process.communicate(timeout=60)[1], process.returncode), ("", 0))
+        self.assert_restores(FIRST, state, "--private")
+        self.assert_tidy()
 
     # ---- Killed ---------------------------------------------------------------------------------
 
