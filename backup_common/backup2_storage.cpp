@@ -373,7 +373,10 @@ void DecodeRemote(std::vector<std::string> ssh, const std::string& password,
     pipe.Out().Close();
     vel_proc::Execute decoder(kDecoder + " -out " + vel_proc::Escape(plain), vel_proc::kStream);
     decoder.SetEnv(kDecoderVariable, password).RedirectInTo(pipe.In());
+    decoder.Run();
     pipe.In().Close();
+    // First the end that another machine keeps talking: its messages must be taken for it to go on.
+    source.Result();
     if (decoder.Result() != 0) FailToDecode();
 }
 

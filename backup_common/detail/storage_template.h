@@ -40,6 +40,7 @@ private:
         return vel_file::ConcatPath(base_, dir, "/");
     }
 
+    static inline const vel_log::Module log_{"backup"};
     Client client_;
     std::string base_;
 };
@@ -56,17 +57,16 @@ bool StorageTemplate<Client>::PutArch(const std::string& name, std::istream& in)
 
 template <class Client>
 void StorageTemplate<Client>::Delete(const std::string& name) {
-    static const vel_log::Module logger("backup");
     try {
         std::vector<std::string> found;
         client_.List(Full(name), found);
         if (found.empty()) {
-            logger.Write(9, "%s:%d Content is empty", "backup2_storage.cpp", 137);
+            log_.Write(9, "%s:%d Content is empty", "backup2_storage.cpp", 137);
             return;
         }
         client_.Delete(Full(name));
     } catch (const std::exception&) {
-        logger.Write(4, "Failed to find file on storage");
+        log_.Write(4, "Failed to find file on storage");
     }
 }
 
@@ -85,8 +85,8 @@ void StorageTemplate<Client>::RmDir(const std::string& dir) {
         std::list<std::string> left;
         List(left, parent);
         if (left.empty()) client_.RmDir(FullDir(parent));
-    } catch (const std::exception&) {
-        // What could not be removed is found again, and removed, by the next clean-up.
+    } catch (const std::exception& e) {
+        log_.Write(6, "Cannot remove '%s': %s", dir, e.what());
     }
 }
 
