@@ -18,7 +18,9 @@ using Kind = Backup::Kind;
 using State = Backup::State;
 using Series = std::vector<Backup>;
 
-std::string Day(int number) { return vel_date::Date("2023-12-20").AddDays(number).AsDate(); }
+std::string Day(std::size_t number) {
+    return vel_date::Date("2023-12-20").AddDays(static_cast<int>(number)).AsDate();
+}
 
 std::string Week(const std::string& day) {
     vel_date::Date date(day);
@@ -39,7 +41,7 @@ struct History {
         }
         if (Chance(50)) policy.count_limit = Roll(12);
         if (Chance(50)) policy.size_limit = Roll(600);
-        const int days = static_cast<int>(series.size()) + 3;
+        const std::size_t days = series.size() + 6;
         if (Chance(70)) policy.date = Chance(10) ? "custom" : Day(days - Roll(6));
     }
     Outcome Decide() const {
@@ -47,14 +49,14 @@ struct History {
                                   [&](const Backup& b) { return in_use.count(b.date) > 0; });
     }
     bool Chance(unsigned percent) { return dice() % 100 < percent; }
-    int Roll(unsigned sides) { return static_cast<int>(dice() % sides) + 1; }
+    unsigned Roll(unsigned sides) { return static_cast<unsigned>(dice() % sides) + 1; }
 
     void Fill() {
         std::string base;
-        const int days = Roll(60);
-        for (int day = 0; day < days; ++day) {
+        const unsigned days = Roll(60);
+        for (unsigned day = 0; day < days; ++day) {
             if (Chance(10)) continue;
-            Backup b{Day(day), Day(day), "", static_cast<uint64_t>(Chance(10) ? 0 : Roll(100))};
+            Backup b{Day(day), Day(day), "", Chance(10) ? 0 : Roll(100)};
             if (base.empty() || Week(base) != Week(b.day) || Chance(3)) base = b.day;
             if (base != b.day) b.kind = Kind::kIncremental, b.base = base;
             b.state = Chance(4) ? State::kBroken : Chance(3) ? State::kUnknown : State::kComplete;
