@@ -137,6 +137,7 @@ private:
     std::string FinishArgument() const;
     Response Send(const std::string& function, MakeArgument argument);
     Json Expect(const Response& response) const;
+    std::optional<Json> FindStored();
     Json Finish();
 
     detail::Account& account_;
@@ -237,15 +238,25 @@ Json Upload::Run() {
     return Finish();
 }
 
+/// The stored file, when it is the one that was sent.
+std::optional<Json> Upload::FindStored() {
+    Request request = Rpc(account_, "files/get_metadata", PathArgument(target_));
+    const Response response = account_.Call(request);
+    if (!response.Ok() && account_.Judge(response) == Trouble::Missing) return std::nullopt;
+    Json there = Expect(response);
+    const bool ours = there.Text(".tag") == "file" && Matches(there);
+    return ours ? std::optional<Json>(std::move(there)) : std::nullopt;
+}
+
 Json Upload::Finish() {
     const Response response = Send("upload_session/finish", &Upload::FinishArgument);
-    // The session is gone when the answer to the first attempt was lost.
-    if (str::StartsWith(ReadFailure(response).tags, "lookup_failed/")) {
-        const Json there =
-            account_.Ask(what_, Rpc(account_, "files/get_metadata", PathArgument(target_)));
-        if (there.Text(".tag") == "file" && Matches(there)) return there;
-    }
-    return Expect(response);
+    if (!str::StartsWith(ReadFailure(response).tags, "lookup_failed/")) return Expect(response);
+    // The session is gone: the answer to an earlier attempt was lost, and its work may go on.
+    detail::Patience patience;
+    do {
+        if (std::optional<Json> stored = FindStored()) return std::move(*stored);
+    } while (patience.Wait());
+    account_.Refuse(what_, response);
 }
 
 }  // namespace

@@ -228,7 +228,7 @@ void Yandex::Impl::Put(const std::string& path, std::istream& in) {
         try {
             RemoveForGood(what, temporary);
         } catch (const vel_err::Error& e) {
-            logger.Write(4, "%s: %s is left behind: %s", what, detail::JoinNames(temporary),
+            logger.Write(4, "%s: %s is left behind: %s", what, Shown(detail::JoinNames(temporary)),
                          e.what());
         }
         throw;

@@ -147,6 +147,8 @@ void Account::Fetch(const std::string& what, Request request, std::ostream& out)
         if (response.Ok()) return;
         std::string target = response.Header("location");
         const bool follow = IsRedirect(response) && request.method == "GET" && !target.empty();
+        // An address that never saw the token says nothing about it.
+        if (response.status == 401 && !MaySeeToken(request.url)) Refuse(what, "401 elsewhere");
         if (!follow) Refuse(what, response);
         if (str::StartsWith(target, "/") && !str::StartsWith(target, "//")) {
             target = Origin(request.url) + target;
