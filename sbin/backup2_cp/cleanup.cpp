@@ -6,6 +6,8 @@
 #include "vel/vel_env.h"
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
+#include "vel/vel_log.h"
+#include "vel/vel_rpc/s3.h"
 
 #include "backup_common/backup2_misc.h"
 #include "backup_common/backup2_qortar.h"
@@ -19,6 +21,8 @@ namespace backup2_cp {
 
 namespace {
 
+const vel_log::Module logger("backup2_cp");
+
 /// The info file of the named backup in the tree; checks that the journal's words are a name.
 Place PlaceIn(const std::string& tree, const backup2::PendingCleanup& item) {
     const std::string bare = item.date + "." + item.name + ".info";
@@ -30,11 +34,26 @@ Place PlaceIn(const std::string& tree, const backup2::PendingCleanup& item) {
     return PlaceOf(vel_file::ConcatPath(tree, user, name->date + "/" + bare));
 }
 
+/// Uploads in parts that a killed program left take room, and no listing of files shows them. Keys
+/// without the right to see them are no reason to keep the backup's line.
+void SweepUploads(const Target& target, const BackupName& name) {
+    constexpr int kAllHours = -1;  // servers round the time of a beginning up
+    const backup2::BackupToken& token = target.Token();
+    if (!backup2::IsS3Type(token.Type())) return;
+    try {
+        vel_rpc::S3 s3(token.GetParam("token"));
+        s3.AbortStale(vel_file::ConcatPath(token.GetParam("path"), name.Folder(), "/"), kAllHours);
+    } catch (const std::exception& e) {
+        logger.Write(4, "unfinished uploads may be left: %s", target.Redacted(e));
+    }
+}
+
 void Undo(const std::string& tree, const backup2::PendingCleanup& item) {
     const Place place = PlaceIn(tree, item);
     const Target target{backup2::BackupToken(item.token)};
     try {
         RemoveBackup(target, place);
+        SweepUploads(target, place.name);
     } catch (const std::exception& e) {
         throw std::runtime_error(target.Redacted(e));
     }
