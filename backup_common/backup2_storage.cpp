@@ -16,9 +16,14 @@
 #include "vel/vel_hash.h"
 #include "vel/vel_log.h"
 #include "vel/vel_proc.h"
+#include "vel/vel_rpc/dropbox.h"
+#include "vel/vel_rpc/google_drive.h"
+#include "vel/vel_rpc/s3.h"
+#include "vel/vel_rpc/yandex.h"
 #include "vel/vel_user.h"
 
 #include "backup_common/backup2_misc.h"
+#include "backup_common/detail/storage_template.h"
 
 namespace backup2 {
 namespace {
@@ -602,6 +607,11 @@ bool IsS3Type(const std::string& type) { return type == "s3" || type == "amazon"
 
 std::shared_ptr<Storage> GetStorage(const BackupToken& token) {
     const std::string type = token.Type();
+    if (type == "dropbox") return std::make_shared<StorageTemplate<vel_rpc::Dropbox>>(token);
+    if (type == "yandex") return std::make_shared<StorageTemplate<vel_rpc::Yandex>>(token);
+    if (type == "googledrive")
+        return std::make_shared<StorageTemplate<vel_rpc::GoogleDrive>>(token);
+    if (IsS3Type(type)) return std::make_shared<StorageTemplate<vel_rpc::S3>>(token);
     if (type == "local") return std::make_shared<LocalStorage>(token);
     if (type == "node") return std::make_shared<RemoteStorage>(token);
     if (type == "sftp") return std::make_shared<SftpStorage>(token);

@@ -1,3 +1,11 @@
+#include <sstream>
+
+#include "vel/str.h"
+#include "vel/vel_rpc/dropbox.h"
+#include "vel/vel_rpc/google_drive.h"
+#include "vel/vel_rpc/s3.h"
+#include "vel/vel_rpc/yandex.h"
+
 #include "backup_common/backup2_misc.h"
 
 #include "tests/contract/storage_contract.h"
@@ -67,6 +75,45 @@ public:
     }
 };
 
+/// A cloud's stand-in, or a real S3 server; what is stored is read by the client itself.
+template <class Client>
+class CloudSite final : public Site {
+public:
+    CloudSite(Server& server, std::string type)
+        : credential_(CredentialFor(server)), type_(std::move(type)) {}
+    ~CloudSite() override { Client(credential_).RmDir(base_ + "/"); }
+    backup2::BackupToken Token() const override {
+        return backup2::BackupToken("type=" + type_ + ";token=" + credential_ + ";path=" + base_);
+    }
+    std::string Stored(const std::string& name) const override {
+        std::ostringstream bytes;
+        Client(credential_).Get(base_ + "/" + name, bytes);
+        return bytes.str();
+    }
+
+private:
+    static std::string CredentialFor(Server& server) {
+        if (!server["credential"].empty()) return server["credential"];
+        std::string json;
+        for (const std::string name :
+             {"api", "access_token", "refresh_token", "client_id", "client_secret"}) {
+            json += (json.empty() ? "{\"" : ",\"") + name + "\":\"" + server[name] + "\"";
+        }
+        return str::base64::Encode(json + "}");
+    }
+
+    const std::string credential_, type_, base_ = "/a b'c";
+};
+
+template <class Client>
+std::function<std::unique_ptr<Site>()> StartCloud(const std::string& type,
+                                                  const std::string& script) {
+    return [type, script]() -> std::unique_ptr<Site> {
+        static Server server(script);  // one for each client
+        return std::make_unique<CloudSite<Client>>(server, type);
+    };
+}
+
 template <class Kind>
 std::unique_ptr<Site> Start() {
     return std::make_unique<Kind>();
@@ -78,6 +125,7 @@ std::function<std::unique_ptr<Site>()> StartWith(Arguments... arguments) {
 }
 
 constexpr char kPassword[] = "canary pass'word$(x)";
+constexpr char kNotUtf8[] = "\xff", kControls[] = "\n\x01";
 // Listings are lines, and scp reads the path of a download as a pattern.
 constexpr char kNotThroughLs[] = "\n", kNotThroughScp[] = "\n*?[]\\";
 
@@ -110,5 +158,32 @@ std::vector<Backend> Backends() {
          .password = kPassword,
          .reports_dead_encoder = false,
          .forbidden_bytes = kNotThroughLs},
+        {.name = "dropbox",
+         .start = StartCloud<vel_rpc::Dropbox>("dropbox", "dropbox"),
+         .password = kPassword,
+         .lists_files = false,
+         .forbidden_bytes = kNotUtf8},
+        {.name = "yandex",
+         .start = StartCloud<vel_rpc::Yandex>("yandex", "yandex"),
+         .password = "",
+         .lists_files = false,
+         .forbidden_bytes = kNotUtf8},
+        {.name = "googledrive",
+         .start = StartCloud<vel_rpc::GoogleDrive>("googledrive", "google_drive"),
+         .password = kPassword,
+         .lists_files = false,
+         .forbidden_bytes = kNotUtf8},
+        {.name = "s3",
+         .start = StartCloud<vel_rpc::S3>("s3", "s3_ceph"),
+         .password = "",
+         .lists_files = false,
+         .keeps_empty_dirs = false,
+         .forbidden_bytes = kControls},
+        {.name = "amazon_encrypted",
+         .start = StartCloud<vel_rpc::S3>("amazon", "s3_ceph"),
+         .password = kPassword,
+         .lists_files = false,
+         .keeps_empty_dirs = false,
+         .forbidden_bytes = kControls},
     };
 }

@@ -30,6 +30,8 @@ struct Backend {
     std::string password;                   // of the archives, "" = stored as they are
     bool delete_of_missing_throws = false;  // most do not care
     bool reports_dead_encoder = true;       // or only logs it, as the sizes will tell
+    bool lists_files = true;                // or directories only
+    bool keeps_empty_dirs = true;           // where directories are no more than parts of names
     std::string forbidden_bytes = {};       // that names of files cannot hold there
 };
 
