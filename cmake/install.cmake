@@ -15,3 +15,8 @@ function(backup2_program name)
     INSTALL_RPATH "$ORIGIN/../lib")
   install(TARGETS ${name} RUNTIME DESTINATION sbin)
 endfunction()
+
+# Limits for ssh and scp. Below the install root it is only a template (docs/storage.md); packages
+# put it where ssh reads it.
+set(BACKUP2_SSH_CONFIG_DIR share/ssh_config.d CACHE STRING "Folder for ssh's configuration")
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/ssh_config.d/backup2.conf DESTINATION ${BACKUP2_SSH_CONFIG_DIR})
