@@ -441,8 +441,10 @@ protected:
         return result;
     }
     static std::unique_ptr<vel_rpc::Cloud> Open(const EvilServer& api) {
-        return GetParam().open(str::base64::Encode(
-            json{{"api", api.Url()}, {"access_token", "T"}, {"refresh_token", "R"}}.dump()));
+        return GetParam().open(str::base64::Encode(json{
+            {"api", api.Url()},
+            {"access_token", "SECRET"},
+            {"refresh_token", "SECRET2"}}.dump()));
     }
 
     EnvGuard retry_{"BACKUP2_RETRY_MS", "2"};
@@ -476,6 +478,16 @@ TEST_P(CloudAnswers, OfTheWrongShapeAreErrorsThatNameTheService) {
             EXPECT_TRUE(str::StartsWith(failure, "storage|refused|" + GetParam().service))
                 << failure;
         }
+    }
+}
+
+TEST_P(CloudAnswers, ThatQuoteTheTokenDoNotBringItIntoTheError) {
+    for (const char* status : {"400 Bad Request", "401 Unauthorized", "409 Conflict"}) {
+        EvilServer api({{Answer(status, R"({"error":"SECRET","message":"no SECRET2"})")}});
+        const auto cloud = Open(api);
+        const std::string failure = Failure([&] { cloud->MkPath("/x"); });
+        EXPECT_NE(failure, "none");
+        EXPECT_EQ(failure.find("SECRET"), std::string::npos) << failure;
     }
 }
 

@@ -320,7 +320,7 @@ template <class Find>
 auto GoogleDrive::Impl::WithFreshIds(const Find& find) {
     if (!folders_.empty()) {
         try {
-            const auto found = find();
+            auto found = find();
             if (!found.empty()) return found;
         } catch (const detail::Missing&) {  // looked for again below
         }
@@ -362,7 +362,7 @@ std::string GoogleDrive::Impl::FolderForNew(const std::string& what, const Names
     request.headers = {kJsonType};
     request.body = Metadata(path.back(), FolderForNew(what, detail::Parent(path)),
                             ",\"mimeType\":" + Quoted(kFolderType));
-    const std::string id = account.Ask(what, request).Text("id");
+    std::string id = account.Ask(what, request).Text("id");
     folders_[path] = {id};
     return id;
 }
@@ -380,8 +380,9 @@ void GoogleDrive::Impl::Put(const std::string& path, std::istream& in) {
     Upload upload(account, what, in);
     const std::vector<Item> old = Files(what, names);
     WithFreshIds([&] {
-        upload.Start(FolderForNew(what, detail::Parent(names)), names.back());
-        return names;
+        std::string folder = FolderForNew(what, detail::Parent(names));
+        upload.Start(folder, names.back());
+        return folder;
     });
     upload.Finish();
     for (const Item& item : old) {

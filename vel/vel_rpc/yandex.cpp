@@ -259,7 +259,7 @@ Sent Yandex::Impl::Send(const std::string& what, const Names& target, std::istre
 Sent Yandex::Impl::SendSmall(const std::string& what, const Names& target, std::string bytes) {
     vel_hash::Hash md5(vel_hash::HashType::Md5);
     md5.Update(bytes);
-    const Sent sent{bytes.size(), str::hex::Encode(md5.Str()), nullptr};
+    Sent sent{bytes.size(), str::hex::Encode(md5.Str()), nullptr};
     Request request;
     request.method = "PUT";
     request.headers = {"Content-Type: application/octet-stream"};

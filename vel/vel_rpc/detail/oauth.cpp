@@ -151,7 +151,7 @@ void Account::Fetch(const std::string& what, Request request, std::ostream& out)
         if (response.status == 401 && !MaySeeToken(request.url)) Refuse(what, "401 elsewhere");
         if (!follow) Refuse(what, response);
         if (str::StartsWith(target, "/") && !str::StartsWith(target, "//")) {
-            target = Origin(request.url) + target;
+            target.insert(0, Origin(request.url));
         }
         CheckTarget(what, request.url, target);
         request.url = target;
