@@ -17,6 +17,7 @@
 #include "vel/vel_log.h"
 #include "vel/vel_proc.h"
 #include "vel/vel_rpc/dropbox.h"
+#include "vel/vel_rpc/ftp.h"
 #include "vel/vel_rpc/google_drive.h"
 #include "vel/vel_rpc/s3.h"
 #include "vel/vel_rpc/yandex.h"
@@ -318,6 +319,82 @@ void LocalStorage::Clear() {
 
 }  // namespace
 
+// ---- FTP storage --------------------------------------------------------------------------------
+
+namespace {
+
+class FtpStorage final : public Storage {
+public:
+    explicit FtpStorage(const BackupToken& token);
+
+    void GetArch(const std::string& name, std::ostream& out) override { ftp_.Get(Full(name), out); }
+    bool PutArch(const std::string& name, std::istream& in) override;
+    void Delete(const std::string& name) override;
+    void List(std::list<std::string>& out, const std::string& dir) override;
+    void RealMkDir(const std::string& full_path) override;
+    void RmDir(const std::string& dir) override;
+
+private:
+    std::string Full(const std::string& name) const { return vel_file::ConcatPath(base_, name); }
+
+    vel_rpc::Ftp ftp_;
+    std::string base_;
+};
+
+vel_rpc::Ftp FtpClientOf(const BackupToken& token) {
+    constexpr int kTimeoutSeconds = 60;
+    const std::string port = token.GetParam("port");
+    const std::string address = token.GetParam("url") + (port.empty() ? "" : ":" + port);
+    return vel_rpc::Ftp(address, token.GetParam("username"),
+                        str::base64::Decode(token.GetParam("password")), kTimeoutSeconds);
+}
+
+FtpStorage::FtpStorage(const BackupToken& token)
+    : Storage(token), ftp_(FtpClientOf(token)), base_(token.GetParam("path")) {
+    constexpr int kActive = 0, kPassive = 1;
+    ftp_.SetMode(token.GetParam("mode") == "active" ? kActive : kPassive);
+}
+
+bool FtpStorage::PutArch(const std::string& name, std::istream& in) {
+    if (!ftp_.Put(in, Full(name))) throw vel_err::Error("ftp_put_failed");
+    return true;
+}
+
+void FtpStorage::Delete(const std::string& name) {
+    try {
+        ftp_.Delete(Full(name));
+    } catch (const vel_err::Error& e) {  // mostly a file that is not there
+        logger.Write(6, "Cannot delete '%s': %s", name, e.what());
+    }
+}
+
+void FtpStorage::List(std::list<std::string>& out, const std::string& dir) {
+    ftp_.List(vel_file::ConcatPath(base_, dir, "/"), out);
+    out.remove_if([](const std::string& name) { return name == "." || name == ".."; });
+}
+
+void FtpStorage::RealMkDir(const std::string& full_path) {
+    std::list<std::string> paths;  // from the outermost
+    for (std::string path = full_path; !path.empty(); path = vel_file::SplitPath(path).dir) {
+        paths.push_front(path);
+    }
+    for (const std::string& path : paths) ftp_.MkPath(path);
+}
+
+void FtpStorage::RmDir(const std::string& dir) {
+    try {
+        const std::string parent = vel_file::SplitPath(dir).dir;
+        ftp_.Delete(Full(dir));
+        std::list<std::string> left;
+        List(left, parent);
+        if (left.empty()) ftp_.Delete(Full(parent));
+    } catch (const std::exception& e) {
+        logger.Write(6, "Cannot remove '%s': %s", dir, e.what());
+    }
+}
+
+}  // namespace
+
 // ---- Storages behind ssh: what both kinds do alike ----------------------------------------------
 
 namespace {
@@ -612,6 +689,7 @@ std::shared_ptr<Storage> GetStorage(const BackupToken& token) {
     if (type == "googledrive")
         return std::make_shared<StorageTemplate<vel_rpc::GoogleDrive>>(token);
     if (IsS3Type(type)) return std::make_shared<StorageTemplate<vel_rpc::S3>>(token);
+    if (type == "ftp") return std::make_shared<FtpStorage>(token);
     if (type == "local") return std::make_shared<LocalStorage>(token);
     if (type == "node") return std::make_shared<RemoteStorage>(token);
     if (type == "sftp") return std::make_shared<SftpStorage>(token);

@@ -75,6 +75,37 @@ public:
     }
 };
 
+/// A folder behind an FTP server.
+class FtpSite final : public Site {
+public:
+    /// `scheme`: before the address, "ftpes://" wants TLS.
+    FtpSite(Server& server, const std::string& scheme, const std::string& mode)
+        : token_("type=ftp;url=" + scheme + server["host"] + ";port=" + server["port"] +
+                 ";username=" + server["user"] + ";password=" +
+                 str::base64::Encode(server["password"]) + ";mode=" + mode + ";path=/a b'c"),
+          base_(server["root"] + "/a b'c"),
+          authority_("BACKUP2_CA_FILE", server["ca"]) {}
+    ~FtpSite() override { std::filesystem::remove_all(base_); }
+    backup2::BackupToken Token() const override { return backup2::BackupToken(token_); }
+    std::string Stored(const std::string& name) const override {
+        return ReadFile(base_ + "/" + name);
+    }
+
+private:
+    const std::string token_, base_;
+    const EnvGuard authority_;
+};
+
+std::unique_ptr<Site> StartActiveFtp() {
+    static Server server("pureftpd");
+    return std::make_unique<FtpSite>(server, "", "active");
+}
+
+std::unique_ptr<Site> StartPassiveFtpWithTls() {
+    static Server server("proftpd", {{"FTP_TLS", "2"}});
+    return std::make_unique<FtpSite>(server, "ftpes://", "");
+}
+
 /// A cloud's stand-in, or a real S3 server; what is stored is read by the client itself.
 template <class Client>
 class CloudSite final : public Site {
@@ -125,7 +156,7 @@ std::function<std::unique_ptr<Site>()> StartWith(Arguments... arguments) {
 }
 
 constexpr char kPassword[] = "canary pass'word$(x)";
-constexpr char kNotUtf8[] = "\xff", kControls[] = "\n\x01";
+constexpr char kNotUtf8[] = "\xff", kControls[] = "\n\x01", kNotForPureFtpd[] = "\n\x01\\";
 // Listings are lines, and scp reads the path of a download as a pattern.
 constexpr char kNotThroughLs[] = "\n", kNotThroughScp[] = "\n*?[]\\";
 
@@ -158,6 +189,16 @@ std::vector<Backend> Backends() {
          .password = kPassword,
          .reports_dead_encoder = false,
          .forbidden_bytes = kNotThroughLs},
+        {.name = "ftp_active",
+         .start = StartActiveFtp,
+         .password = "",
+         .lists_files = false,
+         .forbidden_bytes = kNotForPureFtpd},
+        {.name = "ftp_tls_encrypted",
+         .start = StartPassiveFtpWithTls,
+         .password = kPassword,
+         .lists_files = false,
+         .forbidden_bytes = kControls},
         {.name = "dropbox",
          .start = StartCloud<vel_rpc::Dropbox>("dropbox", "dropbox"),
          .password = kPassword,
