@@ -76,7 +76,7 @@ std::vector<Row> Rows() {
              "upload_session",
              {"session/start", "append_v2", "session/finish", "files/upload$", "get_metadata",
               "download", "list_folder$", "continue", "delete_v2", "create_folder"},
-             {Answer("200 OK", R"({"size":1,"content_hash":"00"})"),
+             {Answer("200 OK", R"({"size":5,"content_hash":"00"})"),
               Answer("200 OK", R"({".tag":"file","name":"x"})"), Answer("200 OK", "{}")},
              "POST /2/files/delete_v2",
              {}}),
@@ -110,7 +110,7 @@ std::vector<Row> Rows() {
              "upload-target",
              {"resources/upload", "upload-target", "resources/move", "resources/download",
               "disk/[0-9a-f]", "operations", "fields=type", "permanently", "path=disk%3A%2Ff%2Fg$"},
-             {Answer("200 OK", R"({"href":"@/up"})"), Answer("200 OK", R"({"size":1,"md5":"00"})"),
+             {Answer("200 OK", R"({"href":"@/up"})"), Answer("200 OK", R"({"size":5,"md5":"00"})"),
               Answer("204 No Content")},
              "DELETE /v1/disk/resources",
              {Answer("200 OK", R"({"href":"@/there"})")}}),
@@ -243,6 +243,7 @@ TEST_P(CloudClient, KeepsNamesOfEveryKind) {
         cloud_->Delete("/d/" + name);
     }
     EXPECT_EQ(List(*cloud_, "/d/"), Names{});
+    EXPECT_TRUE(Stored().empty());  // nor in a bin
     const json before = State()["requests"];
     for (const std::string& name :
          {std::string("\xff"), std::string("a\0b", 3), std::string("..")}) {
@@ -454,7 +455,7 @@ INSTANTIATE_TEST_SUITE_P(Clouds, CloudAnswers, testing::ValuesIn(Rows()),
                          [](const auto& row) { return row.param.server; });
 
 TEST_P(CloudAnswers, OfStoredBytesThatDifferAreFoundAndTheFileRemoved) {
-    EvilServer bytes({{Answer("200 OK", R"({"id":"X","size":"1","md5Checksum":"00"})")}});
+    EvilServer bytes({{Answer("200 OK", R"({"id":"X","size":"5","md5Checksum":"00"})")}});
     EvilServer api(At(bytes.Url(), GetParam().liar));
     EXPECT_EQ(Kind([&] { Put(*Open(api), "/x", "bytes"); }), "storage|refused");
     EXPECT_TRUE(str::StartsWith(api.Requests().back(), GetParam().removal))
@@ -604,6 +605,25 @@ TEST(DropboxOnly, AListingThatWasResetBeginsAgain) {
     vel_rpc::Dropbox cloud(
         str::base64::Encode(json{{"api", api.Url()}, {"access_token", "T"}}.dump()));
     EXPECT_EQ(List(cloud, "/"), (Names{"there", "too"}));
+}
+
+TEST(DropboxOnly, AnUploadGoesOnWithinAChunk) {
+    const std::string bytes = RandomBytes(16 * kMiB + 10, 7), rest = bytes.substr(16 * kMiB + 4);
+    const auto hash = [](const std::string& block) {
+        return Sha256(str::hex::Decode(Sha256(block)));
+    };
+    EvilServer api(
+        {{Answer("200 OK", R"({"session_id":"s"})")},
+         {Answer("409 Conflict", R"({"error":{".tag":"lookup_failed","lookup_failed":)"
+                                 R"({".tag":"incorrect_offset","correct_offset":16777220}}})")},
+         {Answer("400 Bad Request")}});
+    vel_rpc::Dropbox cloud(
+        str::base64::Encode(json{{"api", api.Url()}, {"access_token", "T"}}.dump()));
+    EXPECT_EQ(Kind([&] { Put(cloud, "/x", bytes); }), "storage|refused");
+    const std::string last = api.Requests().back();
+    EXPECT_TRUE(str::EndsWith(last, "\r\n\r\n" + rest));
+    EXPECT_NE(last.find(R"("offset":16777220)"), std::string::npos);
+    EXPECT_NE(last.find(hash(rest)), std::string::npos);
 }
 
 }  // namespace
