@@ -1,5 +1,7 @@
 #include <iostream>
+#include <list>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 
 #include "vel/str.h"
@@ -22,6 +24,7 @@ namespace backup2_cp {
 namespace {
 
 const vel_log::Module logger("backup2_cp");
+constexpr std::size_t kMaxNamed = 20;  // lines that an error names
 
 /// The info file of the named backup in the tree; checks that the journal's words are a name.
 Place PlaceIn(const std::string& tree, const backup2::PendingCleanup& item) {
@@ -48,11 +51,42 @@ void SweepUploads(const Target& target, const BackupName& name) {
     }
 }
 
+std::set<std::string> StoredNames(const Target& target, const std::string& folder) {
+    std::list<std::string> names;
+    target.Open()->List(names, folder);
+    return {names.begin(), names.end()};
+}
+
+/// True when the files on this machine are of a whole copy on another storage: the user took that
+/// one, and this storage did not answer until now.
+bool BelongsElsewhere(const Target& target, const std::string& tree, const Place& place) {
+    if (!vel_file::Exists(place.info) || vel_file::Exists(RecordPath(tree, place.name))) {
+        return false;
+    }
+    const std::string folder = place.name.Folder(), bare = vel_file::Name(place.info);
+    if (StoredNames(target, folder).count(bare) == 0) return true;
+    std::ostringstream stored;
+    target.ReadStored(vel_file::ConcatPath(folder, bare), stored);
+    return stored.str() != vel_file::Read(place.info);
+}
+
+void RemoveCopy(const Target& target, const std::string& tree, const Place& place) {
+    const bool arrived = vel_file::Exists(RecordPath(tree, place.name));
+    if (arrived && StoredNames(target, "").empty()) {
+        throw std::runtime_error(target.Describe() + " holds nothing: is it mounted?");
+    }
+    if (BelongsElsewhere(target, tree, place)) {
+        RemoveStored(target, place);
+    } else {
+        RemoveBackup(target, place, true);
+    }
+}
+
 void Undo(const std::string& tree, const backup2::PendingCleanup& item) {
     const Place place = PlaceIn(tree, item);
     const Target target{backup2::BackupToken(item.token)};
     try {
-        RemoveBackup(target, place);
+        RemoveCopy(target, tree, place);
         SweepUploads(target, place.name);
     } catch (const std::exception& e) {
         throw std::runtime_error(target.Redacted(e));
@@ -73,7 +107,7 @@ std::string Called(const backup2::PendingCleanup& item, std::size_t number) {
 void UndoAll(const std::string& tree) {
     std::set<std::string> done;
     std::string failures;
-    std::size_t number = 0;
+    std::size_t number = 0, failed = 0;
     for (const auto& item : backup2::ReadCleanups(tree)) {
         ++number;
         if (done.count(item.line) > 0) continue;
@@ -81,8 +115,12 @@ void UndoAll(const std::string& tree) {
             Undo(tree, item);
             done.insert(item.line);
         } catch (const std::exception& e) {
+            if (++failed > kMaxNamed) continue;
             str::Append(failures, Called(item, number) + ": " + Reason(e), "; ");
         }
+    }
+    if (failed > kMaxNamed) {
+        failures += "; and " + str::Str(uint64_t{failed - kMaxNamed}) + " more lines";
     }
     if (!failures.empty()) throw std::runtime_error(tree + "/.cleanup: " + failures);
 }

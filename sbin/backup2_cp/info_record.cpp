@@ -71,10 +71,17 @@ std::string InfoText(const InfoMap& keys) { return str::Join(keys, "\n") + "\n";
 InfoRecord::InfoRecord(const std::string& path) : path_(path) {
     if (!vel_file::Exists(path_)) throw std::runtime_error("info file " + path_ + " is missing");
     lock_.DoLock(path_ + ".lock", false);
-    keys_ = backup2::GetInfo(path_);
+    try {
+        keys_ = backup2::GetInfo(path_);
+    } catch (...) {  // it went while this waited
+        DropLock();
+        throw;
+    }
 }
 
-InfoRecord::~InfoRecord() {
+InfoRecord::~InfoRecord() { DropLock(); }
+
+void InfoRecord::DropLock() noexcept {
     try {
         // While it is held: who waits for this file finds that it is gone and makes a new one.
         if (lock_.Owns()) vel_file::RemoveFile(path_ + ".lock");

@@ -26,6 +26,8 @@ public:
     void Save();
 
 private:
+    void DropLock() noexcept;
+
     std::string path_;
     vel_file::Lock lock_;
     InfoMap keys_;

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "vel/str.h"
+#include "vel/vel_err.h"
 #include "vel/vel_file.h"
 #include "vel/vel_tool.h"
 
@@ -31,6 +32,11 @@ const char* KindName(const Backup& backup) {
 const char* ActionName(Action action) {
     if (action == Action::kKeep) return "keep";
     return action == Action::kRemove ? "remove" : "mark";
+}
+
+bool IsBusy(const std::exception& e) {
+    const auto* error = dynamic_cast<const vel_err::Error*>(&e);
+    return error && error->type() == "lock" && error->object() == "busy";
 }
 
 /// What is said about each backup, as lines or as one JSON document that is never held as a whole.
@@ -126,6 +132,12 @@ private:
             Carry(PlaceOf(info), decision);
             return "";
         } catch (const std::exception& e) {
+            if (!vel_file::Exists(info)) return "";  // another process was faster
+            if (IsBusy(e)) {
+                decision = {Action::kKeep, "in use by now"};
+                report_.Unreachable(name + ": " + info + " is in use by now");
+                return "";
+            }
             const std::string reason = target_ ? target_->Redacted(e) : Reason(e);
             std::cerr << info << ": the backup of " << name << " is not removed: " << reason
                       << "\n";
@@ -137,7 +149,6 @@ private:
     /// The tree may have changed since it was read: looks again at what is about to go.
     void Carry(const Place& place, Decision& decision) {
         const InfoMap keys = ReadInfo(place);
-        if (!Value(keys, "pinned").empty()) throw std::runtime_error("it was pinned meanwhile");
         if (place.name.date != "custom" && Value(keys, "base").empty()) {
             const std::size_t increments = Increments(place).size();
             if (increments > 0 && decision.action == Action::kRemove) {
@@ -145,7 +156,7 @@ private:
             }
         }
         if (decision.action == Action::kMark) return MarkDeleted(place);
-        RemoveBackup(Storage(), place);
+        RemoveBackup(Storage(), place, false);
     }
 
     /// Opened when something must go, and only once: nobody waits for a dead one again and again.

@@ -25,6 +25,7 @@ namespace {
 const vel_log::Module logger("backup2_cp");
 const std::string kMarker = ".backup.inuse";
 const std::string kTemporary = ".tmp.";  // what a killed writer leaves
+const std::string kLock = ".lock";
 
 /// The full backup that an info file builds on: "F<date>.<name>", "" for none.
 std::string BaseOf(const InfoMap& keys) {
@@ -49,7 +50,7 @@ bool Holds(backup2::Storage& storage, const std::string& dir, const std::string&
     return std::find(names.begin(), names.end(), bare) != names.end();
 }
 
-void RemoveStored(const Target& target, const BackupName& backup) {
+void RemoveStoredOnce(const Target& target, const BackupName& backup) {
     const std::string folder = backup.Folder();
     const auto storage = target.Open();
     std::list<std::string> names, left;
@@ -71,7 +72,7 @@ void RemoveStored(const Target& target, const BackupName& backup) {
 
 /// Also the lock of an info file, which a killed writer left.
 bool IsOwnHere(std::string bare, const BackupName& backup) {
-    if (str::EndsWith(bare, ".info.lock")) bare.resize(bare.size() - std::string(".lock").size());
+    if (str::EndsWith(bare, ".info" + kLock)) bare.resize(bare.size() - kLock.size());
     return IsOwn(bare, backup);
 }
 
@@ -85,9 +86,18 @@ void RemoveLocal(const Place& place) {
             if (stale || IsOwnHere(entry.Name(), place.name)) paths.push_back(entry.Path());
         }
     }
-    paths.remove_if([&](const auto& path) { return vel_file::GoodPath(path) == place.info; });
-    for (const auto& path : paths) vel_file::Remove(path);
-    vel_file::Remove(place.info);
+    // Who waits for the lock of the info file must not get it before that is gone.
+    const std::string last[] = {place.info, place.info + kLock};
+    for (const auto& path : paths) {
+        const std::string good = vel_file::GoodPath(path);
+        if (good != last[0] && good != last[1]) vel_file::Remove(path);
+    }
+    for (const auto& path : last) vel_file::Remove(path);
+}
+
+void RefusePinned(const InfoMap& keys, const BackupName& name) {
+    if (Value(keys, "pinned").empty()) return;
+    throw std::runtime_error(Shown(name) + " is pinned: unpin it first");
 }
 
 /// Directories that became empty; others, and those in use, stay.
@@ -148,6 +158,7 @@ std::optional<std::string> DeletedBase(const Place& place, const InfoMap& keys) 
 
 void MarkDeleted(const Place& place) {
     InfoRecord record(place.info);
+    RefusePinned(record.Keys(), place.name);
     auto& deleted = record.Keys()["deleted"];
     if (deleted.empty()) deleted = vel_date::DateTime().AsDateTime();
     record.Save();
@@ -169,11 +180,18 @@ bool IsInUse(const Place& place) {
     return lock.l_type != F_UNLCK;
 }
 
-void RemoveBackup(const Target& target, const Place& place) {
+void RemoveStored(const Target& target, const Place& place) {
+    target.Retry("deleting " + place.name.Folder() + " from " + target.Describe(),
+                 [&] { RemoveStoredOnce(target, place.name); });
+}
+
+void RemoveBackup(const Target& target, const Place& place, bool even_pinned) {
     {
         const backup2::Lock in_use(place.folder);
-        target.Retry("deleting " + place.name.Folder() + " from " + target.Describe(),
-                     [&] { RemoveStored(target, place.name); });
+        std::optional<InfoRecord> record;
+        if (vel_file::Exists(place.info)) record.emplace(place.info);
+        if (record && !even_pinned) RefusePinned(record->Keys(), place.name);
+        RemoveStored(target, place);
         RemoveLocal(place);
     }
     RemoveEmptyFolders(place);

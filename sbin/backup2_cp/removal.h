@@ -31,7 +31,7 @@ InfoMap ReadInfo(const Place& place);
 std::list<std::string> Increments(const Place& place);
 /// Info file of the full backup that `keys` build on, when it is marked as deleted and not pinned.
 std::optional<std::string> DeletedBase(const Place& place, const InfoMap& keys);
-/// Writes the key "deleted". Throws when there is no info file to write it to.
+/// Writes the key "deleted". Throws when there is no info file to write it to, or it is pinned.
 void MarkDeleted(const Place& place);
 
 /// Asks without touching anything whether a live process holds the folder's mark.
@@ -39,8 +39,12 @@ bool IsInUse(const Place& place);
 
 /// Removes one backup, whatever builds on it: on the storage its info file first, so that nobody
 /// takes the rest for a backup, then its slices and the index; then the local files, the info file
-/// last, so that an interrupted call can be repeated. Folders go when they are empty. Throws
-/// vel_err::Error("lock", "busy", ...) for a backup in use, and what the storage answers.
-void RemoveBackup(const Target& target, const Place& place);
+/// last, so that an interrupted call can be repeated. Folders go when they are empty. Who wants to
+/// pin it meanwhile waits, and finds it gone. Throws vel_err::Error("lock", "busy", ...) for a
+/// backup in use, std::runtime_error for a pinned one unless `even_pinned`, and what the storage
+/// answers.
+void RemoveBackup(const Target& target, const Place& place, bool even_pinned);
+/// Its part on the storage alone.
+void RemoveStored(const Target& target, const Place& place);
 
 }  // namespace backup2_cp

@@ -25,8 +25,8 @@ void Mark(const Place& place, std::size_t increments) {
     std::cout << "marked as deleted " << Shown(place.name) << ": " << Needed(increments) << "it\n";
 }
 
-void RemoveAndSay(const Target& target, const Place& place) {
-    RemoveBackup(target, place);
+void RemoveAndSay(const Target& target, const Place& place, bool even_pinned) {
+    RemoveBackup(target, place, even_pinned);
     std::cout << "removed " << Shown(place.name) << "\n";
 }
 
@@ -35,21 +35,18 @@ void RemoveAndSay(const Target& target, const Place& place) {
 void Delete(const Target& target, const Options& options) {
     const Place place = PlaceOf(options.info_file);
     const InfoMap keys = ReadInfo(place);
-    if (!Value(keys, "pinned").empty() && !options.force) {
-        throw std::runtime_error(Shown(place.name) + " is pinned: unpin it first");
-    }
     const auto increments = Increments(place);
     if (!increments.empty() && !options.force) return Mark(place, increments.size());
     for (const auto& info : increments) {
         const Place increment = PlaceOf(info);
         ReadInfo(increment);
-        RemoveAndSay(target, increment);
+        RemoveAndSay(target, increment, true);
     }
     const auto base = DeletedBase(place, keys);
-    RemoveAndSay(target, place);
+    RemoveAndSay(target, place, options.force);
     if (!base) return;
     const Place full = PlaceOf(*base);
-    if (Increments(full).empty()) RemoveAndSay(target, full);
+    if (Increments(full).empty()) RemoveAndSay(target, full, false);
 }
 
 // ---- Pins ---------------------------------------------------------------------------------------

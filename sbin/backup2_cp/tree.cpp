@@ -13,6 +13,7 @@
 #include "vel/vel_file.h"
 
 #include "backup_common/backup2_misc.h"
+#include "backup_common/backup2_qortar.h"
 
 #include "sbin/backup2_cp/errors.h"
 #include "sbin/backup2_cp/info_record.h"
@@ -179,6 +180,17 @@ bool IsSecond(const Series& series, const Backup& backup) {
            backup.state != Backup::State::kWorking;
 }
 
+/// A copy that the journal names did not come to its end, whatever its info file says by then.
+void FindBrokenCopies(std::map<std::string, Series>& tree, const std::string& top) {
+    for (const auto& item : backup2::ReadCleanups(top)) {
+        const auto series = tree.find(item.name);
+        if (series == tree.end()) continue;
+        for (Backup& backup : series->second.backups) {
+            if (backup.date == item.date) backup.state = Backup::State::kWorking;
+        }
+    }
+}
+
 }  // namespace
 
 std::list<std::string> InfosOf(const std::string& top, const std::string& user) {
@@ -216,6 +228,7 @@ std::map<std::string, Series> ReadTree(const std::string& top, const std::string
         series.backups.push_back(std::move(one.backup));
         series.infos.push_back(std::move(one.path));
     }
+    FindBrokenCopies(tree, top);
     return tree;
 }
 

@@ -21,7 +21,8 @@ std::list<std::string> InfosOf(const std::string& top, const std::string& user);
 
 /// All backups of a tree by NAME; with `user` only that one's are looked at. Info files that make
 /// no sense, or lie in the wrong place, are given to `complain`, one line each; those that at least
-/// have the name of a backup are in their series as unknown. A missing tree is empty.
+/// have the name of a backup are in their series as unknown; copies that the tree's journal names
+/// are working ones. A missing tree is empty.
 std::map<std::string, Series> ReadTree(const std::string& top, const std::string& user,
                                        const std::function<void(const std::string&)>& complain);
 

@@ -5,6 +5,7 @@ import contextlib
 import fcntl
 import json
 import os
+import time
 import unittest
 
 import backup2_test as t
@@ -172,6 +173,20 @@ class Life(unittest.TestCase):
         self.assertEqual((self.left("bob"), self.marked()), (WEEK, [SUNDAY] * 3))
         self.assertEqual((self.left("alice"), self.left("carl")), ([SUNDAY, WEEK[3]],) * 2)
 
+    def test_a_backup_pinned_while_it_is_about_to_go_stays(self):
+        infos = self.week()
+        with open(f"{infos[1]}.lock", "w") as pinning:
+            fcntl.lockf(pinning, fcntl.LOCK_EX)
+            process = t.start(["backup2_cp", "--server", "--path", self.tree, "--keep-last", "1"],
+                              BACKUP_TOKEN=t.local_token(self.store))
+            until = time.monotonic() + 60
+            while not (infos[1].parent / ".backup.inuse").exists() and time.monotonic() < until:
+                time.sleep(0.001)
+            infos[1].write_text(infos[1].read_text() + "pinned=now\n")
+        said = process.communicate(timeout=60)[1]
+        self.assertIn(f"bob/{WEEK[1]} bob is pinned", said)
+        self.assertEqual((process.returncode, self.left()), (1, [SUNDAY, WEEK[1], WEEK[3]]))
+
     def test_wrong_usage_removes_nothing(self):
         self.week()
         before = self.left()
@@ -254,6 +269,31 @@ class Life(unittest.TestCase):
             self.assertIn(said, out)
         self.assertNotIn("CANARY", out + self.said)
         self.assertTrue(all(info.exists() for info in infos[2:]))
+
+    def test_a_line_of_the_storage_before_spares_the_copy_in_the_present_one(self):
+        self.tree = self.root / "var/backup/qorvel.private/bob"
+        old, journal = self.root / "old", self.tree / ".cleanup"
+        self.backup("2024-01-21")
+        self.backup(SUNDAY)
+        t.shutil.copytree(self.store, old)
+        (old / f"bob/{SUNDAY}/{SUNDAY}.bob.info").write_text("of half a copy")
+        line = f"{t.local_token(old)}\t{SUNDAY}.bob\n"
+        journal.write_text(line)
+        self.limit("--count-limit", "1", "--date", "2024-02-04", code=3)
+        self.assertEqual(self.left(), ["2024-01-21", SUNDAY], "a copy that is named is not the newest good one")
+        self.cp("--cleanup", self.tree)
+        self.assertEqual((self.left(), journal.read_text()), (["2024-01-21", SUNDAY], ""))
+        self.assertEqual([p.name for p in (old / "bob").iterdir()], ["2024-01-21"])
+        # Something arrived on a storage that holds nothing now.
+        (self.tree / ".copying").mkdir()
+        (self.tree / f".copying/{SUNDAY}.bob.info").write_text("slice.1=")
+        away = old.rename(self.root / "away")
+        journal.write_text(line)
+        self.assertIn("is it mounted?", self.cp("--cleanup", self.tree, code=1))
+        self.assertEqual((self.left(), journal.read_text()), (["2024-01-21", SUNDAY], line))
+        away.rename(old)
+        self.cp("--cleanup", self.tree)
+        self.assertEqual(journal.read_text(), "")
 
 
 if __name__ == "__main__":
