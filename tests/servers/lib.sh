@@ -44,6 +44,16 @@ stop_server() {
   rm -f "$WORK/pid" "$WORK/socket_dir"
 }
 
+# port_range N: the first of N ports in a row, below the ephemeral ones, on which nobody listens.
+port_range() {
+  local first
+  for _ in $(seq 200); do
+    first=$((10000 + (RANDOM * 32768 + RANDOM) % 21000))
+    ss -Hltn "sport >= :$first and sport <= :$((first + $1 - 1))" | grep -q . || { echo "$first"; return; }
+  done
+  die "no free ports"
+}
+
 # run_as USER COMMAND...: as that account when the caller is root, else as the caller.
 run_as() {
   local user=$1 become=

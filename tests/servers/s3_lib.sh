@@ -1,16 +1,6 @@
-# Shared by the two S3 servers: several processes of one server, ports, the bucket and what is
+# Shared by the two S3 servers: several processes of one server, the bucket and what is
 # printed. Source it after lib.sh.
 # shellcheck shell=bash
-
-# port_range N: the first of N ports in a row, below the ephemeral ones, on which nobody listens.
-port_range() {
-  local first
-  for _ in $(seq 200); do
-    first=$((10000 + (RANDOM * 32768 + RANDOM) % 21000))
-    ss -Hltn "sport >= :$first and sport <= :$((first + $1 - 1))" | grep -q . || { echo "$first"; return; }
-  done
-  die "no free ports"
-}
 
 port_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
 
