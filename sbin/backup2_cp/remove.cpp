@@ -7,6 +7,8 @@
 
 #include "sbin/backup2_cp/actions.h"
 #include "sbin/backup2_cp/removal.h"
+#include "sbin/backup2_cp/retention.h"
+#include "sbin/backup2_cp/tree.h"
 
 namespace backup2_cp {
 
@@ -30,6 +32,20 @@ void RemoveAndSay(const Target& target, const Place& place, bool even_pinned) {
     std::cout << "removed " << Shown(place.name) << "\n";
 }
 
+/// Decided as limits do: a damaged info file of its week may be one of its increments.
+bool NothingNeeds(const Place& full) {
+    const auto tree = ReadTree(full.top, full.name.user, [](const std::string&) {});
+    const auto series = tree.find(full.name.name);
+    if (series == tree.end()) return false;
+    const auto& backups = series->second.backups;
+    const Outcome outcome = Decide(backups, {}, [](const Backup&) { return false; });
+    for (std::size_t i = 0; i < backups.size(); ++i) {
+        const bool goes = outcome.decisions[i].action == Decision::Action::kRemove;
+        if (goes && backups[i].date == full.name.date) return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 void Delete(const Target& target, const Options& options) {
@@ -46,7 +62,7 @@ void Delete(const Target& target, const Options& options) {
     RemoveAndSay(target, place, options.force);
     if (!base) return;
     const Place full = PlaceOf(*base);
-    if (Increments(full).empty()) RemoveAndSay(target, full, false);
+    if (NothingNeeds(full)) RemoveAndSay(target, full, false);
 }
 
 // ---- Pins ---------------------------------------------------------------------------------------

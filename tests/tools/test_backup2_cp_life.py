@@ -159,6 +159,9 @@ class Life(unittest.TestCase):
         self.assertNotIn("\x1b", self.said + out)
         self.assertTrue(infos[0].exists())  # the damaged one may be an increment of it
         self.assertEqual((self.left("alice"), infos[1].exists()), ([SUNDAY, WEEK[3]], False))
+        self.cp("--delete", infos[0])
+        self.cp("--delete", infos[3])
+        self.assertTrue(infos[0].exists(), "marked, and it stays")
 
     def test_a_removal_that_fails_lets_the_others_go_on(self):
         for name in ("alice", "bob", "carl"):
