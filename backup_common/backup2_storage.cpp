@@ -4,7 +4,9 @@
 
 #include <filesystem>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
+#include <streambuf>
 #include <utility>
 #include <vector>
 
@@ -110,6 +112,33 @@ bool BackupToken::operator==(const BackupToken& other) const {
 
 // ---- Storage: what all kinds share --------------------------------------------------------------
 
+namespace {
+
+/// Hands on what another stream holds, and shows it on the way.
+class WatchedBuffer final : public std::streambuf {
+public:
+    WatchedBuffer(std::istream& source, const Storage::Watch& watch)
+        : source_(source), watch_(watch), block_(kBlock) {}
+
+protected:
+    int_type underflow() override {
+        source_.read(block_.data(), static_cast<std::streamsize>(block_.size()));
+        const std::streamsize size = source_.gcount();
+        if (size <= 0) return traits_type::eof();
+        watch_(block_.data(), static_cast<std::size_t>(size));
+        setg(block_.data(), block_.data(), block_.data() + size);
+        return traits_type::to_int_type(block_.front());
+    }
+
+private:
+    static constexpr std::size_t kBlock = 1 << 20;
+    std::istream& source_;
+    const Storage::Watch& watch_;
+    std::vector<char> block_;
+};
+
+}  // namespace
+
 Storage::Storage(const BackupToken& token)
     : token_(token), password_(str::base64::Decode(token.GetParam(kPassword))) {}
 
@@ -147,15 +176,33 @@ void Storage::GetDecoded(const std::string& name, const std::string& plain) {
 
 bool Storage::Put(const std::string& name, const std::string& local) {
     vel_file::InStream plain(local);  // also keeps a missing file from becoming an empty archive
-    if (SkipEncrypt(name)) return PutArch(name, plain);
+    if (SkipEncrypt(name)) return PutWatched(name, plain);
     vel_proc::Execute encoder(kEncoder + " -in " + vel_proc::Escape(local), vel_proc::kStream);
     encoder.In(password_).CloseIn().Run();
-    const bool stored = PutArch(name, encoder.Out());
+    const bool stored = PutWatched(name, encoder.Out());
     // Result also drains what a back-end without room left unread: an encoder that meets a closed
     // pipe fails, and that would hide the answer.
     if (encoder.Result() != 0) FailToEncode();
     return stored;
 }
+
+bool Storage::PutWatched(const std::string& name, std::istream& in) {
+    if (!watch_) return PutArch(name, in);
+    WatchedBuffer buffer(in, watch_);
+    std::istream watched(&buffer);
+    watched.exceptions(std::ios::badbit);  // a read error passes as itself, never as the end
+    return PutArch(name, watched);
+}
+
+void Storage::WatchPut(Watch watch) { watch_ = std::move(watch); }
+
+int Storage::Sweep(const std::string&, int) { return 0; }
+
+std::optional<std::pair<uint64_t, std::string>> Storage::StoredSum(const std::string&) {
+    return std::nullopt;
+}
+
+void Storage::Reach() {}
 
 void Storage::Clear() { logger.Write(4, "Clear is not implemented for this storage"); }
 
@@ -427,6 +474,34 @@ void RunScp(std::vector<std::string> scp) {
     }
 }
 
+/// Logs in, with the client's words in place of its silence, and throws for what it meets.
+void ReachHost(const std::string& host, const std::string& port, const std::string& key_file) {
+    vel_proc::Execute login({"ssh", "-o", "StrictHostKeyChecking=no", "-o", "BatchMode=yes", "-o",
+                             "ConnectTimeout=30", "-i", key_file, "-p", port, host, "true"},
+                            vel_proc::kJoinErrors);
+    std::string words = str::Trim(login.Str());
+    if (login.Result() == 0) return;
+    const bool other_key = words.find("Host key verification failed") != std::string::npos;
+    const std::string last = str::RGetWord(words, "\n");
+    throw vel_err::Error("storage", other_key ? "host_key" : "unreachable",
+                         other_key ? host : host + ": " + last);
+}
+
+/// What `wc` and `sha256sum` print of one file; nothing when the server has no such programs.
+std::optional<std::pair<uint64_t, std::string>> RemoteSum(std::vector<std::string> ssh) {
+    constexpr std::size_t kDigits = 64;
+    vel_proc::Execute sum(std::move(ssh), kCapture);
+    std::string words = sum.Str();
+    if (sum.Result() != 0) return std::nullopt;
+    const std::string size = str::Trim(str::GetWord(words, '\n'));
+    const std::string digest = str::GetWord(words);
+    const bool good = !size.empty() && size.find_first_not_of("0123456789") == std::string::npos &&
+                      digest.size() == kDigits &&
+                      digest.find_first_not_of("0123456789abcdef") == std::string::npos;
+    if (!good) return std::nullopt;
+    return std::make_pair(static_cast<uint64_t>(str::Int64(size)), digest);
+}
+
 /// Appends the names that a remote `ls` prints. Its failure gives no lines.
 void AppendListing(std::list<std::string>& out, std::vector<std::string> ssh) {
     vel_proc::Execute ls(std::move(ssh), kCapture);
@@ -489,6 +564,7 @@ public:
     void List(std::list<std::string>& out, const std::string& dir) override;
     void RealMkDir(const std::string&) override {}  // the node makes its directories itself
     void RmDir(const std::string& dir) override;
+    void Reach() override { ReachHost(host_, port_, key_path_); }
 
 private:
     std::string Full(const std::string& name) const { return vel_file::ConcatPath(base_, name); }
@@ -565,6 +641,8 @@ public:
     void List(std::list<std::string>& out, const std::string& dir) override;
     void RealMkDir(const std::string& full_path) override;
     void RmDir(const std::string& dir) override;
+    std::optional<std::pair<uint64_t, std::string>> StoredSum(const std::string& name) override;
+    void Reach() override;
 
 private:
     std::string Full(const std::string& name) const { return vel_file::ConcatPath(base_, name); }
@@ -659,6 +737,12 @@ void SftpStorage::Encode(const std::string& local, std::vector<std::string> ssh)
         logger.Write(4, "The encoder of '%s' ended with status %d", local, status);
     }
 }
+
+std::optional<std::pair<uint64_t, std::string>> SftpStorage::StoredSum(const std::string& name) {
+    return RemoteSum(Ssh("wc -c < " + Word(name) + " && sha256sum < " + Word(name)));
+}
+
+void SftpStorage::Reach() { ReachHost(WithoutBrackets(host_), port_, key_file_.Path()); }
 
 void SftpStorage::Delete(const std::string& name) { RunAndForgive(Ssh("rm -f " + Word(name))); }
 

@@ -1,14 +1,18 @@
 /// Storage tokens and the storages that they open.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <istream>
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "backup_common/export.h"
 
@@ -86,6 +90,21 @@ public:
     virtual void RealMkDir(const std::string& full_path) = 0;
     /// Removes a directory with its contents, and its parent when that became empty.
     virtual void RmDir(const std::string& dir) = 0;
+    /// Removes below the directory `dir` ("" is all) what uploads left that began more than `hours`
+    /// ago and never ended, where listings of files do not show it; how many. -1: of any age.
+    virtual int Sweep(const std::string& dir, int hours);
+    /// Size and lower-case hex SHA-256 of the stored bytes of `name`, worked out where they lie.
+    /// Nothing: this kind, or this server, cannot; only reading the bytes back tells.
+    virtual std::optional<std::pair<uint64_t, std::string>> StoredSum(const std::string& name);
+    /// Throws vel_err::Error "storage" with the object "host_key" or "unreachable" (value: the host
+    /// and why) when there is no way in. For kinds whose other calls do not tell that: removing and
+    /// listing behind ssh. All others do nothing here.
+    virtual void Reach();
+
+    /// From now on `watch` sees all that Put gives to PutArch, as it is stored, in order. Kinds
+    /// that move whole files (local, node, sftp) show nothing.
+    using Watch = std::function<void(const char* data, std::size_t size)>;
+    void WatchPut(Watch watch);
 
     /// Makes the directory, asking the back-end at most once for each name.
     void MkDir(const std::string& dir);
@@ -110,7 +129,10 @@ protected:
     std::set<std::string> made_dirs_;
 
 private:
+    bool PutWatched(const std::string& name, std::istream& in);
     void GetDecoded(const std::string& name, const std::string& plain);
+
+    Watch watch_;
 };
 
 BACKUP2_EXPORT bool IsS3Type(const std::string& type);

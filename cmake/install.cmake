@@ -20,3 +20,10 @@ endfunction()
 # put it where ssh reads it.
 set(BACKUP2_SSH_CONFIG_DIR share/ssh_config.d CACHE STRING "Folder for ssh's configuration")
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/ssh_config.d/backup2.conf DESTINATION ${BACKUP2_SSH_CONFIG_DIR})
+
+# ssh and scp that hold servers to the host keys of the first contact (vel/vel_ssh.h).
+foreach(program ssh scp)
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/backup2_ssh/ssh
+                 ${PROJECT_BINARY_DIR}/lib/backup2_ssh/${program} COPYONLY)
+  install(PROGRAMS ${PROJECT_SOURCE_DIR}/packaging/backup2_ssh/ssh DESTINATION lib/backup2_ssh RENAME ${program})
+endforeach()

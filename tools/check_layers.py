@@ -14,7 +14,7 @@ import sys
 
 # From bottom to top; vel/README.md shows the same order.
 VEL = ["vel_err", "str", "test", "vel_env", "vel_date", "vel_hash", "vel_log", "res_handle",
-       "stream", "vel_user", "vel_file", "vel_proc", "vel_xml", "vel_tool", "vel_rpc", "vel_client"]
+       "stream", "vel_user", "vel_file", "vel_proc", "vel_ssh", "vel_xml", "vel_tool", "vel_rpc", "vel_client"]
 MAY_SEE = {
     "vel": {"vel"},
     "backup_common": {"vel", "backup_common"},

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include "vel/vel_err.h"
+#include "vel/vel_ssh.h"
 #include "vel/vel_tool.h"
 
 #include "sbin/backup2/commands.h"
@@ -63,6 +64,7 @@ int Body(const std::vector<std::string>& args) {
     } catch (const CLI::ParseError& wrong) {
         throw vel_tool::UsageError(std::string(wrong.what()) + " (backup2 --help shows the usage)");
     }
+    vel_ssh::PinHostKeys();
     try {
         return chosen();
     } catch (const vel_err::Error& error) {

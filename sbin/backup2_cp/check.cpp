@@ -4,13 +4,17 @@
 #include <functional>
 #include <iostream>
 #include <list>
+#include <memory>
 #include <stdexcept>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "vel/str.h"
 #include "vel/vel_file.h"
 #include "vel/vel_log.h"
+#include "vel/vel_ssh.h"
 
 #include "backup_common/backup2_misc.h"
 
@@ -72,10 +76,14 @@ void CleanUp(const Target& target, const Probe& probe) {
     }
 }
 
+/// Backups of a node were made there.
+bool TakesUploads(const Target& target) { return target.Token().Type() != "node"; }
+
 /// Each step by the name under which it is reported.
 void RunSteps(const Target& target, const Probe& probe) {
-    const auto storage = target.Open();
-    const std::pair<std::string, std::function<void()>> steps[] = {
+    std::shared_ptr<backup2::Storage> storage;
+    std::vector<std::pair<std::string, std::function<void()>>> steps = {
+        {"open", [&] { storage = target.Open(); }},
         {"write", [&] { WriteProbe(target, probe, *storage); }},
         {"list",
          [&] {
@@ -85,22 +93,42 @@ void RunSteps(const Target& target, const Probe& probe) {
         {"read back", [&] { ReadProbe(probe, *storage); }},
         {"delete", [&] { DeleteProbe(probe, *storage); }},
     };
+    if (!TakesUploads(target)) steps.resize(1);
     for (const auto& step : steps) {
         try {
             step.second();
         } catch (const std::exception& e) {
-            CleanUp(target, probe);
+            if (storage) CleanUp(target, probe);
             throw std::runtime_error(target.Describe() + ": cannot " + step.first + ": " +
                                      Reason(e));
         }
     }
 }
 
+/// Of kinds behind ssh; others have no host here.
+struct Server {
+    std::string host, port;
+};
+
+Server ServerOf(const backup2::BackupToken& token) {
+    if (token.Type() == "node") return {token.GetParam("ip"), token.GetParam("port")};
+    if (token.Type() == "sftp") return {token.GetParam("url"), token.GetParam("port")};
+    return {};
+}
+
+std::vector<std::string> HostKeysOf(const Server& server) {
+    if (server.host.empty()) return {};
+    return vel_ssh::Fingerprints(server.host, server.port);
+}
+
 }  // namespace
 
 void Check(const Target& target, const Options& options) {
     CheckPassword(target.Token());
+    if (options.dry_run) return;  // to be the target of a call, the token has passed its checks
     ProbeCipher(target);
+    const Server server = ServerOf(target.Token());
+    if (options.accept_host_key) vel_ssh::ForgetHost(server.host, server.port);
     Probe probe;
     probe.name = probe.folder + "/" + backup2::GetName(target.Token(), "2000-01-01.probe.tgz");
     RunSteps(target, probe);
@@ -109,13 +137,16 @@ void Check(const Target& target, const Options& options) {
         const nlohmann::ordered_json report = {{"ok", true},
                                                {"type", target.Token().Type()},
                                                {"path", target.Token().GetParam("path")},
-                                               {"encrypted", encrypted}};
+                                               {"encrypted", encrypted},
+                                               {"host_keys", HostKeysOf(server)}};
         using Json = nlohmann::ordered_json;
         std::cout << report.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
         return;
     }
-    std::cout << target.Describe() << ": written, listed, read back and deleted"
+    std::cout << target.Describe()
+              << (TakesUploads(target) ? ": written, listed, read back and deleted" : ": reached")
               << (encrypted ? ", encrypted" : ", not encrypted") << "\n";
+    for (const std::string& key : HostKeysOf(server)) std::cout << "host key " << key << "\n";
 }
 
 }  // namespace backup2_cp

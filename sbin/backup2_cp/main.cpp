@@ -2,6 +2,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "vel/vel_ssh.h"
 #include "vel/vel_tool.h"
 
 #include "sbin/backup2_cp/actions.h"
@@ -34,7 +35,8 @@ void ActOnStorage(const Target& target, const Options& options) {
 }
 
 void WithStorage(const Options& options) {
-    const Target target = Target::FromEnvironment();
+    Target target = Target::FromEnvironment();
+    if (options.IsTransfer()) target.ReachOncePerMinute();
     try {
         ActOnStorage(target, options);
     } catch (const std::exception& e) {
@@ -44,6 +46,7 @@ void WithStorage(const Options& options) {
 
 int Run(std::vector<std::string> arguments) {
     const Options options = ParseOptions(std::move(arguments));
+    vel_ssh::PinHostKeys();
     switch (options.action) {
         case Options::Action::kHelp:
             std::cout << options.help;

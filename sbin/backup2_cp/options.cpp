@@ -37,7 +37,7 @@ const std::string kFooter =
 /// What the parser fills.
 struct Words {
     bool put = false, get = false, check = false, isolated = false, no_delete = false;
-    bool force = false, json = false, server = false, dry_run = false;
+    bool force = false, json = false, server = false, dry_run = false, accept_host_key = false;
     std::string info_file, slice, last_slice, delete_info, list, first, second;
     std::string pin, unpin, clean_up, path, date, user, size_limit, count_limit;
     std::string last, daily, weekly, monthly, yearly;
@@ -55,7 +55,8 @@ void DeclareLimits(CLI::App& app, Words& words) {
     app.add_option("--keep-weekly", words.weekly, "Of N weeks, from Sunday on")->type_name("N");
     app.add_option("--keep-monthly", words.monthly, "Of N months")->type_name("N");
     app.add_option("--keep-yearly", words.yearly, "Of N years")->type_name("N");
-    app.add_flag("--dry-run", words.dry_run, "Only say what would become of each backup");
+    app.add_flag("--dry-run", words.dry_run,
+                 "Only say what would become of each backup; with --check only look at the token");
 }
 
 void Declare(CLI::App& app, Words& words) {
@@ -73,6 +74,8 @@ void Declare(CLI::App& app, Words& words) {
     app.add_option("--list", words.list, "Names in a directory of the storage (\"\" is the top)")
         ->type_name("DIR");
     app.add_flag("--check", words.check, "Write, list, read back and delete a probe");
+    app.add_flag("--accept-host-key", words.accept_host_key,
+                 "With --check: take the host key that the server has now");
     app.add_option("--info-file", words.info_file, "Info file of the backup")->type_name("INFO");
     app.add_option("--slice", words.slice, "A slice of it")->type_name("FILE");
     app.add_option("--last-slice", words.last_slice, "Its last slice")->type_name("FILE");
@@ -222,9 +225,13 @@ Options Read(const CLI::App& app, const Words& words) {
                   "keep-daily", "keep-weekly", "keep-monthly", "keep-yearly", "dry-run", "json"});
         ReadLimits(words, out);
     } else {
-        CheckStrangers(app, {"list", "check", "json"});
+        std::vector<std::string> allowed = {"list", "check", "json"};
+        if (words.check) allowed.insert(allowed.end(), {"accept-host-key", "dry-run"});
+        CheckStrangers(app, allowed);
         out.action = list ? Options::Action::kList : Options::Action::kCheck;
         out.name = words.list;
+        out.dry_run = words.dry_run;
+        out.accept_host_key = words.accept_host_key;
     }
     return out;
 }

@@ -37,6 +37,13 @@ struct Options {
     Policy policy;
     bool dry_run = false;
     bool json = false;
+    bool accept_host_key = false;  ///< the server's key may be another one than before
+
+    /// One of the many calls of a backup or a restore.
+    bool IsTransfer() const {
+        return action == Action::kPut || action == Action::kPutSlice ||
+               action == Action::kPutFinal || action == Action::kGet || action == Action::kGetSlice;
+    }
 };
 
 /// Throws vel_tool::UsageError.

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <ctime>
 #include <stdexcept>
 
 #include "vel/str.h"
@@ -10,6 +11,7 @@
 #include "vel/vel_env.h"
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
+#include "vel/vel_hash.h"
 #include "vel/vel_log.h"
 #include "vel/vel_proc.h"
 
@@ -70,7 +72,63 @@ Target Target::FromEnvironment(const std::string& user_of) {
 
 Target::Target(const backup2::BackupToken& token) : token_(token) { CheckToken(token_); }
 
-std::shared_ptr<backup2::Storage> Target::Open() const { return backup2::GetStorage(token_); }
+std::shared_ptr<backup2::Storage> Target::Open() const {
+    const auto storage = backup2::GetStorage(token_);
+    if (!reached_) Reach(*storage);
+    reached_ = true;
+    return storage;
+}
+
+bool Target::Streams() const { return !token_.IsLocal() && !MovesFiles(token_); }
+
+// ---- The way in ---------------------------------------------------------------------------------
+
+namespace {
+
+/// Remembers for other processes that a server let us in, in an empty file of root's.
+class ReachedStamp {
+public:
+    explicit ReachedStamp(const backup2::BackupToken& token) {
+        vel_hash::Hash hash(vel_hash::HashType::Sha256);
+        hash.Update(token.Str());
+        path_ = vel_file::ConcatPath(kStamps, str::hex::Encode(hash.Str()));
+    }
+    bool IsRecent() const {
+        const vel_file::Info stamp(path_, false);
+        const auto age = std::time(nullptr) - stamp.Stat().st_mtim.tv_sec;
+        return stamp.IsFile() && age >= 0 && age < kRecentSeconds;
+    }
+    void Set() const {
+        vel_file::MkDir(kStamps, vel_file::Attrs(0700));
+        vel_file::Remove(path_);
+        vel_file::Write(path_, "");
+    }
+    void Drop() const { vel_file::Remove(path_); }
+
+private:
+    static constexpr char kStamps[] = "var/run/backup2_cp.reached";
+    static constexpr int kRecentSeconds = 60;
+    std::string path_;
+};
+
+}  // namespace
+
+void Target::Reach(backup2::Storage& storage) const {
+    if (!MovesFiles(token_)) return;
+    const ReachedStamp stamp(token_);
+    if (recent_will_do_ && stamp.IsRecent()) return;
+    try {
+        storage.Reach();
+    } catch (const vel_err::Error& e) {
+        stamp.Drop();
+        if (e.type() != "storage") throw;
+        if (e.object() != "host_key") throw std::runtime_error("no way in to " + e.value());
+        throw Permanent("the host key of " + e.value() +
+                        " is not the recorded one; if that is right: backup2 storage check " +
+                        str::Trim(user_ + " --accept-host-key"));
+    }
+    stamp.Set();
+}
 
 std::string Target::LocalPath(const std::string& name) const {
     return token_.IsLocal() ? vel_file::ConcatPath(token_.GetParam("path"), name) : "";
@@ -125,6 +183,12 @@ std::string Reason(const std::exception& e) {
 
 std::string Target::Redacted(const std::exception& e) const { return Redact(Reason(e), token_); }
 
+/// What failed by ssh says little; getting in again tells why.
+void Target::ForgetReached() const {
+    reached_ = false;
+    if (MovesFiles(token_)) ReachedStamp(token_).Drop();
+}
+
 void Target::Retry(const std::string& what, const std::function<void()>& attempt,
                    const std::function<void()>& undo) const {
     const int pause = RetryPause();
@@ -135,6 +199,7 @@ void Target::Retry(const std::string& what, const std::function<void()>& attempt
             if (undo) undo();
             throw;
         } catch (const std::exception& e) {
+            ForgetReached();
             if (undo) undo();
             const std::string reason = Redacted(e);
             logger.Write(4, "%s: attempt %d failed: %s", what, failed + 1, reason);

@@ -24,8 +24,14 @@ public:
     const backup2::BackupToken& Token() const { return token_; }
     /// Whose own storage it is, as BACKUP_STORAGE said; "" for the administrator's.
     const std::string& User() const { return user_; }
-    /// A fresh storage object: a failed one remembers directories that it could not make.
+    /// A fresh storage object: a failed one remembers directories that it could not make. The first
+    /// call makes sure that there is a way in, which removing and listing by ssh would not tell.
+    /// Throws Permanent when the server shows another host key than the recorded one.
     std::shared_ptr<backup2::Storage> Open() const;
+    /// For one of many calls in a row: that a call got in a minute ago will do.
+    void ReachOncePerMinute() { recent_will_do_ = true; }
+    /// True when what goes there passes as a stream, which can be watched.
+    bool Streams() const;
     /// Path of a stored file of a local storage, "" for other kinds.
     std::string LocalPath(const std::string& name) const;
     /// True when the local file and the stored one are the same directory entry.
@@ -47,8 +53,13 @@ public:
                const std::function<void()>& undo = {}) const;
 
 private:
+    void Reach(backup2::Storage& storage) const;
+    void ForgetReached() const;
+
     backup2::BackupToken token_;
     std::string user_;
+    bool recent_will_do_ = false;
+    mutable bool reached_ = false;
 };
 
 }  // namespace backup2_cp
