@@ -18,6 +18,7 @@
 #include "panel/checks.h"
 #include "panel/password.h"
 #include "panel/server.h"
+#include "panel/storages.h"
 #include "panel/store.h"
 
 namespace panel {
@@ -143,33 +144,9 @@ void UserCommands(CLI::App& app, Values& v) {
 
 // ---- Storages -----------------------------------------------------------------------------------
 
-std::string DefaultLocalDir(const std::string& user) {
-    const std::string below =
-        user.empty() ? "var/backup/qorvel" : "var/backup/qorvel.private/" + user;
-    return vel_file::ConcatPath(std::filesystem::current_path().string(), below);
-}
-
-/// The service tells the administrator's folder from users' ones by its end, and finds what the
-/// latter hold already by their place.
-void CheckLocalDir(const Storage& storage) {
-    CheckAbsolutePath("local-dir", storage.local_dir);
-    if (storage.user.empty() && !str::EndsWith(storage.local_dir, "/var/backup/qorvel"))
-        throw vel_tool::UsageError("local-dir: must end in /var/backup/qorvel");
-    if (!storage.user.empty() && storage.local_dir != DefaultLocalDir(storage.user))
-        throw vel_tool::UsageError("local-dir: a user's is always " +
-                                   DefaultLocalDir(storage.user));
-}
-
 void SetStorage(Values& v) {
-    Storage& storage = v.storage;
-    CheckSize("slice-size", storage.slice_size);
-    CheckSize("size-limit", storage.size_limit);
-    CheckSize("count-limit", storage.count_limit);
-    if (storage.local_dir.empty()) storage.local_dir = DefaultLocalDir(storage.user);
-    CheckLocalDir(storage);
-    storage.token = ReadSecret("token");
-    CheckToken(storage.token);
-    Store().SetStorage(storage);
+    v.storage.token = ReadSecret("token");
+    KeepStorage(v.storage);
 }
 
 void ShowStorage(Values& v) {

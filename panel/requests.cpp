@@ -7,9 +7,11 @@
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
 #include "vel/vel_log.h"
+#include "vel/vel_tool.h"
 #include "vel/vel_xml.h"
 
 #include "panel/password.h"
+#include "panel/storages.h"
 #include "panel/store.h"
 
 namespace panel {
@@ -126,6 +128,21 @@ void StorageOf(const Request& r, vel_xml::XmlNode doc) {
     AppendStorage(doc, *storage, storage->slice_size);
 }
 
+/// With "new" only when the owner has none yet. What is not given of limits is none; the folder for
+/// work and indexes stays.
+void SetStorage(const Request& r, vel_xml::XmlNode doc) {
+    const auto former = r.store.FindStorage(r.Get("user"));
+    if (former && r.Get("new") == "yes") throw vel_err::Error("exists", "storage", r.Get("user"));
+    KeepStorage({r.Get("user"), r.Get("token"), r.Get("slice_size"), r.Get("size_limit"),
+                 r.Get("count_limit"), former ? former->local_dir : ""});
+    doc.AppendChild("ok");
+}
+
+void RemoveStorage(const Request& r, vel_xml::XmlNode doc) {
+    r.store.RemoveStorage(r.Get("user"));
+    doc.AppendChild("ok");
+}
+
 // ---- One job ------------------------------------------------------------------------------------
 
 void AppendFiles(vel_xml::XmlNode doc, const User& user) {
@@ -233,6 +250,8 @@ const std::map<std::string, Entry> kRequests = {
     {"user.edit", {UserEdit, false}},
     {"backup2.settings", {Settings, false}},
     {"backup2.storage", {StorageOf, false}},
+    {"backup2.storage.set", {SetStorage, false}},
+    {"backup2.storage.remove", {RemoveStorage, false}},
     {"backup2.item.info", {ItemInfo, false}},
     {"backup2.user.data", {UserData, false}},
     {"backup2.database", {DatabaseAccess, false}},
@@ -244,6 +263,7 @@ std::string Message(const vel_err::Error& error) {
         {"auth", "The log-in was refused"},
         {"locked", "The panel is locked; try again later"},
         {"func", "The request is not known here"},
+        {"exists", "There is such an object already"},
     };
     const auto found = kTexts.find(error.type());
     return found == kTexts.end() ? error.what() : found->second;
@@ -277,6 +297,8 @@ std::string Requests::Answer(const Parameters& parameters, Caller caller,
     // The network learns what kind of refusal it is, nothing of the files behind it.
     const bool internal = e.type() == "store" || e.type() == "sys";
     return ErrorDocument(internal && caller == Caller::Network ? vel_err::Error("internal") : e);
+} catch (const vel_tool::UsageError& e) {
+    return ErrorDocument(vel_err::Error("value", e.what()));
 } catch (const std::exception& e) {
     logger.Write(3, "Request failed: %s", e.what());
     return ErrorDocument(vel_err::Error("internal", "panel"));
