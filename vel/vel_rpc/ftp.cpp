@@ -173,7 +173,6 @@ FtpReply Ftp::Impl::ListBy(const std::string& command, const std::string& step,
     int lines = 0;
     const auto take = [&](std::string_view line) {
         if (++lines > kMaxLines) Refuse(step, "the listing does not end");
-        if (line.find('\r') != line.npos) Refuse(step, "the server lists a name with a line end");
         if (command == "MLSD") line = NameOfFacts(line);
         if (command == "NLST" && line.starts_with(prefix)) line.remove_prefix(prefix.size());
         if (line.empty()) return;

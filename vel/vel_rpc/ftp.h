@@ -12,10 +12,12 @@ namespace vel_rpc {
 /// One server and one login; the connection is kept between calls.
 ///
 /// TLS is used when the server offers it (its certificate is then verified). The data connection
-/// goes to the address of the control connection, whatever the server says. Paths are absolute;
-/// one with CR, LF or NUL is refused. Failures throw vel_err::Error: "network" (no answer),
-/// "unauthorized" (login refused), "storage" with object "missed" or "refused" (value: step, path
-/// and the server's reply). No error holds a password.
+/// goes to the address of the control connection, whatever the server says. A path without "/" at
+/// its beginning starts where the login leads to; one with "..", a control byte or 0xFF is refused.
+/// Failures throw vel_err::Error: "network" (no answer, no trusted certificate), "unauthorized"
+/// (login refused), "storage" with object "missed" or "refused" (value: step, path and the server's
+/// reply). No error holds a password. From the environment: BACKUP2_CA_FILE instead of the system's
+/// certificate authorities.
 class Ftp {
 public:
     /// `address`: "host" or "host:port", also with "ftp://" (TLS when offered), "ftps://" (TLS from
@@ -27,14 +29,17 @@ public:
     Ftp(Ftp&&) noexcept;
     Ftp& operator=(Ftp&&) noexcept;
 
-    /// 0: active (never with TLS: a clear error says so where TLS is required), 1: passive.
+    /// 0: active (without TLS, also where the server offers it; an error where the address wants
+    /// it), 1: passive.
     void SetMode(int mode);
     void Get(const std::string& path, std::ostream& out);
     /// Uploads under a temporary name in the same folder, compares the stored size with what was
     /// sent, renames. False: the server refused the data (no room, no right); throws for all other
-    /// failures. The temporary is removed then.
+    /// failures. The temporary is removed then, or by the next upload of this path. Where the
+    /// server replaces no file, the old one is removed before the new one gets its name.
     bool Put(std::istream& in, const std::string& path);
-    /// Appends the bare names in the folder; an empty folder is told from a failure.
+    /// Appends the bare names in the folder; of a file its own name, of what does not exist
+    /// nothing. An empty folder is told from a failure. Temporaries of uploads are left out.
     void List(const std::string& dir, std::list<std::string>& out);
     /// A file, or a folder with all it holds.
     void Delete(const std::string& path);

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 
@@ -20,6 +21,7 @@ using Clock = std::chrono::steady_clock;
 constexpr long kBufferBytes = 512 << 10;
 constexpr long kUploadBufferBytes = 2 << 20;
 constexpr long kOlderTls = +CURL_SSLVERSION_TLSv1_2 | +CURL_SSLVERSION_MAX_TLSv1_2;
+constexpr int kMaxWaitMs = 200;
 constexpr std::size_t kMaxText = 200;
 constexpr std::size_t kMaxReplies = 256 << 10;  // bytes of all replies in one step
 constexpr std::size_t kMaxLine = 64 << 10;      // of a listing
@@ -29,10 +31,20 @@ struct CurlFree {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 
+struct MultiFree {
+    void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
+};
+
 CURL* NewHandle() {
     static const CURLcode ready = curl_global_init(CURL_GLOBAL_DEFAULT);
     CURL* handle = ready == CURLE_OK ? curl_easy_init() : nullptr;
     if (!handle) throw vel_err::Error("network", "ftp", "libcurl cannot be set up");
+    return handle;
+}
+
+CURLM* NewMulti() {
+    CURLM* handle = curl_multi_init();
+    if (!handle) throw std::bad_alloc();
     return handle;
 }
 
@@ -125,6 +137,7 @@ public:
     Address address;
 
 private:
+    CURLcode Run();
     void SetSecurity();
     void SetLimits();
     std::size_t Give(char* to, std::size_t room);
@@ -156,7 +169,8 @@ private:
     Clock::time_point since_;
     curl_off_t moved_ = 0;
     char reason_[CURL_ERROR_SIZE] = "";
-    const std::unique_ptr<CURL, CurlFree> curl_;  // the first to go: it says good-bye
+    const std::unique_ptr<CURL, CurlFree> curl_;
+    const std::unique_ptr<CURLM, MultiFree> multi_;  // has the connection
 };
 
 FtpSession::State::State(const std::string& given, const std::string& user,
@@ -165,7 +179,8 @@ FtpSession::State::State(const std::string& given, const std::string& user,
       user_(user),
       password_(password),
       timeout_(timeout),
-      curl_(NewHandle()) {
+      curl_(NewHandle()),
+      multi_(NewMulti()) {
     server = (address.tls == CURLUSESSL_ALL && address.scheme == "ftp" ? "ftpes" : address.scheme) +
              "://" + address.host;
     if ((user + password).find_first_of(std::string("\r\n\0", 3)) != std::string::npos) {
@@ -275,12 +290,30 @@ std::string FtpSession::State::Home() {
     return home_;
 }
 
+/// What curl_easy_perform does, but when a reply has come faster than libcurl expects, it waits
+/// without a descriptor: a second there, and here a moment.
+CURLcode FtpSession::State::Run() {
+    CURLMcode code = curl_multi_add_handle(multi_.get(), curl_.get());
+    int running = 1, ready = 0;
+    for (int wait_ms = 1; code == CURLM_OK && running > 0;) {
+        code = curl_multi_perform(multi_.get(), &running);
+        if (code != CURLM_OK || running == 0) break;
+        code = curl_multi_poll(multi_.get(), nullptr, 0, wait_ms, &ready);
+        wait_ms = ready > 0 ? 1 : std::min(2 * wait_ms, kMaxWaitMs);
+    }
+    int left = 0;
+    const CURLMsg* const done = curl_multi_info_read(multi_.get(), &left);
+    const CURLcode result = done && code == CURLM_OK ? done->data.result : CURLE_FAILED_INIT;
+    curl_multi_remove_handle(multi_.get(), curl_.get());
+    return result;
+}
+
 FtpReply FtpSession::State::Perform(const std::string& step) {
-    CURLcode code = curl_easy_perform(curl_.get());
+    CURLcode code = Run();
     if (code == CURLE_SSL_CONNECT_ERROR && !newest_tls_ && sent == 0) {
         newest_tls_ = true;
         SetSecurity();
-        code = curl_easy_perform(curl_.get());
+        code = Run();
     }
     last_code_ = code;
     if (thrown_) std::rethrow_exception(thrown_);
