@@ -2,10 +2,7 @@
 
 #include <stdexcept>
 
-#include "vel/str.h"
 #include "vel/vel_tool.h"
-
-#include "backup_common/backup2_qortar.h"
 
 #include "sbin/backup2/limits.h"
 #include "sbin/backup2/private.h"
@@ -13,13 +10,7 @@
 namespace backup2_admin {
 namespace {
 
-/// Why, the copy tool has told its output, which nobody kept.
-void CheckLimitStatus(int status, const std::string& user) {
-    if (status == vel_tool::kDone) return;
-    const std::string more = ", \"backup2 limit " + user + " --dry-run\" tells why";
-    if (status == vel_tool::kWarnings) throw std::runtime_error("they cannot be met" + more);
-    throw std::runtime_error("the copy tool ended with status " + str::Str(int64_t{status}) + more);
-}
+const char kOwnCopy[] = "copy to the user's own storage";
 
 }  // namespace
 
@@ -34,26 +25,19 @@ void Afterwards::Run() {
     const auto in_use = Protect(backup);
     const auto before = Dates();
     Step("its record", [&] { RecordPlace(storage_, backup); });
-    Step("limits", [&] { ApplyLimits(); });
+    Step("limits", [&] { HoldLimits(storage_, report_.user, report_.date); });
     Step("rules of what to keep", [&] { ApplyKeepRules(); });
     const auto now = Dates();
     for (const std::string& date : before) {
         if (now.count(date) == 0) report_.removed.push_back(date);
     }
-    Step("copy to the user's own storage", [&] { CopyToOwnStorage(); });
+    Step(kOwnCopy, [&] { CopyToOwnStorage(); });
 }
 
 void Afterwards::Step(const std::string& what, const std::function<void()>& step) try {
     step();
 } catch (const std::exception& error) {
     report_.warnings.push_back(what + ": " + Reason(error));
-}
-
-void Afterwards::ApplyLimits() {
-    vel_xml::Xml own;  // the settings themselves must not name the user as the storage's owner
-    auto storage = own.GetRoot().AppendChild(storage_);
-    storage.SetProp("user", report_.user);
-    CheckLimitStatus(backup2::BackupSizeControl(storage, report_.date).Result(), report_.user);
 }
 
 void Afterwards::ApplyKeepRules() {
@@ -68,9 +52,11 @@ void Afterwards::ApplyKeepRules() {
 void Afterwards::CopyToOwnStorage() {
     for (const auto& storage : AskOwnStorages(report_.user)) {
         PrivateCopy copy(settings_, storage);
+        Step(kOwnCopy, [&] {
+            copy.Copy(report_.date);
+            report_.copied = true;
+        });
         for (const auto& warning : copy.Warnings()) report_.warnings.push_back(warning);
-        copy.Copy(report_.date);
-        report_.copied = true;
     }
 }
 

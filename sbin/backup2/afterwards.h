@@ -23,7 +23,6 @@ public:
 
 private:
     void Step(const std::string& what, const std::function<void()>& step);
-    void ApplyLimits();
     void ApplyKeepRules();
     void CopyToOwnStorage();
     std::set<std::string> Dates() const;

@@ -42,6 +42,7 @@ int Delete(const Options& options) {
     const std::string user = CheckUser(options.user);
     const Site site = AskSites(options.own, user).front();
     const Backup backup = GetBackup(site.local_dir, user, CheckDate(options.date));
+    if (options.own) CheckApart(user, site.token);
     RefusePinned(site, backup, options.force);
     const WorkLock alone(options.own ? "copy" : "delete", user);
     UseStorage(site.token);

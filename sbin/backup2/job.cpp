@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -121,6 +122,23 @@ bool IsBase(const Backup& backup) {
            (folder.empty() || backup2::GetPath(backup.Base()) == folder + "/" + backup.Base());
 }
 
+/// By whatever names: links and mounts lead to one folder.
+bool IsSameFolder(const std::string& a, const std::string& b) {
+    std::error_code missing;
+    return vel_file::GoodPath(a) == vel_file::GoodPath(b) ||
+           std::filesystem::equivalent(a, b, missing);
+}
+
+bool IsSamePlace(backup2::BackupToken a, backup2::BackupToken b) {
+    if (a.Type() != b.Type()) return false;
+    if (a.IsLocal()) return IsSameFolder(a.GetParam("path"), b.GetParam("path"));
+    for (auto* token : {&a, &b}) {
+        token->DropParam("arch_password");
+        token->SetParam("path", vel_file::GoodPath(token->GetParam("path")));
+    }
+    return a.Str() == b.Str();
+}
+
 }  // namespace
 
 // ---- Words of the administrator -----------------------------------------------------------------
@@ -201,6 +219,12 @@ std::vector<Site> AskSites(bool own, const std::string& user) {
     std::vector<Site> sites;
     for (const auto& storage : AskOwnStorages()) sites.emplace_back(storage);
     return sites;
+}
+
+void CheckApart(const std::string& user, const backup2::BackupToken& own) {
+    if (IsSamePlace(own, AskSite().token))
+        throw std::runtime_error("the storage of " + user +
+                                 " is the administrator's; it must have a place of its own");
 }
 
 vel_client::Result AskJob(const std::string& user) {

@@ -52,6 +52,9 @@ Site AskSite();  ///< the administrator's
 Site AskOwnSite(const std::string& user);
 /// The administrator's, or with `own` the user's own; with `own` and no user all that there are.
 std::vector<Site> AskSites(bool own, const std::string& user);
+/// Throws when the storage `own` of a user is the administrator's: both would keep the same files,
+/// and what limits, copies and deletions do to the one would be done to the other.
+void CheckApart(const std::string& user, const backup2::BackupToken& own);
 /// The panel's answer about the user's job ("backup2.item.info").
 vel_client::Result AskJob(const std::string& user);
 /// The elements of users' own storages: of all, or of one (perhaps none).

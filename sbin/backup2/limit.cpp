@@ -1,6 +1,9 @@
 /// backup2 limit: which backups stay, and why.
+#include <algorithm>
 #include <iostream>
+#include <map>
 #include <stdexcept>
+#include <tuple>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -40,16 +43,25 @@ struct Result {
     nlohmann::json report;
 };
 
+/// Of a user who was removed from the panel: none.
+std::map<std::string, std::string> PlanRules(const std::string& user) try {
+    return KeepRules(AskJob(user));
+} catch (const vel_err::Error& error) {
+    if (error.type() != "missed") throw;
+    return {};
+}
+
 /// What the options leave open, as the panel has it. A plan's rules are about the administrator's
 /// storage.
 Limits Complete(Limits limits, const Site& site, const std::string& user) {
     if (limits.size.empty()) limits.size = site.size_limit;
     if (limits.count.empty()) limits.count = site.count_limit;
-    if (limits.keep.empty() && site.owner.empty()) limits.keep = KeepRules(AskJob(user));
+    if (limits.keep.empty() && site.owner.empty()) limits.keep = PlanRules(user);
     return limits;
 }
 
 Result LimitUser(const Options& options, const Site& site, const std::string& user) {
+    if (options.own) CheckApart(user, site.token);
     const WorkLock alone(options.own ? "copy" : "limit", user);
     UseStorage(site.token);
     auto argv = LimitCommand(site, user, options.date, Complete(options.limits, site, user));
@@ -60,6 +72,7 @@ Result LimitUser(const Options& options, const Site& site, const std::string& us
     Done done;
     done.output = tool.Str();
     done.status = tool.Result();
+    if (done.status == vel_tool::kUsage) throw vel_tool::UsageError(done.LastLine());
     if (done.status != vel_tool::kWarnings) done.ThrowIfFailed(user);
     return {done.status, nlohmann::json::parse(done.output)};
 }
@@ -72,7 +85,7 @@ std::string TableOf(const nlohmann::json& report) {
                    HumanSize(row.at("size").get<uint64_t>()), row.at("decision"),
                    row.at("reason")});
     }
-    std::string text = table.Str();
+    std::string text = report.at("backups").empty() ? "no backups\n" : table.Str();
     for (const auto& why : report.at("unreachable")) text += why.get<std::string>() + "\n";
     return text;
 }
@@ -81,6 +94,13 @@ void Append(nlohmann::json& all, const nlohmann::json& one) {
     for (const char* part : {"backups", "unreachable"}) {
         for (const auto& row : one.at(part)) all[part].push_back(row);
     }
+}
+
+/// As "backup2 list" has them; the copy tool tells them in the order in which they go.
+void SortByAge(nlohmann::json& rows) {
+    std::sort(rows.begin(), rows.end(), [](const auto& a, const auto& b) {
+        return std::tie(a.at("user"), a.at("date")) < std::tie(b.at("user"), b.at("date"));
+    });
 }
 
 /// The users whom the options mean, with the storage that holds their backups.
@@ -113,6 +133,7 @@ int Limit(Options options) {
             total.status = vel_tool::kFailed;
         }
     }
+    SortByAge(total.report.at("backups"));
     if (options.json) {
         PrintJson(total.report);
     } else {

@@ -21,6 +21,9 @@ struct Limits {
 
 /// The rules that the panel gives for a user's job.
 std::map<std::string, std::string> KeepRules(const vel_xml::Xml& settings);
+/// Applies the limits of the element `storage` to the backups of `user` there. Throws
+/// std::runtime_error when that fails or they cannot be met. Leaves its token in BACKUP_TOKEN.
+void HoldLimits(vel_xml::XmlNode storage, const std::string& user, const std::string& date);
 /// For RunTool, which needs the site's token in the environment. The backup of `date` ("" none)
 /// counts as present and stays.
 std::vector<std::string> LimitCommand(const Site& site, const std::string& user,

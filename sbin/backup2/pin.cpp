@@ -28,6 +28,7 @@ int Pin(const Options& options, bool pinned) {
     const std::string user = CheckUser(options.user);
     const Site site = AskSites(options.own, user).front();
     const Backup backup = GetBackup(site.local_dir, user, CheckDate(options.date));
+    if (options.own) CheckApart(user, site.token);
     if (backup.Pinned() != pinned) {
         UseStorage(site.token);
         RunTool({"backup2_cp", pinned ? "--pin" : "--unpin", backup.info_path})

@@ -1,6 +1,7 @@
 #include "sbin/backup2/private.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <list>
 #include <set>
 #include <stdexcept>
@@ -10,6 +11,8 @@
 #include "vel/vel_log.h"
 
 #include "backup_common/backup2_qortar.h"
+
+#include "sbin/backup2/limits.h"
 
 namespace backup2_admin {
 namespace {
@@ -50,6 +53,10 @@ bool IsArchiveOf(const std::string& name, const Backup& backup) {
            (marked && name.find(tail) == std::string("F2024-01-31").size());
 }
 
+std::string RealPath(const std::string& path) {
+    return std::filesystem::weakly_canonical(path).string();
+}
+
 std::string FolderOf(const Backup& backup) {
     return vel_file::ConcatPath(backup.user, backup.date);
 }
@@ -71,6 +78,7 @@ Replay ClearBrokenCopies(const std::string& user, const std::string& admin_dir,
     vel_file::Remove(vel_file::ConcatPath(admin_dir, user, kFetched));
     Replay replay;
     const auto before = backup2::ReadCleanups(own_dir);
+    for (const auto& item : before) CheckApart(user, backup2::BackupToken(item.token));
     if (before.empty()) {
         const backup2::Lock stale(own_dir);  // the mark of a dead one goes with ours
         return replay;
@@ -97,6 +105,8 @@ PrivateCopy::PrivateCopy(vel_xml::Xml settings, vel_xml::XmlNode storage)
       admin_(settings_.GetNode("/doc/storage")),
       own_(storage_),
       alone_("copy", own_.owner) {
+    CheckApart(own_.owner, own_.token);
+    CheckOutsideTree();
     const Replay replay = ClearBrokenCopies(own_.owner, admin_.local_dir, own_.local_dir);
     if (!replay.why.empty()) warnings_.push_back("a broken copy stays: " + replay.why);
 }
@@ -106,7 +116,28 @@ bool PrivateCopy::Copy(const std::string& date) {
     for (const Backup& backup : missing) CheckPassword(backup, admin_.token);
     CheckBeforeReplacing(missing);
     for (const Backup& backup : missing) CopyOne(backup);
+    if (!missing.empty()) ApplyLimits(date);
     return !missing.empty();
+}
+
+/// Once more: before the copy nobody knew its size, and the one before it was the newest good one.
+void PrivateCopy::ApplyLimits(const std::string& date) try {
+    HoldLimits(storage_, own_.owner, date);
+} catch (const std::exception& error) {
+    warnings_.push_back("limits of the user's own storage: " + Reason(error));
+}
+
+/// Each backup would hold the copies of all before it.
+void PrivateCopy::CheckOutsideTree() const {
+    if (!own_.token.IsLocal()) return;
+    const std::string root = settings_.GetNode("/doc/files").GetProp("root");
+    const std::string place = RealPath(own_.token.GetParam("path"));
+    for (const auto& folder : settings_.GetNodes("/doc/files/folder")) {
+        const std::string saved = RealPath(vel_file::ConcatPath(root, folder.Str()));
+        if (place == saved || str::StartsWith(place, saved + "/"))
+            throw std::runtime_error("the storage of " + own_.owner + " lies in " + saved +
+                                     ", which is backed up itself");
+    }
 }
 
 /// A storage that cannot be written (an empty mount point, say) looks as if it had lost its

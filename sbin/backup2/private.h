@@ -19,7 +19,8 @@ struct Replay {
 
 /// Removes what copies left that died: their programs, their temporaries below `admin_dir`, and
 /// what the journal in `own_dir` names, also from the storage. Other backups are not touched. Needs
-/// the lock of "copy". Throws only for what this machine refuses.
+/// the lock of "copy". Throws for what this machine refuses, and before anything is done when a
+/// line means the administrator's storage.
 Replay ClearBrokenCopies(const std::string& user, const std::string& admin_dir,
                          const std::string& own_dir);
 
@@ -40,6 +41,8 @@ public:
 
 private:
     std::vector<Backup> Missing(const std::string& date) const;
+    void CheckOutsideTree() const;
+    void ApplyLimits(const std::string& date);
     void CheckBeforeReplacing(const std::vector<Backup>& missing) const;
     bool IsComplete(const Backup& backup) const;
     void CopyOne(Backup backup);

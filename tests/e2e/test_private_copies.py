@@ -198,6 +198,25 @@ class PrivateCopies(unittest.TestCase):
         self.backup2("copy", USER)
         self.assert_tidy()
 
+    def test_a_place_that_copies_would_harm_is_refused(self):
+        """The administrator's storage, by any name, and what is backed up itself."""
+        self.make(FIRST)
+        alias = self.root / "alias"
+        alias.symlink_to(self.store)
+        before = content(self.store)
+        for place, why in ((self.store, "the administrator's"), (alias, "the administrator's"),
+                           (self.home / "data/sub/own", "backed up itself")):
+            self.panel.command(["storage", "set", "--user", USER, "--count-limit", "1"],
+                               local_token(place, OWN_PASSWORD))
+            self.assertIn(why, self.backup2("copy", "--all", expect=1))
+        self.panel.command(["storage", "set", "--user", USER], local_token(alias))
+        for words in (["delete", USER, FIRST], ["pin", USER, FIRST], ["limit", USER]):
+            self.assertIn("the administrator's", self.backup2(*words, "--private", expect=1))
+        shown = json.loads(self.backup2("run", USER, "--date", SECOND, "--json", expect=3))[0]
+        self.assertIn("the administrator's", shown["warnings"][0])
+        self.assertEqual(content(self.store) | before, content(self.store))
+        self.backup2("verify", "--deep")
+
     # ---- What stays -----------------------------------------------------------------------------
 
     def test_a_pinned_backup_survives_and_limit_explains(self):
