@@ -304,6 +304,13 @@ void Backup::CheckRecord() const {
     throw std::runtime_error(info_path + ": the info file is damaged");
 }
 
+bool Backup::Usable() const try {
+    CheckRecord();
+    return !Deleted();
+} catch (const std::runtime_error&) {
+    return false;
+}
+
 std::vector<Slice> Backup::Slices() const {
     CheckRecord();
     const std::string last = Get("last-slice");

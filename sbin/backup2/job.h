@@ -83,6 +83,7 @@ struct Backup {
     std::string Get(const std::string& key) const;  ///< "" when the info file has no such key
     std::string Title() const { return user + " " + date; }
     std::string Kind() const { return Get("type"); }
+    bool Usable() const;  ///< neither marked as deleted nor damaged
     bool Deleted() const { return info.count("deleted") != 0; }
     bool Pinned() const { return info.count("pinned") != 0; }
     /// Name of the archive as the archiver knows it: no ".aes", no ".partK".

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <list>
+#include <map>
 #include <set>
 #include <stdexcept>
 
@@ -138,6 +139,36 @@ void PrivateCopy::CheckOutsideTree() const {
             throw std::runtime_error("the storage of " + own_.owner + " lies in " + saved +
                                      ", which is backed up itself");
     }
+}
+
+std::vector<std::string> PrivateCopy::Lacking() const {
+    const auto here = BasesOf(admin_), there = BasesOf(own_);
+    auto all = here;
+    all.insert(there.begin(), there.end());
+    const auto room = static_cast<std::size_t>(str::Int64(own_.count_limit));
+    std::set<std::string> held;
+    for (auto backup = all.rbegin(); backup != all.rend(); ++backup) {
+        if (str::Int64(own_.size_limit) > 0 && there.count(backup->first)) break;
+        auto more = held;
+        more.insert(backup->first);
+        if (!backup->second.empty()) more.insert(backup->second);
+        if (room > 0 && more.size() > room && !held.empty()) break;
+        held = std::move(more);
+    }
+    std::vector<std::string> lacking;
+    for (const auto& date : held) {
+        if (here.count(date) && !there.count(date)) lacking.push_back(date);
+    }
+    return lacking;
+}
+
+/// Date -> that of its base or "", of the usable backups of the user.
+std::map<std::string, std::string> PrivateCopy::BasesOf(const Site& site) const {
+    std::map<std::string, std::string> bases;
+    for (const Backup& backup : FindBackups(site.local_dir, own_.owner, "")) {
+        if (backup.user == own_.owner && backup.Usable()) bases[backup.date] = backup.BaseDate();
+    }
+    return bases;
 }
 
 /// A storage that cannot be written (an empty mount point, say) looks as if it had lost its

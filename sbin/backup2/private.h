@@ -1,6 +1,7 @@
 /// Users' own storages: copying backups into them, and clearing what broken copies left there.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -37,9 +38,15 @@ public:
     /// or "backup2 cleanup". Leaves the user's token in BACKUP_TOKEN.
     bool Copy(const std::string& date);
 
+    /// The dates that his storage should have and does not, by age: of all backups, here and there,
+    /// the newest that it may hold by their number. With a size limit nothing older than its newest
+    /// one is named, since that would drive newer ones out.
+    std::vector<std::string> Lacking() const;
+
     const std::vector<std::string>& Warnings() const { return warnings_; }
 
 private:
+    std::map<std::string, std::string> BasesOf(const Site& site) const;
     std::vector<Backup> Missing(const std::string& date) const;
     void CheckOutsideTree() const;
     void ApplyLimits(const std::string& date);

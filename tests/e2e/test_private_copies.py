@@ -158,6 +158,22 @@ class PrivateCopies(unittest.TestCase):
             self.assert_restores(date, state, "--private")
         self.assert_tidy()
 
+    def test_missing_copies_are_made_up_for_within_the_limits(self):
+        self.panel.command(["storage", "remove", "--user", USER])
+        for date in days(6):
+            self.make(date)
+        first, second, third, sunday, monday, tuesday = days(6)  # a full one: first, sunday
+        for limit, dates in (("--count-limit=1", {tuesday}), ("--count-limit=2", {sunday, tuesday}),
+                             ("--size-limit=1G", {sunday, tuesday}),
+                             ("--count-limit=5", {first, third, sunday, monday, tuesday}),
+                             ("--slice-size=1G", set(days(6)))):
+            self.use_own(OWN_PASSWORD, limit)
+            self.backup2("copy", USER, "--missing", expect=3 if limit == "--count-limit=1" else 0)
+            self.assertEqual(set(self.listed("--private")) - {sunday}, dates - {sunday}, limit)
+            self.assertEqual(self.backup2("copy", "--all", "--missing"), "", "nothing more is missing")
+        self.backup2("verify", "--deep", "--private")
+        self.assert_tidy()
+
     def test_a_custom_backup_takes_the_place_of_the_one_before_in_both_storages(self):
         for _ in range(2):
             state = self.change()
