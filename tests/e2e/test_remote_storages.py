@@ -1,0 +1,352 @@
+"""Every kind of storage, on real servers and the clouds' stand-ins: set up, used, broken, used again."""
+
+import contextlib
+import json
+import os
+import pathlib
+import random
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+import backup2_test
+from backup2_test import run, tree_state
+from panel import Panel
+
+USER = "www-data"  # every Debian has it
+MONDAY, TUESDAY, WEDNESDAY = "2024-03-04", "2024-03-05", "2024-03-06"
+SERVERS = pathlib.Path(__file__).parents[1] / "servers"
+PASSWORD, OWN_PASSWORD = "administrator's $(touch canary)", "the user's own %p"
+CLOUDS = {"dropbox": "dropbox", "googledrive": "google_drive", "yandex": "yandex"}
+
+
+@contextlib.contextmanager
+def server(name, **env):
+    """A server of tests/servers while the block runs; what it printed. A missing package is a failure."""
+    work = tempfile.mkdtemp(prefix="backup2-server-")
+    os.chmod(work, 0o755)
+    script = SERVERS / name
+    command = [sys.executable, script] if b"python" in script.read_bytes()[:40] else [script]
+    try:
+        done = subprocess.run([*command, "start", work], capture_output=True, text=True, check=False,
+                              env={**os.environ, **env}, timeout=180)
+        assert done.returncode == 0, f"{name}: {done.stdout}{done.stderr}"
+        yield dict(line.split("=", 1) for line in done.stdout.splitlines())
+    finally:
+        subprocess.run([*command, "stop", work], capture_output=True, check=False)
+        shutil.rmtree(work, ignore_errors=True)
+
+
+# ---- What "storage add" is told: the words, and the lines of secrets ----------------------------
+
+def sftp(ssh, folder, host="127.0.0.1", key="key"):
+    return ["--type", "sftp", "--host", host, "--port", ssh["port"], "--key-file", ssh[key],
+            "--path", f"{ssh['root']}/{folder}"], []
+
+
+def node(ssh, folder):
+    return ["--type", "node", "--host", "127.0.0.1", "--port", ssh["port"], "--key-file", ssh["key"],
+            "--path", f"{ssh['root']}/{folder}"], []
+
+
+def ftp(settings, folder, *words, scheme=""):
+    return ["--type", "ftp", "--host", scheme + settings["host"], "--port", settings["port"],
+            "--user", settings["user"], "--path", "/" + folder, *words], [settings["password"]]
+
+
+def s3(settings, folder, kind="s3"):
+    return ["--type", kind, "--endpoint", settings["endpoint"], "--region", settings["region"],
+            "--bucket", settings["bucket"], "--path", folder], [settings["access_key"], settings["secret_key"]]
+
+
+def cloud(settings, folder, kind):
+    return ["--type", kind, "--api", settings["api"], "--path", "/" + folder], [
+        settings[name] for name in ("access_token", "refresh_token", "client_id", "client_secret")]
+
+
+def control(settings, **command):
+    import urllib.request
+    request = urllib.request.Request(settings["control"], json.dumps(command).encode(), method="POST")
+    urllib.request.urlopen(request, timeout=30).close()
+
+
+@unittest.skipUnless(os.geteuid() == 0, "the service runs as root")
+class StorageCase(unittest.TestCase):
+    def setUp(self):
+        stack = contextlib.ExitStack()
+        self.addCleanup(stack.close)
+        self.serve = lambda name, **env: stack.enter_context(server(name, **env))
+        memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+        self.root = stack.enter_context(backup2_test.install_root(memory))
+        self.home, self.local = self.root / "www", self.root / "var/backup/qorvel"
+        self.panel = stack.enter_context(Panel())
+        self.secrets, self.env = {PASSWORD, OWN_PASSWORD}, {"BACKUP2_RETRY_MS": "1"}
+        self.dice = random.Random(11)
+        (self.home / "data/sub").mkdir(parents=True)
+        (self.home / "data/link").symlink_to("sub/b")
+        self.panel.command(["user", "add", USER, "--root", str(self.home)])
+        self.change()
+
+    def change(self):
+        for name, size in (("a", 400_000), ("sub/b", 200_000), (f"new{self.dice.random()}", 5000)):
+            (self.home / "data" / name).write_bytes(self.dice.randbytes(size))
+        return tree_state(self.home)
+
+    def backup2(self, *words, expect=0, stdin=None):
+        done = run(["backup2", *words], stdin=stdin, **self.env)
+        self.assertEqual(done.returncode, expect, (words, done.stdout, done.stderr))
+        log = self.root / "var/qorvel.log"
+        seen = done.stdout + done.stderr + (log.read_text(errors="replace") if log.exists() else "")
+        for secret in self.secrets:
+            self.assertNotIn(secret, seen, words)
+        return done.stdout if expect == 0 else done.stderr
+
+    def add(self, described, *words, password=None, expect=0):
+        options, secrets = described
+        self.secrets.update(secret for secret in secrets if len(secret) > 12)
+        lines = [*secrets, *([password] if password else [])]
+        return self.backup2("storage", "add", *words, *options, *(["--encrypt"] if password else []),
+                            stdin="".join(line + "\n" for line in lines), expect=expect)
+
+    def stored(self, date):
+        """Names under the backup's folder, as the storage lists them."""
+        token = json.loads(json.dumps(self.panel.ask(func="backup2.settings").findtext("storage")))
+        done = run(["backup2_cp", "--list", f"{USER}/{date}"], BACKUP_TOKEN=token, **self.env)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return done.stdout.split()
+
+    def assert_restores(self, date, state, *words):
+        with tempfile.TemporaryDirectory(dir=self.root) as target:
+            self.backup2("restore", USER, date, "--to", target, *words)
+            self.assertEqual(tree_state(target), state, (date, words))
+
+    def assert_tidy(self):
+        left = [p for p in self.local.iterdir() if p.name != USER]
+        left += list(self.root.rglob(".tmp.*")) + list((self.root / "tmp").glob("*"))
+        left += list((self.root / "var/backup2_cp.tmp").glob("*"))
+        self.assertEqual([str(p) for p in left], [])
+
+
+class Kinds(StorageCase):
+    """Two days of backups on a storage, encrypted and then plain; everything comes back."""
+
+    def assert_works(self, described, password, *limits):
+        said = self.add(described, "--replace", "--slice-size", "256K", *limits, password=password)
+        self.assertIn("encrypted" if password else "not encrypted", said)
+        states = {}
+        for date in (MONDAY, TUESDAY):
+            states[date] = self.change()
+            self.backup2("run", USER, "--date", date)
+        listed = {row["date"]: row for row in json.loads(self.backup2("list", USER, "--json"))}
+        self.assertEqual([listed[d]["kind"] for d in (MONDAY, TUESDAY)], ["full", "incremental"])
+        self.assertTrue(all((".aes" in name) == bool(password) or name.endswith(".info")
+                            for name in self.stored(MONDAY)), self.stored(MONDAY))
+        self.backup2("verify", USER, "--deep")
+        for date, state in states.items():
+            self.assert_restores(date, state)
+        for date in (TUESDAY, MONDAY):
+            self.backup2("delete", USER, date)
+            self.assertEqual(self.stored(date), [])
+        self.assert_tidy()
+
+    def assert_both_ways(self, encrypted, plain):
+        self.assert_works(encrypted, PASSWORD)
+        self.assert_works(plain, None)
+
+    def test_local(self):
+        there = lambda name: (["--type", "local", "--path", str(self.root / name)], [])
+        self.assert_both_ways(there("a store"), there("another"))
+
+    def test_sftp_over_both_protocols_and_with_both_kinds_of_keys(self):
+        ssh = self.serve("sshd")
+        self.assert_both_ways(sftp(ssh, "a store"), sftp(ssh, "b", ssh["host6"] or "127.0.0.1", "key_pem"))
+        known = self.root / "var/backup2_cp.known_hosts"
+        self.assertEqual(known.stat().st_mode & 0o777, 0o600)
+        self.assertIn("SHA256:", self.backup2("storage", "show"))
+
+    def test_ftp_passive_with_tls_and_active_without(self):
+        there = self.serve("pureftpd", FTP_TLS="1")
+        self.env["BACKUP2_CA_FILE"] = there["ca"]
+        self.assert_both_ways(ftp(there, "a store", scheme="ftpes://"), ftp(there, "b", "--mode", "active"))
+
+    def test_s3_on_two_servers(self):
+        self.assert_both_ways(s3(self.serve("s3_swift"), "a store"), s3(self.serve("s3_ceph"), "b", "amazon"))
+
+    def test_clouds(self):
+        for kind, script in CLOUDS.items():
+            with self.subTest(kind):
+                there = self.serve(script)
+                self.assert_both_ways(cloud(there, "a store", kind), cloud(there, "b", kind))
+
+    def test_backups_of_a_node_are_restored_and_tidied_from_here(self):
+        ssh = self.serve("sshd")
+        there = (["--type", "local", "--path", ssh["root"] + "/nodes"], [])
+        for password in (PASSWORD, None):
+            self.add(there, "--replace", "--slice-size", "256K", password=password)
+            state = self.change()
+            self.backup2("run", USER, "--date", MONDAY)
+            self.assertIn("node", self.add(node(ssh, "nodes"), "--replace", password=password))
+            self.backup2("verify", USER, "--deep")
+            self.assert_restores(MONDAY, state)
+            self.assertIn("node", self.backup2("run", USER, "--date", TUESDAY, expect=1))
+            self.backup2("delete", USER, MONDAY)
+            self.assertEqual(self.stored(MONDAY), [])
+        self.assert_tidy()
+
+    def test_private_copies_between_kinds(self):
+        ssh, swift, dropbox = self.serve("sshd"), self.serve("s3_swift"), self.serve("dropbox")
+        local = (["--type", "local", "--path", str(self.root / "store")], [])
+        for admin, password, own, own_password in (
+                (s3(swift, "admin"), PASSWORD, sftp(ssh, "own"), None),
+                (local, None, cloud(dropbox, "own", "dropbox"), OWN_PASSWORD)):
+            with self.subTest(own[0][1]):
+                self.add(admin, "--replace", "--slice-size", "256K", password=password)
+                self.add(own, USER, "--replace", password=own_password)
+                states = {}
+                for date in (MONDAY, TUESDAY):
+                    states[date] = self.change()
+                    self.backup2("run", USER, "--date", date)
+                self.backup2("verify", USER, "--deep", "--private")
+                for date, state in states.items():
+                    self.assert_restores(date, state, "--private")
+                for date in (TUESDAY, MONDAY):
+                    for words in (["--private"], []):
+                        self.backup2("delete", USER, date, *words)
+                self.assert_tidy()
+
+    def test_storages_are_listed_shown_and_removed_without_their_secrets(self):
+        local = (["--type", "local", "--path", str(self.root / "store")], [])
+        own = cloud(self.serve("dropbox"), "own", "dropbox")
+        self.assertIn("no storage", self.backup2("storage", "list"))
+        self.add(local, "--size-limit", "5G", password=PASSWORD)
+        self.add(own, USER, "--count-limit", "3")
+        rows = json.loads(self.backup2("storage", "list", "--json"))
+        self.assertEqual([(r["owner"], r["type"], r["encrypted"], r["size_limit"], r["count_limit"])
+                          for r in rows], [("", "local", True, "5G", ""), (USER, "dropbox", False, "", "3")])
+        for secret in own[1]:
+            for words in (["list"], ["show"], ["show", USER], ["list", "--json"], ["show", USER, "--json"]):
+                self.assertNotIn(secret, self.backup2("storage", *words))
+        self.assertIn("--replace", self.add(local, expect=1))
+        for words, gone in ((["remove", USER], ["show", USER]), (["remove"], ["show"])):
+            self.backup2("storage", *words)
+            self.backup2("storage", *gone, expect=1)
+
+    def test_what_a_kind_does_not_know_or_lacks_is_wrong_usage(self):
+        for words, said in (
+                ("--type local", "--path"), ("--type local --path /x --host h", "--host"),
+                ("--type sftp --host h --path /x", "--key-file"), ("--type s3", "--bucket"),
+                ("--type ftp --host h --user u", "password"), ("--type nfs", "nfs"),
+                ("--type local --path /x;y", "semicolon"), ("--type ftp --host h --user u --mode fast", "mode")):
+            self.assertIn(said, self.backup2("storage", "add", *words.split(), expect=2))
+        self.assertIn("no storage", self.backup2("storage", "list"))
+
+
+class Faults(StorageCase):
+    """Each leaves a clear error, no secret, nothing half under a final name, and the next run works."""
+
+    def use(self, described, password=PASSWORD):
+        self.add(described, "--slice-size", "64K", password=password)
+        self.backup2("run", USER, "--date", MONDAY)
+        self.change()
+
+    def assert_fails(self, *said, date=TUESDAY):
+        error = self.backup2("run", USER, "--date", date, expect=1)
+        for word in said:
+            self.assertIn(word, error)
+        self.assertNotIn(date, self.backup2("list", USER))
+
+    def assert_recovers(self, date=TUESDAY):
+        self.assertNotIn(f"{date}.{USER}.info", self.stored(date))
+        state = self.change()
+        self.backup2("run", USER, "--date", date)
+        self.backup2("verify", USER, date, "--deep")
+        self.assert_restores(date, state)
+        self.assert_tidy()
+
+    def test_connections_that_die_in_the_middle_of_an_upload(self):
+        ssh = self.serve("sshd")
+        self.use(sftp(ssh, "store"))
+        broken = pathlib.Path(ssh["remote_bin"]) / "cat"
+        broken.write_text("#!/bin/sh\nhead -c 30000\nkill -9 $SESSION\n")
+        broken.chmod(0o755)
+        self.assert_fails("sftp storage", "Fail to encode", f"I{TUESDAY}")
+        self.assertEqual(self.stored(TUESDAY), [])
+        broken.unlink()
+        self.assert_recovers()
+
+    def test_a_server_that_is_gone(self):
+        ssh = self.serve("sshd")
+        self.use(sftp(ssh, "store"))
+        settings = pathlib.Path(ssh["log"]).parent
+        subprocess.run([SERVERS / "sshd", "stop", settings], check=True)
+        shutil.rmtree(self.root / "var/run/backup2_cp.reached")  # as after a minute
+        self.assert_fails("sftp storage", "no way in to 127.0.0.1", "refused")
+        self.assertIn("no way in", self.backup2("delete", USER, MONDAY, expect=1))
+        self.assertIn(MONDAY, self.backup2("list", USER))  # still known: its files are there yet
+
+    def test_another_host_key_stops_every_job_until_it_is_accepted(self):
+        ssh = self.serve("sshd")
+        self.use(sftp(ssh, "store"))
+        known = self.root / "var/backup2_cp.known_hosts"
+        subprocess.run(["ssh-keygen", "-q", "-t", "ecdsa", "-N", "", "-f", self.root / "other"], check=True)
+        other = (self.root / "other.pub").read_text().split()
+        known.write_text(" ".join([known.read_text().split()[0], *other[:2]]) + "\n")
+        # Even where nobody looks first: every connection by itself is refused.
+        self.assert_fails("sftp storage", "the host key of 127.0.0.1 is not the recorded one")
+        self.assertEqual(len(known.read_text().splitlines()), 1)
+        self.backup2("verify", USER, expect=1)
+        self.backup2("delete", USER, MONDAY, expect=1)
+        self.assertIn("--accept-host-key", self.backup2("storage", "check", expect=1))
+        self.assertIn("host key SHA256:", self.backup2("storage", "check", "--accept-host-key"))
+        self.assert_recovers()
+
+    def test_wrong_secrets_are_found_before_anything_is_kept(self):
+        ssh, there, swift = self.serve("sshd"), self.serve("pureftpd"), self.serve("s3_swift")
+        stranger = self.root / "stranger"
+        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", stranger], check=True)
+        for described, said in (
+                (sftp({**ssh, "key": str(stranger)}, "x"), "Permission denied"),
+                (ftp({**there, "password": "wrong password"}, "x"), "unauthorized"),
+                (s3({**swift, "secret_key": "wrong secret key"}, "x"), "Authorization error"),
+                (s3({**swift, "bucket": "elsewhere"}, "x"), "NoSuchBucket")):
+            with self.subTest(described[0][1]):
+                error = self.add(described, expect=1)
+                self.assertIn(f"the storage was not set up: backup2_cp: {described[0][1]} storage", error)
+                self.assertIn(said, error)
+                self.assertIn("no storage", self.backup2("storage", "list"))
+
+    def test_tokens_that_end(self):
+        for kind, script in CLOUDS.items():
+            with self.subTest(kind):
+                there = self.serve(script)
+                self.add(cloud(there, "store", kind), "--replace", password=PASSWORD)
+                control(there, expire=True)  # is refreshed
+                self.backup2("run", USER, "--date", MONDAY)
+                control(there, revoke=True)
+                self.assert_fails(f"{kind} storage", "uthoriz")
+                self.backup2("storage", "remove")
+                shutil.rmtree(self.local / USER)
+
+    def test_storages_without_room(self):
+        dropbox, full = self.serve("dropbox"), self.serve("pureftpd", FTP_QUOTA_MB="1")
+        for described in (cloud(dropbox, "store", "dropbox"), ftp(full, "store")):
+            with self.subTest(described[0][1]):
+                self.add(described, "--replace", "--slice-size", "256K", password=PASSWORD)
+                control(dropbox, quota=1 << 20)
+                self.change()
+                for name in range(3):
+                    (self.home / f"data/big{name}").write_bytes(self.dice.randbytes(400_000))
+                self.assert_fails(f"{described[0][1]} storage", "no room", date=MONDAY)
+                for name in range(3):
+                    (self.home / f"data/big{name}").unlink()
+                for path in (self.home / "data").glob("new*"):
+                    path.unlink()
+                control(dropbox, quota=1 << 40)
+                self.assert_recovers(MONDAY)
+                shutil.rmtree(self.local / USER)
+
+
+if __name__ == "__main__":
+    unittest.main()
