@@ -5,7 +5,6 @@
 #include <functional>
 #include <future>
 #include <iostream>
-#include <list>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -64,12 +63,9 @@ std::optional<SliceSums> SumsOf(const InfoMap& keys, const BackupName& slice,
 }
 
 void RequireStored(const Target& target, const std::string& name) {
-    std::list<std::string> found;
-    target.Retry(target.Describe() + ", " + name, [&] {
-        found.clear();
-        target.Open()->List(found, name);
-    });
-    if (found.empty()) throw std::runtime_error(target.Describe() + ": " + name + " is missing");
+    bool found = false;
+    target.Retry(target.Describe() + ", " + name, [&] { found = target.Holds(name); });
+    if (!found) throw std::runtime_error(target.Describe() + ": " + name + " is missing");
 }
 
 // ---- Fetching -----------------------------------------------------------------------------------

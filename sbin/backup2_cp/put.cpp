@@ -1,4 +1,3 @@
-#include <list>
 #include <stdexcept>
 
 #include "vel/str.h"
@@ -43,9 +42,7 @@ bool IsDone(const Target& target, const Options& options, const InfoMap& keys,
     if (vel_file::Exists(options.file)) return false;
     if (Value(keys, "slice." + str::Str(uint64_t{NameOf(stored).Slice()})).empty()) return false;
     if (options.last && Value(keys, "last-slice") != stored) return false;
-    std::list<std::string> found;
-    target.Open()->List(found, stored);
-    return !found.empty();
+    return target.Holds(stored);
 }
 
 InfoMap Completed(const Target& target, const Options& options, const std::string& index) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <list>
 #include <stdexcept>
 
 #include "vel/str.h"
@@ -77,6 +78,12 @@ std::shared_ptr<backup2::Storage> Target::Open() const {
     if (!reached_) Reach(*storage);
     reached_ = true;
     return storage;
+}
+
+bool Target::Holds(const std::string& name) const {
+    std::list<std::string> names;
+    Open()->List(names, vel_file::SplitPath(name).dir);
+    return std::find(names.begin(), names.end(), vel_file::Name(name)) != names.end();
 }
 
 bool Target::Streams() const { return !token_.IsLocal() && !MovesFiles(token_); }

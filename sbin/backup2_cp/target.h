@@ -32,6 +32,8 @@ public:
     void ReachOncePerMinute() { recent_will_do_ = true; }
     /// True when what goes there passes as a stream, which can be watched.
     bool Streams() const;
+    /// True when `name` is listed in its folder: not every kind lists a file by its own name.
+    bool Holds(const std::string& name) const;
     /// Path of a stored file of a local storage, "" for other kinds.
     std::string LocalPath(const std::string& name) const;
     /// True when the local file and the stored one are the same directory entry.
