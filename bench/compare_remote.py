@@ -6,6 +6,7 @@
 Every kind runs against its server of tests/servers on loopback. A new kind is a class here: how its
 server starts, its token, and the commands of the other side.
 """
+import base64
 import contextlib
 import filecmp
 import os
@@ -31,6 +32,7 @@ class Site:
 
     def __init__(self, work):
         self.work = work
+        work.parent.chmod(0o711)  # servers run under accounts of their own
         printed = subprocess.run([SERVERS / self.server, "start", work], check=True, text=True,
                                  stdout=subprocess.PIPE, env={**os.environ, **self.options}).stdout
         self.settings = dict(line.split("=", 1) for line in printed.splitlines())
@@ -85,7 +87,35 @@ class S3(Site):
         return self.rclone(f"copy --transfers 8 {local} R:backups/theirs/{folder}")
 
 
-KINDS = {"s3": S3}
+class Ftp(Site):
+    server, against = "pureftpd", "curl"
+    goals = {"put": 1.1, "get": 1.1, "list": 1.1}
+
+    def token(self):
+        secret = base64.b64encode(self.settings["password"].encode()).decode()
+        return (f"type=ftp;url={self.settings['host']};port={self.settings['port']};path=/ours;"
+                f"username={self.settings['user']};password={secret}")
+
+    def curl(self, words, path):
+        config = self.work / "curlrc"
+        config.write_text('user = "{user}:{password}"\n'.format(**self.settings))
+        return f"curl -sS -K {config} {words} ftp://{self.settings['host']}:{self.settings['port']}/theirs/{path}", {}
+
+    def put(self, file, name):
+        return self.curl(f"--ftp-create-dirs -T {file}", name)
+
+    def get(self, name, file):
+        return self.curl(f"-o {file}", name)
+
+    def list(self, folder):
+        command, env = self.curl("-X MLSD", f"{folder}/")
+        return f"{command} | wc -l", env
+
+    def fill(self, local, folder):
+        return f"mkdir -p {self.settings['root']}/theirs && cp -r {local} {self.settings['root']}/theirs/{folder}", {}
+
+
+KINDS = {"s3": S3, "ftp": Ftp}
 
 
 class Remote(compare.Bench):

@@ -269,6 +269,7 @@ const Lie kLies[] = {
      "",
      "list",
      "550 No"},
+    {"listing with a limit", {}, "type=file; x\r\n", "list", "truncated", "226 Output truncated"},
     {"cut listing", {}, "type=file; x\r\n", "list", "426 Cut", "426 Cut"},
     {"busy folder", {{"CWD", "450 Busy"}}, "", "list", "450 Busy"},
 };

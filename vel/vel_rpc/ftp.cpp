@@ -209,6 +209,8 @@ std::optional<Names> Ftp::Impl::NamesIn(const std::string& step, const std::stri
         const bool nothing = !reply.ok && entered && reply.status == kMissing;
         if (nothing && IsEmpty(step, folder)) return Names();
     }
+    // pure-ftpd ends a long listing before its end, and says so only here.
+    if (reply.text.find("truncated") != reply.text.npos) Refuse(step, reply.text);
     if (reply.ok) return names;
     if (entered || reply.status < 500) Refuse(step, reply.text);
     return std::nullopt;

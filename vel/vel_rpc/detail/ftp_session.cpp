@@ -18,7 +18,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr long kBufferBytes = 512 << 10;
+constexpr long kBufferBytes = 64 << 10;
 constexpr long kUploadBufferBytes = 2 << 20;
 constexpr long kOlderTls = +CURL_SSLVERSION_TLSv1_2 | +CURL_SSLVERSION_MAX_TLSv1_2;
 constexpr int kMaxWaitMs = 200;
