@@ -541,7 +541,7 @@ void UpdateInfo(vel_xml::XmlNode target, const std::string& info_file,
         const std::string slice = str::GetWord(value);
         value = moved(slice) + " " + EncryptedSize(value);
     }
-    vel_file::Write(info_file, str::Join(info, "\n") + "\n");
+    vel_file::Write(info_file, str::Join(info, "\n"));
 }
 
 namespace {

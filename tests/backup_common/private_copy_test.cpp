@@ -80,7 +80,7 @@ TEST_F(PrivateCopies, SlicesGoInOrderOneAtATimeThenTheRecords) {
               "data T/J31/FJ31.bob.tgz.part2 bob 1\n"
               "data T/J31/FJ31.bob.tgz.part1 bob 1\n"
               "keep A/J31/J31.bob.tgz bob\nkeep P/J31/J31.bob.info bob\n");
-    EXPECT_EQ(ReadFile(kOwn + "2024-01-31/2024-01-31.bob#a.info"), "last-slice=bob/2024-01-31\n");
+    EXPECT_EQ(ReadFile(kOwn + "2024-01-31/2024-01-31.bob#a.info"), "last-slice=bob/2024-01-31");
     EXPECT_TRUE(fs::exists(kOwn + "2024-01-31/2024-01-31.bob.tgz"));
     EXPECT_TRUE(log_.Has(
         8, "CopyToPrivate admin_local_dir = var/backup/qorvel, date = 2024-01-31 user = bob"));

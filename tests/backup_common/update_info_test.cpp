@@ -36,26 +36,26 @@ TEST_F(InfoUpdate, DescribesTheTarget) {
     const struct {
         std::string token, file, before, after;  // "|" for line ends
     } cases[] = {
-        {plain, "i.info", "", "last-slice=bob/2024-01-31|"},
+        {plain, "i.info", "", "last-slice=bob/2024-01-31"},
         {plain, "i.info", "a=b=c|key_hash=x|last-slice=bob/d/F.bob.tgz.part2|role-x=y 9|size=100",
-         "a=b=c|key_hash=x|last-slice=bob/2024-01-31/F.bob.tgz.part2|role-x=y 9|size=100|"},
+         "a=b=c|key_hash=x|last-slice=bob/2024-01-31/F.bob.tgz.part2|role-x=y 9|size=100"},
         {secret, "i.info", "last-slice=bob/d/F.bob.tgz.part2|size=100|",
-         hash + "last-slice=bob/2024-01-31/F.bob.tgz.aes.part2|size=97|"},
+         hash + "last-slice=bob/2024-01-31/F.bob.tgz.aes.part2|size=97"},
         {secret, "i.info", "last-slice=F.bob.tgz",
-         hash + "last-slice=bob/2024-01-31/F.bob.tgz.aes|size=-31|"},
+         hash + "last-slice=bob/2024-01-31/F.bob.tgz.aes|size=-31"},
         {plain, "i.info", "key_hash=x|last-slice=bob/d/F.bob.tgz.aes|size=100",
-         "last-slice=bob/2024-01-31/F.bob.tgz|size=100|"},
+         "last-slice=bob/2024-01-31/F.bob.tgz|size=100"},
         {secret, "i.info", "key_hash=x|last-slice=F.bob.tgz.aes|size=100",
-         hash + "last-slice=bob/2024-01-31/F.bob.tgz.aes|size=100|"},
+         hash + "last-slice=bob/2024-01-31/F.bob.tgz.aes|size=100"},
         {plain, "b#.info", "last-slice=l|role-a=bob/d/F.bob#a.tgz.aes 99 x|role-b=x|roles=y 9",
          "last-slice=bob/2024-01-31/l|role-a=bob/2024-01-31/F.bob#a.tgz 97|"
-         "role-b=bob/2024-01-31/x -31|roles=y 9|"},
+         "role-b=bob/2024-01-31/x -31|roles=y 9"},
         {plain, "i.info", "base=F2024-01-28.bob.tgz.aes",  // not on the top level
-         "base=bob/2024-01-28/F2024-01-28.bob.tgz|last-slice=bob/2024-01-31|"},
+         "base=bob/2024-01-28/F2024-01-28.bob.tgz|last-slice=bob/2024-01-31"},
         {secret, "i.info", "base=F2024-01-21.bob.tgz|last-slice=x.aes",
-         "base=F2024-01-21.bob.tgz.aes|" + hash + "last-slice=bob/2024-01-31/x.aes|"},
+         "base=F2024-01-21.bob.tgz.aes|" + hash + "last-slice=bob/2024-01-31/x.aes"},
         {password, "i.info", "base=a/F2024-01-21.bob.tgz|last-slice=x.aes",  // nothing to list
-         "base=a/F2024-01-21.bob.tgz.aes|" + hash + "last-slice=bob/2024-01-31/x.aes|"},
+         "base=a/F2024-01-21.bob.tgz.aes|" + hash + "last-slice=bob/2024-01-31/x.aes"},
     };
     for (const auto& c : cases) {
         const std::string text = str::Replace(c.before, "|", "\n");
