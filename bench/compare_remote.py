@@ -89,7 +89,7 @@ class S3(Site):
 
 class Ftp(Site):
     server, against = "pureftpd", "curl"
-    goals = {"put": 1.1, "get": 1.1, "list": 2.0}  # of a list: 0.1 s, most of it to start
+    goals = {"put": 1.1, "get": 1.1, "list": 2.0}
 
     def token(self):
         secret = base64.b64encode(self.settings["password"].encode()).decode()
