@@ -66,9 +66,9 @@ int CopyDates(PrivateCopy& copy, const std::string& user, const std::vector<std:
 }
 
 int CopyOf(const std::string& user, const Options& options) {
+    const vel_xml::Xml settings = AskJob(user);  // throws for a user whom nobody knows
     const auto storages = AskOwnStorages(user);
     if (storages.empty()) throw std::runtime_error(user + " has no storage of his own");
-    const vel_xml::Xml settings = AskJob(user);
     const Site admin(settings.GetNode("/doc/storage"));
     if (!admin.token) throw std::runtime_error("no storage is set up in the panel");
     PrivateCopy copy(settings, storages.front());

@@ -275,7 +275,8 @@ class PrivateCopies(unittest.TestCase):
         for words in ((USER,), ("--all",)):
             self.assertIn("the storage has another password now", self.backup2("copy", *words, expect=1))
         self.assertEqual((content(self.own), self.tree.exists()), ({}, False))
-        self.assertIn("no storage of his own", self.backup2("copy", OTHER, expect=1))
+        self.assertIn("there is no user " + OTHER, self.backup2("copy", OTHER, expect=1))
+        self.assertIn("no storage of his own", self.backup2("list", OTHER, "--private", expect=1))
         for words in ([], [USER, "--all"], [USER, "--date", "2024-02-30"]):
             self.backup2("copy", *words, expect=2)
 
