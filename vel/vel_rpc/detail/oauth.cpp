@@ -49,7 +49,9 @@ Trouble JudgeStatus(const Response& response) {
 Account::Account(Provider provider, const std::string& credential)
     : provider_(std::move(provider)),
       credential_(ReadCredential(provider_.service, credential)),
+      kept_(provider_.service, credential),
       transfer_(provider_.service) {
+    TakeKept();
     for (const auto& [name, value] : credential_) {
         // A line end would begin a header of its own.
         if (value.find_first_of(str::badchars::Controls()) == std::string::npos) continue;
@@ -72,6 +74,7 @@ std::string Account::Credential() const {
 }
 
 void Account::Forget() {
+    kept_.Remove();
     for (const char* name : {"access_token", "refresh_token", "client_secret"}) {
         credential_.erase(name);
     }
@@ -114,12 +117,18 @@ Outcome Account::PerformAs(Request& request) {
 }
 
 Outcome Account::Try(Request& request) {
-    if (RunOut()) Refresh();
+    const auto refused = [&](const Outcome& outcome) {
+        return outcome.response.status == 401 && !outcome.failure && MaySeeToken(request.url);
+    };
+    if (RunOut()) Renew();
     Outcome outcome = PerformAs(request);
-    if (outcome.response.status != 401 || outcome.failure || !MaySeeToken(request.url)) {
-        return outcome;
+    if (!refused(outcome)) return outcome;
+    const std::string before = Member("access_token");
+    if (TakeKept() && Member("access_token") != before) {
+        outcome = PerformAs(request);
+        if (!refused(outcome)) return outcome;
     }
-    Refresh();
+    Renew();
     return PerformAs(request);
 }
 
@@ -178,6 +187,30 @@ Response Account::PostForm(const std::string& url,
 
 bool Account::RunOut() const {
     return Member("access_token").empty() || std::chrono::steady_clock::now() >= ends_;
+}
+
+/// What another process was given since; true when there is anything.
+bool Account::TakeKept() {
+    bool found = false;
+    for (const auto& [name, value] : kept_.Read()) {
+        if ((name != "access_token" && name != "refresh_token") || value.empty()) continue;
+        credential_[name] = value;
+        found = true;
+    }
+    return found;
+}
+
+/// One process after the other: a refresh token may be good for one use only.
+void Account::Renew() {
+    const std::string before = Member("refresh_token") + " " + Member("access_token");
+    const auto alone = kept_.LockOthersOut();
+    TakeKept();
+    if (Member("refresh_token") + " " + Member("access_token") != before) {  // just renewed
+        ends_ = std::chrono::steady_clock::time_point::max();
+        return;
+    }
+    Refresh();
+    kept_.Write(alone.get(), Credential());
 }
 
 void Account::Refresh() {

@@ -12,6 +12,7 @@
 #include "vel/vel_err.h"
 #include "vel/vel_rpc/detail/http.h"
 #include "vel/vel_rpc/detail/json.h"
+#include "vel/vel_rpc/detail/token_file.h"
 #include "vel/vel_rpc/detail/transfer.h"
 
 namespace vel_rpc::detail {
@@ -114,11 +115,14 @@ private:
     Outcome PerformAs(Request& request);
     bool MaySeeToken(const std::string& url) const;
     bool RunOut() const;
+    bool TakeKept();
+    void Renew();
     void Refresh();
     std::string Words(const Response& response) const;
 
     Provider provider_;
     std::map<std::string, std::string> credential_;
+    TokenFile kept_;
     std::chrono::steady_clock::time_point ends_ = std::chrono::steady_clock::time_point::max();
     Transfer transfer_;
 };
