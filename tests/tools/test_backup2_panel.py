@@ -285,6 +285,7 @@ class OverTls(PanelCase):
                                       key=key).find("ok"))
         self.assertIsNotNone(self.ask(func="auth", auth=admin, username="bob", key=key).find("auth"))
         for func in ("user", "user.edit", "backup2.settings", "backup2.storage",
+                     "backup2.storage.set", "backup2.storage.remove",
                      "backup2.item.info", "backup2.user.data", "backup2.database"):
             answer = self.ask(func=func, elid="bob", auth=admin)
             self.assertEqual(answer.find("error").get("type"), "func", func)
