@@ -65,8 +65,18 @@ int CleanUser(const std::string& user, const std::string& admin_dir, const std::
     }
 }
 
+/// Uploads in parts that a killed program left: they take room, and no listing shows them.
+int Sweep(const Site& site) {
+    if (!backup2::IsS3Type(site.token.Type())) return vel_tool::kDone;
+    UseStorage(site.token);
+    const Done done = RunTool({"backup2_cp", "--sweep"});
+    std::cout << done.output << std::flush;
+    return done.status;
+}
+
 int Cleanup(const std::string& user) {
-    const std::string admin_dir = AskSite().local_dir;
+    const Site admin = AskSite();
+    const std::string admin_dir = admin.local_dir;
     auto dirs = OwnDirs();
     if (!user.empty()) {
         const auto found = dirs.find(CheckUser(user));
@@ -76,6 +86,9 @@ int Cleanup(const std::string& user) {
     int status = vel_tool::kDone;
     for (const auto& [name, dir] : dirs)
         status = WorseStatus(status, CleanUser(name, admin_dir, dir));
+    if (user.empty()) status = WorseStatus(status, Sweep(admin));
+    for (const auto& storage : AskOwnStorages(user))
+        status = WorseStatus(status, Sweep(Site(storage)));
     return status;
 }
 

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include "vel/vel_err.h"
+#include "vel/vel_rpc/kept_tokens.h"
 #include "vel/vel_ssh.h"
 #include "vel/vel_tool.h"
 
@@ -65,6 +66,7 @@ int Body(const std::vector<std::string>& args) {
         throw vel_tool::UsageError(std::string(wrong.what()) + " (backup2 --help shows the usage)");
     }
     vel_ssh::PinHostKeys();
+    vel_rpc::KeepTokensIn("var/backup2_cp.tokens");
     try {
         return chosen();
     } catch (const vel_err::Error& error) {

@@ -9,7 +9,6 @@
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
 #include "vel/vel_log.h"
-#include "vel/vel_rpc/s3.h"
 
 #include "backup_common/backup2_misc.h"
 #include "backup_common/backup2_qortar.h"
@@ -40,12 +39,9 @@ Place PlaceIn(const std::string& tree, const backup2::PendingCleanup& item) {
 /// Uploads in parts that a killed program left take room, and no listing of files shows them. Keys
 /// without the right to see them are no reason to keep the backup's line.
 void SweepUploads(const Target& target, const BackupName& name) {
-    constexpr int kAllHours = -1;  // servers round the time of a beginning up
-    const backup2::BackupToken& token = target.Token();
-    if (!backup2::IsS3Type(token.Type())) return;
+    constexpr int kOfAnyAge = -1;  // servers round the time of a beginning up
     try {
-        vel_rpc::S3 s3(token.GetParam("token"));
-        s3.AbortStale(vel_file::ConcatPath(token.GetParam("path"), name.Folder(), "/"), kAllHours);
+        target.Open()->Sweep(name.Folder(), kOfAnyAge);
     } catch (const std::exception& e) {
         logger.Write(4, "unfinished uploads may be left: %s", target.Redacted(e));
     }
@@ -138,6 +134,12 @@ void CleanUp(const Options& options) {
         if (e.type() != "lock") throw;
         throw std::runtime_error(tree + " is in use: a copy is being made");
     }
+}
+
+void Sweep(const Target& target) {
+    constexpr int kHours = 24;  // no upload of one slice takes a day
+    const int aborted = target.Open()->Sweep("", kHours);
+    if (aborted > 0) std::cout << "took back " << aborted << " unfinished uploads" << std::endl;
 }
 
 }  // namespace backup2_cp

@@ -2,6 +2,7 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "vel/vel_rpc/kept_tokens.h"
 #include "vel/vel_ssh.h"
 #include "vel/vel_tool.h"
 
@@ -29,6 +30,8 @@ void ActOnStorage(const Target& target, const Options& options) {
             return List(target, options);
         case Options::Action::kCheck:
             return Check(target, options);
+        case Options::Action::kSweep:
+            return Sweep(target);
         default:
             break;
     }
@@ -47,6 +50,7 @@ void WithStorage(const Options& options) {
 int Run(std::vector<std::string> arguments) {
     const Options options = ParseOptions(std::move(arguments));
     vel_ssh::PinHostKeys();
+    vel_rpc::KeepTokensIn("var/backup2_cp.tokens");
     switch (options.action) {
         case Options::Action::kHelp:
             std::cout << options.help;

@@ -38,6 +38,7 @@ const std::string kFooter =
 struct Words {
     bool put = false, get = false, check = false, isolated = false, no_delete = false;
     bool force = false, json = false, server = false, dry_run = false, accept_host_key = false;
+    bool sweep = false;
     std::string info_file, slice, last_slice, delete_info, list, first, second;
     std::string pin, unpin, clean_up, path, date, user, size_limit, count_limit;
     std::string last, daily, weekly, monthly, yearly;
@@ -70,6 +71,8 @@ void Declare(CLI::App& app, Words& words) {
     app.add_option("--unpin", words.unpin, "Take that back")->type_name("INFO");
     app.add_option("--cleanup", words.clean_up, "Remove what interrupted copies left on storages")
         ->type_name("DIR");
+    app.add_flag("--sweep", words.sweep,
+                 "Take back uploads in parts that never ended, after a day");
     DeclareLimits(app, words);
     app.add_option("--list", words.list, "Names in a directory of the storage (\"\" is the top)")
         ->type_name("DIR");
@@ -196,10 +199,10 @@ Options Read(const CLI::App& app, const Words& words) {
     const bool pin = app.count("--pin") > 0, unpin = app.count("--unpin") > 0;
     const bool clean_up = app.count("--cleanup") > 0;
     Require(words.put + words.get + words.check + remove + list + pin + unpin + clean_up +
-                    words.server ==
+                    words.server + words.sweep ==
                 1,
-            "one of --put, --get, --delete, --list, --check, --server, --cleanup, --pin, --unpin "
-            "is needed");
+            "one of --put, --get, --delete, --list, --check, --server, --cleanup, --sweep, --pin, "
+            "--unpin is needed");
     out.info_file = words.info_file;
     out.force = words.force;
     out.json = words.json;
@@ -225,10 +228,10 @@ Options Read(const CLI::App& app, const Words& words) {
                   "keep-daily", "keep-weekly", "keep-monthly", "keep-yearly", "dry-run", "json"});
         ReadLimits(words, out);
     } else {
-        std::vector<std::string> allowed = {"list", "check", "json"};
+        std::vector<std::string> allowed = {"list", "check", "json", "sweep"};
         if (words.check) allowed.insert(allowed.end(), {"accept-host-key", "dry-run"});
         CheckStrangers(app, allowed);
-        out.action = list ? Options::Action::kList : Options::Action::kCheck;
+        out.action = words.sweep ? Action::kSweep : list ? Action::kList : Action::kCheck;
         out.name = words.list;
         out.dry_run = words.dry_run;
         out.accept_host_key = words.accept_host_key;

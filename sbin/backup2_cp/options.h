@@ -21,6 +21,7 @@ struct Options {
         kUnpin,
         kLimit,
         kCleanUp,
+        kSweep,
         kList,
         kCheck
     };

@@ -129,8 +129,9 @@ void Target::Reach(backup2::Storage& storage) const {
     } catch (const vel_err::Error& e) {
         stamp.Drop();
         if (e.type() != "storage") throw;
-        if (e.object() != "host_key") throw std::runtime_error("no way in to " + e.value());
-        throw Permanent("the host key of " + e.value() +
+        if (e.object() != "host_key")
+            throw std::runtime_error(Describe() + ": no way in to " + e.value());
+        throw Permanent(Describe() + ": the host key of " + e.value() +
                         " is not the recorded one; if that is right: backup2 storage check " +
                         str::Trim(user_ + " --accept-host-key"));
     }
@@ -183,9 +184,18 @@ std::string Target::Describe() const {
 
 std::string Reason(const std::exception& e) {
     const auto* error = dynamic_cast<const vel_err::Error*>(&e);
-    if (!error || error->object().empty()) return e.what();
-    if (error->type() != "sys" && error->type() != "file") return e.what();
-    return error->object() + (error->value().empty() ? "" : " " + error->value());
+    if (!error) return e.what();
+    if (error->type() == "ftp_put_failed") {
+        return "the server does not take the data: no room, or no right to write";
+    }
+    if (error->object().empty()) return e.what();
+    const bool clouds =
+        error->type() == "network" || error->type() == "unauthorized" || error->type() == "storage";
+    if (!clouds && error->type() != "sys" && error->type() != "file") return e.what();
+    std::string text = clouds && error->type() != "storage" ? error->type() : "";
+    str::Append(text, error->object(), " ");
+    str::Append(text, error->value(), clouds ? ": " : " ");
+    return text;
 }
 
 std::string Target::Redacted(const std::exception& e) const { return Redact(Reason(e), token_); }
