@@ -133,10 +133,7 @@ done
             return lambda path: path.write_bytes(change(bytearray(path.read_bytes())))
 
         def flip(at):
-            def change(data):
-                data[at] ^= 1
-                return data
-            return edit(change)
+            return edit(lambda data: data.__setitem__(at, data[at] ^ 1) or data)
 
         faults = {
             "first byte": flip(0), "salt": flip(9), "middle": flip(5000), "last byte": flip(-1),
@@ -208,9 +205,7 @@ done
         self.assertEqual(index.read_bytes(), b"the listing")
 
     def test_names_that_are_no_backups_are_refused(self):
-        for name in ("plain.txt", "F2024-13-31.bob.tgz", f"F{DATE}..tgz", f"F{DATE}.-x.tgz",
-                     f"F{DATE}.bob.tgz.part0", f"F{DATE}.bob.tgz.part2000000000", f"{DATE}.bob.tgz.part1",
-                     f"X{DATE}.bob.tgz", f"F{DATE}.bo\nb.tgz", f"F{DATE}.bob.tgz.aes.3"):
+        for name in ("plain.txt", f"F{DATE}.bob.tgz.part2000000000", f"F{DATE}.-x.tgz"):
             path = self.root / name
             path.write_bytes(b"content")
             self.cp("--put", path, code=1)
@@ -227,35 +222,31 @@ done
         self.assertEqual((info.read_bytes(), path.read_bytes()[:len(content)]), (before, content))
         self.assertFalse(any(e.type == "file" for e in t.tree_state(self.store).values()))
 
-    def test_full_disk_keeps_the_slice_and_leaves_nothing_stored(self):
-        self.store.mkdir()
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", self.store], check=True)
+    @contextlib.contextmanager
+    def small_disk(self, place):
+        place.mkdir(exist_ok=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", place], check=True)
         try:
+            yield place
+        finally:
+            subprocess.run(["umount", place], check=True)
+
+    def test_full_disk_keeps_the_slice_and_leaves_nothing_stored(self):
+        with self.small_disk(self.store):
             for self.password in (SECRET, None):
                 self.assert_put_fails(self.info(), self.slice(1, b"\0" * (3 << 20)), "no room")
-        finally:
-            subprocess.run(["umount", self.store], check=True)
 
     def test_a_full_disk_ends_a_download_and_keeps_what_an_upload_would_replace(self):
         final = self.backup([b"\0" * (9 << 20)])
         stored_info, committed = self.store / "bob" / DATE / final.name, final.read_bytes()
-        fetched = self.root / "fetched"
-        fetched.mkdir()
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", fetched], check=True)
-        try:
+        with self.small_disk(self.root / "fetched") as fetched:
             self.assertIn("No space left", self.get(final, 1, code=1)[1])
             self.assertEqual(list(fetched.iterdir()), [])
-        finally:
-            subprocess.run(["umount", fetched], check=True)
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", stored_info.parent],
-                       check=True)
-        try:
+        with self.small_disk(stored_info.parent):
             stored_info.write_bytes(committed)
             final.write_bytes(committed + b"x=" + b"y" * (2 << 20))
             self.cp("--put", "--no-delete", final, code=1)
             self.assertEqual(stored_info.read_bytes(), committed)
-        finally:
-            subprocess.run(["umount", stored_info.parent], check=True)
 
     def test_all_is_on_the_disk_before_the_info_file_says_so(self):
         info, listing = self.info(), self.listing()
@@ -479,25 +470,6 @@ done
         for _, argv, environ in children:
             self.assertNotIn("BACKUP_TOKEN", environ)
             self.assertEqual(SECRET in environ, '"env:PASSWORD"' in argv or "env:PASSWORD" in argv)
-
-    def test_the_panel_names_the_storage_when_the_environment_does_not(self):
-        panel = t.start(["backup2_panel", "serve"])
-        try:
-            self.assertIn("ready", panel.stdout.readline())
-            self.assertEqual(t.run(["backup2_panel", "user", "add", "bob", "--root", self.root,
-                                    "--uid", "65534"], stdin="").returncode, 0)
-            mine, theirs = self.root / "panel's", self.root / "bob's"
-            for words, place in ((["set"], mine), (["set", "--user", "bob"], theirs)):
-                done = t.run(["backup2_panel", "storage", *words], stdin=t.local_token(place, SECRET))
-                self.assertEqual(done.returncode, 0, done.stderr)
-            for variables, place in (({}, mine), ({"BACKUP_STORAGE": "bob"}, theirs)):
-                self.assertIn(str(place), self.cp("--check", BACKUP_TOKEN="", **variables))
-            said = self.cp("--check", code=1, BACKUP_TOKEN="", BACKUP_STORAGE="alice")
-            self.assertIn("alice", said)
-        finally:
-            panel.terminate()
-            panel.communicate()
-        self.cp("--check", code=1, BACKUP_TOKEN="")
 
     # ---- The rest -------------------------------------------------------------------------------
 

@@ -71,13 +71,13 @@ class SystemCase(unittest.TestCase):
         cls.server = Server(cls.kind)
         cls.addClassCleanup(cls.server.stop)
         # The panel's log-in has a password with everything that option files and shells dislike.
-        password = OWNER_PASSWORD.replace("'", "''")
+        cls.quoted = OWNER_PASSWORD.replace("'", "''")
         if cls.kind == "mariadb":
-            password = password.replace("\\", "\\\\")
-            cls.server.sql(f"CREATE USER boss@localhost IDENTIFIED BY '{password}';"
+            cls.quoted = cls.quoted.replace("\\", "\\\\")
+            cls.server.sql(f"CREATE USER boss@localhost IDENTIFIED BY '{cls.quoted}';"
                            "GRANT ALL ON *.* TO boss@localhost WITH GRANT OPTION")
         else:
-            cls.server.sql(f"CREATE ROLE boss SUPERUSER LOGIN PASSWORD '{password}'")
+            cls.server.sql(f"CREATE ROLE boss SUPERUSER LOGIN PASSWORD '{cls.quoted}'")
 
     def setUp(self):
         self.root = self.enterContext(backup2_test.install_root())
@@ -123,10 +123,27 @@ class SystemCase(unittest.TestCase):
         marker.write_bytes(dump)
         return self.tool("restore", marker, expect)
 
-    # ---- Cases that both servers pass -----------------------------------------------------------
+    # ---- Cases that both servers pass, but for the words --------------------------------------
 
-    def check_secrets_in_arguments(self, marker):
-        trace = self.root / "trace"
+    def test_a_database_comes_back_as_it_was(self):
+        for name, owner in (("owned", "owner1"), ("free.and-easy", "")):
+            with self.subTest(name):
+                marker = self.make(name, owner)
+                before, dump = self.state(name), self.dump(marker)
+                self.server.sql(self.SPOIL, name)
+                self.restore(marker, dump)
+                self.assertEqual(self.state(name), before)
+                self.server.sql(self.DROP % name, name if self.kind == "mariadb" else "")
+                self.restore(marker, dump)
+                self.assertEqual(self.server.sql("SELECT COUNT(*) FROM raw", name), "1")
+                if self.kind == "mariadb":  # the other gives a new database its own encoding
+                    self.assertEqual(self.state(name), before)
+                owners = self.server.sql(self.OWNERS.replace("NAME", name), name)
+                self.assertRegex(owners, self.OWNED if owner else self.FREE)
+        self.assertEqual(self.server.sql(self.LEFT), "")
+
+    def test_no_secret_in_arguments(self):
+        marker, trace = self.make("quiet", "owner3"), self.root / "trace"
         for action in ("start", "restore"):
             self.tool(action, marker, prefix=(
                 "strace", "-f", "-qq", "-s", "9999", "-e", "trace=execve", "-o", trace))
@@ -134,13 +151,12 @@ class SystemCase(unittest.TestCase):
             self.assertIn("dump" if action == "start" else "setpriv", started)
             self.assertNotIn(OWNER_PASSWORD[-6:], started)
 
-    def check_failed_dump(self, broken):
+    def test_a_failed_dump_leaves_the_marker_empty(self):
         missing = self.give("missing")
-        said = self.tool("start", missing, expect=1)
-        self.assertIn("srv.missing", said)
+        self.assertIn("srv.missing", self.tool("start", missing, expect=1))
         self.assertEqual(missing.stat().st_size, 0)
-        real = shutil.which(broken)  # the real program, cut off after its first bytes
-        fake = self.root / "fake" / broken
+        real = shutil.which(self.DUMPER)  # the real program, cut off after its first bytes
+        fake = self.root / "fake" / self.DUMPER
         fake.parent.mkdir()
         self.server.sql("CREATE DATABASE half")
         half = self.give("half")
@@ -152,17 +168,24 @@ class SystemCase(unittest.TestCase):
                 self.tool("start", half, expect=1, prefix=("env", "PATH=" + path))
                 self.assertEqual(half.stat().st_size, 0)
 
-    def check_cut_dump(self, marker, state):
-        """A dump that lost its end is refused and the database stays as it is."""
-        dump, before = self.dump(marker), state()
+    def test_a_cut_dump_is_refused_and_the_database_stays(self):
+        marker = self.make("cut")
+        dump, before = self.dump(marker), self.state("cut")
         for length in (0, 10, len(dump) // 2, len(dump) - 60):
             with self.subTest(length):
                 self.restore(marker, dump[:length], expect=1)
-                self.assertEqual(state(), before)
+                self.assertEqual(self.state("cut"), before)
 
 
 class MariaDb(SystemCase):
-    kind = "mariadb"
+    kind, DUMPER = "mariadb", "mariadb-dump"
+    SPOIL = ("DELETE FROM plain; DROP VIEW few; CREATE TABLE later (a INT); DROP FUNCTION twice;"
+             "INSERT INTO wide VALUES ('new')")
+    DROP, LEFT = "CALL fill(2); DROP DATABASE `%s`", "SHOW DATABASES LIKE 'b2%'"
+    OWNED, FREE = "^owner1@localhost$", r"^b2_restore_\w+@%$"
+    OWNERS = " UNION ".join(
+        f"SELECT DEFINER FROM information_schema.{what}S WHERE {schema}_SCHEMA='NAME'"
+        for what, schema in (("VIEW", "TABLE"), ("ROUTINE", "ROUTINE"), ("EVENT", "EVENT"), ("TRIGGER", "TRIGGER")))
 
     def make(self, name, owner=""):
         self.server.sql(f"CREATE DATABASE `{name}` CHARACTER SET latin1")
@@ -183,8 +206,7 @@ class MariaDb(SystemCase):
             CREATE EVENT nightly ON SCHEDULE EVERY 1 DAY DO DELETE FROM plain WHERE word IS NULL;
             """ % MAGIC.hex(), name)
         if owner:
-            password = OWNER_PASSWORD.replace("\\", "\\\\").replace("'", "''")
-            self.server.sql(f"CREATE USER '{owner}'@'localhost' IDENTIFIED BY '{password}';"
+            self.server.sql(f"CREATE USER '{owner}'@'localhost' IDENTIFIED BY '{self.quoted}';"
                             "GRANT ALL ON `%s`.* TO '%s'@'localhost'" % (
                                 name.replace("_", "\\_"), owner))
         return self.give(name, owner)
@@ -200,27 +222,9 @@ class MariaDb(SystemCase):
             SELECT DEFAULT_CHARACTER_SET_NAME FROM information_schema.SCHEMATA WHERE SCHEMA_NAME='{name}';
             """, name)
 
-    def test_a_database_comes_back_as_it_was(self):
-        for name, owner in (("owned", "owner1"), ("free.and-easy", "")):
-            with self.subTest(name):
-                marker = self.make(name, owner)
-                before, dump = self.state(name), self.dump(marker)
-                self.assertTrue(dump.rstrip().splitlines()[-1].startswith(b"-- Dump completed"))
-                self.server.sql("DELETE FROM plain; DROP VIEW few; CREATE TABLE later (a INT);"
-                                "DROP FUNCTION twice; INSERT INTO wide VALUES ('new')", name)
-                self.restore(marker, dump)
-                self.assertEqual(self.state(name), before)
-                self.server.sql("CALL fill(2); INSERT INTO wide VALUES ('x')", name)
-                self.server.sql(f"DROP DATABASE `{name}`")
-                self.restore(marker, dump)
-                self.assertEqual(self.state(name), before)
-                definers = self.server.sql(
-                    f"SELECT DEFINER FROM information_schema.VIEWS WHERE TABLE_SCHEMA='{name}' UNION "
-                    f"SELECT DEFINER FROM information_schema.ROUTINES WHERE ROUTINE_SCHEMA='{name}'"
-                    f" UNION SELECT DEFINER FROM information_schema.EVENTS WHERE EVENT_SCHEMA='{name}'"
-                    f" UNION SELECT DEFINER FROM information_schema.TRIGGERS WHERE TRIGGER_SCHEMA='{name}'")
-                self.assertRegex(definers, "^owner1@localhost$" if owner else r"^b2_restore_\w+@%$")
-        self.assertEqual(self.server.sql("SHOW DATABASES LIKE 'b2%'"), "")
+    def test_the_account_of_a_restore_is_locked_afterwards(self):
+        marker = self.make("locked")
+        self.restore(marker, self.dump(marker))
         self.assertIn('"account_locked":true', self.server.sql(
             "SELECT Priv FROM mysql.global_priv WHERE User LIKE 'b2_restore_%'").replace(" ", ""))
 
@@ -253,22 +257,20 @@ class MariaDb(SystemCase):
         self.assertNotRegex(self.server.sql("SHOW GRANTS FOR 'owner2'@'localhost'"),
                             r"ALL PRIVILEGES ON \*|b2")
 
-    def test_cut_and_failed_dumps(self):
-        marker = self.make("cut")
-        self.check_cut_dump(marker, lambda: self.state("cut"))
-        self.check_failed_dump("mariadb-dump")
-
-    def test_no_secret_in_arguments(self):
-        self.check_secrets_in_arguments(self.make("quiet", "owner3"))
-
 
 class Postgres(SystemCase):
-    kind = "postgres"
+    kind, DUMPER = "postgres", "pg_dump"
+    SPOIL = "DELETE FROM plain; DROP VIEW few; CREATE TABLE later (a int); DROP FUNCTION twice(int)"
+    DROP = 'DROP DATABASE "%s"'
+    LEFT = ("SELECT datname FROM pg_database WHERE datname LIKE 'b2%' UNION "
+            "SELECT rolname FROM pg_roles WHERE rolname LIKE 'b2_restore%'")
+    OWNED, FREE = "^owner1$", r"^b2_owner_\w+$"
+    OWNERS = ("SELECT DISTINCT pg_get_userbyid(relowner) FROM pg_class WHERE relnamespace='public'::regnamespace "
+              "UNION SELECT pg_get_userbyid(datdba) FROM pg_database WHERE datname=current_database()")
 
     def make(self, name, owner=""):
         if owner:
-            self.server.sql("CREATE ROLE %s LOGIN PASSWORD '%s'" % (
-                owner, OWNER_PASSWORD.replace("'", "''")))
+            self.server.sql(f"CREATE ROLE {owner} LOGIN PASSWORD '{self.quoted}'")
         self.server.sql(f'CREATE DATABASE "{name}" TEMPLATE template0 ENCODING \'LATIN1\' LC_COLLATE '
                         f"'C' LC_CTYPE 'C'" + (f" OWNER {owner}" if owner else ""))
         self.server.sql((f"SET ROLE {owner};" if owner else "") + """
@@ -291,27 +293,6 @@ class Postgres(SystemCase):
             SELECT relname, relkind FROM pg_class WHERE relnamespace='public'::regnamespace ORDER BY 1;
             SELECT datcollate, encoding FROM pg_database WHERE datname=current_database();
             SELECT nextval('plain_id_seq') > 4""", name)
-
-    def test_a_database_comes_back_as_it_was(self):
-        for name, owner in (("owned", "owner1"), ("free.and-easy", "")):
-            with self.subTest(name):
-                marker = self.make(name, owner)
-                before, dump = self.state(name), self.dump(marker)
-                self.server.sql("DELETE FROM plain; DROP VIEW few; CREATE TABLE later (a int);"
-                                "DROP FUNCTION twice(int)", name)
-                self.restore(marker, dump)
-                self.assertEqual(self.state(name), before)
-                owners = self.server.sql(
-                    "SELECT DISTINCT pg_get_userbyid(relowner) FROM pg_class WHERE relnamespace="
-                    "'public'::regnamespace UNION SELECT pg_get_userbyid(datdba) FROM pg_database "
-                    "WHERE datname=current_database()", name)
-                self.assertRegex(owners, "^owner1$" if owner else r"^b2_owner_\w+$")
-        self.server.sql("DROP DATABASE owned")
-        self.restore(self.system / "db.srv.owned", (self.system / "db.srv.owned").read_bytes())
-        self.assertEqual(self.server.sql("SELECT count(*) FROM raw", "owned"), "1")
-        self.assertEqual(self.server.sql(
-            "SELECT datname FROM pg_database WHERE datname LIKE 'b2%' UNION "
-            "SELECT rolname FROM pg_roles WHERE rolname LIKE 'b2_restore%'"), "")
 
     def test_a_strangers_dump_reaches_nothing_else(self):
         marker = self.make("target", "owner2")
@@ -336,14 +317,6 @@ class Postgres(SystemCase):
         self.assertEqual(self.server.sql("SELECT rolsuper FROM pg_roles WHERE rolname='owner2'"), "f")
         self.server.sql("ALTER ROLE owner2 SUPERUSER")
         self.assertIn("superuser", self.restore(marker, dump, expect=1))
-
-    def test_cut_and_failed_dumps(self):
-        marker = self.make("cut")
-        self.check_cut_dump(marker, lambda: self.state("cut"))
-        self.check_failed_dump("pg_dump")
-
-    def test_no_secret_in_arguments(self):
-        self.check_secrets_in_arguments(self.make("quiet", "owner3"))
 
 
 class Markers(unittest.TestCase):
