@@ -265,12 +265,30 @@ TEST_F(S3Evil, ListingsThatLieAreRefused) {
          {list(more), list(more + "<NextContinuationToken>x</NextContinuationToken>")}) {
         EXPECT_NE(FailureOf(page).find("it does not end"), std::string::npos);
     }
+    const std::string end = "</NextContinuationToken>", token = "<NextContinuationToken>";
+    std::vector<EvilAnswer> idle;
+    for (int i = 0; i < 200; ++i)
+        idle.push_back({Xml(list(more + token + std::to_string(i) + end))});
+    const EvilServer never_ends(idle);
+    S3 waiting(For(never_ends));
+    EXPECT_TRUE(Failure([&] { List(waiting, "/d/"); }).ends_with("it does not end"));
     for (const char* text :
          {"", "<html/>", "<ListBucketResult>", "<Error><Code>Odd</Code></Error>"}) {
         EXPECT_TRUE(FailureOf(text).starts_with("storage|refused|S3: list 'd/'")) << text;
     }
     EXPECT_EQ(FailureOf(key(std::string("d/") + std::string(300, 'n'))), "none");
     EXPECT_EQ(FailureOf(key("d/")), "none") << "a mark of the folder itself";
+}
+
+TEST_F(S3Evil, RemovesNothingElsewhere) {
+    const EvilServer server(
+        {{Xml("<ListBucketResult><Contents><Key>other/x</Key></Contents></ListBucketResult>")}});
+    S3 s3(For(server));
+    EXPECT_TRUE(Failure([&] { s3.RmDir("/d"); }).ends_with("lists what lies elsewhere"));
+    for (const char* root : {"", "/", "//"}) {
+        EXPECT_TRUE(Failure([&] { s3.RmDir(root); }).ends_with("all that the bucket holds"));
+    }
+    EXPECT_EQ(server.Requests().size(), 1U);
 }
 
 TEST_F(S3Evil, AnErrorInsideASuccessIsFoundAndTheUploadAborted) {

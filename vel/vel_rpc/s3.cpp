@@ -15,7 +15,12 @@ using detail::S3Bucket;
 
 constexpr int kPage = 1000;
 constexpr std::size_t kMaxNames = 2'000'000;
+constexpr int kMaxIdlePages = 100;  // in a row, with nothing on them
 constexpr int kSecondsAnHour = 3600;
+
+[[noreturn]] void Refuse(const std::string& what, const std::string& why) {
+    throw vel_err::Error("storage", "refused", "S3: " + what + ": " + why);
+}
 
 /// The bare name in `prefix`. A name that would lead elsewhere must not reach anybody who makes a
 /// path of it.
@@ -25,19 +30,42 @@ std::string NameIn(const std::string& prefix, const std::string& key) {
     if (name.empty() || name == "." || name == ".." ||
         name.find_first_of(refused) != std::string::npos) {
         const std::string shown = str::badchars::Escape(key, str::badchars::Controls(), '\\');
-        throw vel_err::Error("storage", "refused",
-                             "S3: list '" + prefix + "': not a name: '" + shown + "'");
+        Refuse("list '" + prefix + "'", "not a name: '" + shown + "'");
     }
     return name;
+}
+
+/// Ends a listing that its server does not end.
+class Pages {
+public:
+    explicit Pages(std::string what) : what_(std::move(what)) {}
+    void Count(std::size_t names) {
+        names_ += names;
+        idle_ = names == 0 ? idle_ + 1 : 0;
+        if (names_ > kMaxNames || idle_ > kMaxIdlePages) Refuse(what_, "it does not end");
+    }
+
+private:
+    const std::string what_;
+    std::size_t names_ = 0;
+    int idle_ = 0;
+};
+
+/// A server that does not know "prefix" would have us remove all that it holds.
+void RequireBelow(const std::string& prefix, const std::string& key) {
+    if (!str::StartsWith(key, prefix))
+        Refuse("list '" + prefix + "'", "the server lists what lies elsewhere");
 }
 
 /// Calls `use` with every page of the listing.
 template <class Use>
 void ForPages(S3Bucket& bucket, const std::string& prefix, const std::string& delimiter,
               const Use& use) {
+    Pages pages("list '" + prefix + "'");
     std::string from;
     do {
         const S3Bucket::Page page = bucket.List(prefix, delimiter, kPage, from);
+        pages.Count(page.keys.size() + page.folders.size());
         use(page);
         from = page.next;
     } while (!from.empty());
@@ -46,7 +74,7 @@ void ForPages(S3Bucket& bucket, const std::string& prefix, const std::string& de
 std::time_t TimeOf(const std::string& iso) {
     std::tm parts{};
     if (!::strptime(iso.c_str(), "%Y-%m-%dT%H:%M:%S", &parts))
-        throw vel_err::Error("storage", "refused", "S3: list uploads: not a time: '" + iso + "'");
+        Refuse("list uploads", "not a time: '" + iso + "'");
     return ::timegm(&parts);
 }
 
@@ -93,8 +121,6 @@ void S3::List(const std::string& path, std::vector<std::string>& out) {
             if (!folder.empty()) folder.pop_back();
             names.push_back(NameIn(key, folder));
         }
-        if (names.size() > kMaxNames)
-            throw vel_err::Error("storage", "refused", "S3: list '" + key + "': it does not end");
     });
     out.insert(out.end(), names.begin(), names.end());
 }
@@ -105,7 +131,9 @@ void S3::MkPath(const std::string&) {}  // keys need no folders
 
 void S3::RmDir(const std::string& path) {
     const std::string prefix = KeyOf(path + "/");
-    ForPages(impl_->bucket, prefix, "", [this](const S3Bucket::Page& page) {
+    if (prefix.empty()) Refuse("remove '/'", "this is all that the bucket holds");
+    ForPages(impl_->bucket, prefix, "", [&](const S3Bucket::Page& page) {
+        for (const std::string& key : page.keys) RequireBelow(prefix, key);
         if (!page.keys.empty()) impl_->bucket.DeleteMany(page.keys);
     });
 }
@@ -114,11 +142,15 @@ void S3::DropToken() { impl_->bucket.Forget(); }
 
 int S3::AbortStale(const std::string& path, int hours) {
     const std::time_t limit = std::time(nullptr) - std::time_t{hours} * kSecondsAnHour;
+    const std::string prefix = KeyOf(path);
     int aborted = 0;
+    Pages pages("list uploads below '" + prefix + "'");
     S3Bucket::UploadsPage page;
     do {
-        page = impl_->bucket.ListUploads(KeyOf(path), page);
+        page = impl_->bucket.ListUploads(prefix, page);
+        pages.Count(page.uploads.size());
         for (const S3Bucket::Unfinished& upload : page.uploads) {
+            RequireBelow(prefix, upload.key);
             if (TimeOf(upload.began) > limit) continue;
             aborted += impl_->bucket.AbortUpload(upload.key, upload.id) ? 1 : 0;
         }
