@@ -14,7 +14,8 @@
 
 /// What one connection gets after its request was read.
 struct EvilAnswer {
-    enum End { Fin, Rst, Mute, Endless };  // Endless: `bytes` again and again
+    // Endless: `bytes` again and again; Trickle: some ten more bytes a second.
+    enum End { Fin, Rst, Mute, Endless, Trickle };
     std::string bytes;
     End end = Fin;
 };
@@ -73,6 +74,10 @@ private:
     void Give(int fd, const EvilAnswer& answer) {
         bool sent = Send(fd, answer.bytes);
         while (answer.end == EvilAnswer::Endless && sent && !stop_) sent = Send(fd, answer.bytes);
+        while (answer.end == EvilAnswer::Trickle && sent && !stop_) {
+            ::usleep(100'000);
+            sent = Send(fd, ".");
+        }
         if (answer.end == EvilAnswer::Mute) Read(fd);
         if (answer.end == EvilAnswer::Rst) {
             const linger now{1, 0};
@@ -98,10 +103,15 @@ private:
         return "";
     }
     static bool IsWhole(const std::string& text) {
-        const std::size_t head = text.find("\r\n\r\n"), length = text.find("Content-Length: ");
-        if (head == std::string::npos) return false;
-        if (text.find("Transfer-Encoding: chunked") < head) return text.ends_with("\r\n0\r\n\r\n");
-        return length > head || text.size() >= head + 4 + std::stoul(text.substr(length + 16));
+        const std::size_t end = text.find("\r\n\r\n");
+        if (end == std::string::npos) return false;
+        const std::string head = text.substr(0, end);
+        if (head.find("Transfer-Encoding: chunked") != std::string::npos) {
+            return text.ends_with("\r\n0\r\n\r\n");
+        }
+        const std::size_t length = head.find("Content-Length: ");
+        return length == std::string::npos ||
+               text.size() >= end + 4 + std::stoul(head.substr(length + 16));
     }
     void ReadRequest(int fd) {
         std::string text;
@@ -110,7 +120,8 @@ private:
             const std::string more = Read(fd);
             if (more.empty()) break;
             text += more;
-            if (welcomed || text.find("Expect: 100-continue") == std::string::npos) continue;
+            if (welcomed || text.substr(0, 4096).find("Expect: 100-continue") == text.npos)
+                continue;
             welcomed = Send(fd, "HTTP/1.1 100 Continue\r\n\r\n");
         }
         const std::lock_guard lock(mutex_);

@@ -22,7 +22,7 @@ class Ftp {
 public:
     /// `address`: "host" or "host:port", also with "ftp://" (TLS when offered), "ftps://" (TLS from
     /// the start) or "ftpes://" (TLS required) before it. `timeout`: seconds to connect, and
-    /// without a byte.
+    /// without a byte, or with less than 16 a second.
     Ftp(const std::string& address, const std::string& user, const std::string& password,
         int timeout);
     ~Ftp();

@@ -18,10 +18,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr long kBufferBytes = 64 << 10;
+constexpr long kBufferBytes = 512 << 10;
 constexpr long kUploadBufferBytes = 2 << 20;
 constexpr long kOlderTls = +CURL_SSLVERSION_TLSv1_2 | +CURL_SSLVERSION_MAX_TLSv1_2;
 constexpr int kMaxWaitMs = 200;
+constexpr curl_off_t kSlowest = 16;  // bytes a second that count as moving
 constexpr std::size_t kMaxText = 200;
 constexpr std::size_t kMaxReplies = 256 << 10;  // bytes of all replies in one step
 constexpr std::size_t kMaxLine = 64 << 10;      // of a listing
@@ -329,7 +330,7 @@ void FtpSession::State::Fail(const std::string& step, CURLcode code, const FtpRe
     if (code == CURLE_LOGIN_DENIED)
         throw vel_err::Error("unauthorized", server, where + reply.text);
     std::string why = Clean(reason_[0] ? reason_ : curl_easy_strerror(code));
-    if (code == CURLE_ABORTED_BY_CALLBACK) why = "no byte came or went for too long";
+    if (code == CURLE_ABORTED_BY_CALLBACK) why = "hardly a byte came or went for too long";
     if (code == CURLE_SEND_ERROR && source) {
         // libcurl does not wait for the reply that tells why.
         why = "the server broke off the data connection, as when it has no room (" + why + ")";
@@ -354,12 +355,13 @@ std::string FtpSession::State::Clean(std::string text) const {
 
 template <class Step>
 bool FtpSession::State::Guard(const Step& step) {
+    const auto began = Clock::now();
     try {
         step();
     } catch (...) {
         thrown_ = std::current_exception();
     }
-    since_ = Clock::now();  // what the source or the sink took is not the network's time
+    since_ += Clock::now() - began;  // what the source or the sink took is not the network's time
     return !thrown_;
 }
 
@@ -382,6 +384,7 @@ void FtpSession::State::TakeReply(std::string_view line) {
     if (reply_.size() <= kMaxText) reply_ += line;
     const auto digits = line.find_first_not_of("0123456789");
     reply_whole_ = digits == 3 && line[3] == ' ';
+    if (reply_whole_) since_ = Clock::now();
 }
 
 /// In active mode anybody could connect to the port that waits for the server.
@@ -398,8 +401,10 @@ bool FtpSession::State::IsFromServer(curl_socket_t fd) {
 }
 
 bool FtpSession::State::Stalled(curl_off_t moved) {
-    if (moved != moved_) since_ = Clock::now();
-    moved_ = moved;
+    if (moved < moved_ || moved - moved_ >= kSlowest * timeout_) {
+        since_ = Clock::now();
+        moved_ = moved;
+    }
     return Clock::now() - since_ >= std::chrono::seconds(timeout_);
 }
 

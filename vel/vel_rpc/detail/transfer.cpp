@@ -18,6 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr long kConnectSeconds = 30;
 constexpr int kStallSeconds = 60;
+constexpr int kSlowest = 16;  // bytes a second of a body
 constexpr int kMaxRetryAfterSeconds = 60;
 constexpr long kExpectMs = 300;
 constexpr long kBufferBytes = 512 << 10;
@@ -55,14 +56,18 @@ public:
     }
     void Touch() { since_ = Clock::now(); }
     void Excuse(Clock::duration pause) { since_ += pause; }
-    bool Over(curl_off_t moved) {
-        if (moved != moved_) Touch();
-        moved_ = moved;
+    /// `in_body`: else a byte now and then will do, by which servers tell that they still work.
+    bool Over(curl_off_t moved, bool in_body) {
+        const curl_off_t least = in_body ? kSlowest * limit_.count() : 1;
+        if (moved < moved_ || moved - moved_ >= least) {
+            Touch();
+            moved_ = moved;
+        }
         return Clock::now() - since_ >= limit_;
     }
 
 private:
-    Clock::duration limit_{};
+    std::chrono::seconds limit_{};
     Clock::time_point since_;
     curl_off_t moved_ = 0;
 };
@@ -118,6 +123,7 @@ private:
     std::size_t Give(char* to, std::size_t room);
     std::size_t GiveFromSource(char* to, std::size_t room);
     bool Rewind();
+    bool IsInBody(curl_off_t up) const;
     bool Take(const char* data, std::size_t size);
     bool TakeIntoSink(const char* data, std::size_t size);
     bool TakeHeader(std::string_view line);
@@ -241,7 +247,7 @@ Outcome Transfer::State::Finish(CURLcode code) {
     } else if ((code != CURLE_OK && !enough_) || !headers_whole_) {
         outcome.no_answer = true;
         const bool stalled = code == CURLE_ABORTED_BY_CALLBACK;
-        const std::string reason = stalled            ? "no byte came or went for too long"
+        const std::string reason = stalled            ? "hardly a byte came or went for too long"
                                    : reason_[0]       ? reason_
                                    : code == CURLE_OK ? "the answer is cut"
                                                       : curl_easy_strerror(code);
@@ -254,12 +260,13 @@ Outcome Transfer::State::Finish(CURLcode code) {
 template <class Step, class Result>
 Result Transfer::State::Guard(const Step& step, Result failed) {
     Result result = failed;
+    const auto began = Clock::now();
     try {
         result = step();
     } catch (...) {
         thrown_ = std::current_exception();
     }
-    stall_.Touch();
+    stall_.Excuse(Clock::now() - began);
     return result;
 }
 
@@ -292,6 +299,13 @@ bool Transfer::State::Rewind() {
     return true;
 }
 
+/// While a body is on its way that was sent for its bytes, and not to tell how a request went.
+bool Transfer::State::IsInBody(curl_off_t up) const {
+    if (request_->sink && !request_->max_answer) return true;
+    const uint64_t size = request_->source ? sent_ : request_->body.size();
+    return static_cast<uint64_t>(up) < size || (request_->source && !request_->source->eof());
+}
+
 bool Transfer::State::Take(const char* data, std::size_t size) {
     long status = 0;
     curl_easy_getinfo(curl_.get(), CURLINFO_RESPONSE_CODE, &status);
@@ -319,6 +333,7 @@ bool Transfer::State::TakeHeader(std::string_view line) {
         throw vel_err::Error("network", service_, "the answer's headers are too long");
     if (line.starts_with("HTTP/")) response_ = {};  // the final answer follows an interim one
     headers_whole_ = line == "\r\n" || line == "\n";
+    if (headers_whole_) stall_.Touch();
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos) return true;
     response_.headers[str::Lower(std::string(line.substr(0, colon)))] =
@@ -354,7 +369,8 @@ int Transfer::State::OnSeek(void* self, curl_off_t offset, int origin) {
 
 int Transfer::State::OnProgress(void* self, curl_off_t, curl_off_t down, curl_off_t,
                                 curl_off_t up) {
-    return static_cast<State*>(self)->stall_.Over(down + up) ? 1 : 0;
+    auto& state = *static_cast<State*>(self);
+    return state.stall_.Over(down + up, state.IsInBody(up)) ? 1 : 0;
 }
 
 Transfer::Transfer(std::string service) : state_(std::make_unique<State>(std::move(service))) {}
