@@ -19,6 +19,9 @@ namespace vel_file {
 namespace {
 
 constexpr std::size_t kBufferSize = 256 * 1024;
+// For longer writes the page cache wants runs of free pages, and where memory is fragmented it
+// works longer on finding them than on the copy.
+constexpr std::size_t kWriteSize = 64 * 1024;
 
 /// Keeps SIGPIPE away from this thread, and takes the one that a write inside raised.
 class PipeSignalGuard {
@@ -99,7 +102,7 @@ namespace {
 /// 0 or the errno of the write that failed.
 int WriteWhole(int fd, const char* bytes, std::size_t size) noexcept {
     while (size > 0) {
-        const ssize_t done = WriteQuietly(fd, bytes, size);
+        const ssize_t done = WriteQuietly(fd, bytes, std::min(size, kWriteSize));
         if (done < 0 && errno != EAGAIN) return errno;
         if (done < 0) {
             WaitFor(fd, POLLOUT);
