@@ -35,8 +35,6 @@ struct LyingFtp {
         for (const int fd : {listener_, passive_.load()}) ::close(fd);
     }
     std::string Address() const { return "127.0.0.1:" + std::to_string(control_); }
-    /// All commands of a session that is over.
-    std::vector<std::string> Commands() const { return commands_; }
 
 private:
     static int Listen(int& port) {
