@@ -43,7 +43,8 @@ struct Response {
 /// redirect is followed (a 3xx is a Response like any other); no proxy is taken from the
 /// environment. Time limits: 30 s to connect, and 60 s without a byte in either direction, or with
 /// less than 16 bytes a second of a long body (time that the source or the sink takes is not
-/// counted). From the environment: BACKUP2_STALL_SECONDS instead of these 60, BACKUP2_CA_FILE instead of the system's certificate authorities.
+/// counted). From the environment: BACKUP2_STALL_SECONDS instead of these 60, BACKUP2_CA_FILE
+/// instead of the system's certificate authorities.
 class Http {
 public:
     /// `service` begins every message: "Dropbox".
