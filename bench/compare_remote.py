@@ -9,6 +9,7 @@ server starts, its token, and the commands of the other side.
 import base64
 import contextlib
 import filecmp
+import itertools
 import os
 import pathlib
 import subprocess
@@ -19,16 +20,20 @@ from compare import Run
 
 SERVERS = pathlib.Path(__file__).resolve().parent.parent / "tests/servers"
 NAME = "F2024-01-31.bob.tgz"
+PASSWORD = "bench"
+ENCRYPTED_NAME = NAME + ".aes"
+ENCRYPTED = f";arch_password={base64.b64encode(PASSWORD.encode()).decode()}"
 STREAM_LIMIT_MIB = 96
-ROWS = ("put", "get", "list", "stream")
 
 
 class Site:
     """A server, its token, and the other side: shell commands with an environment."""
     server = against = ""
     options = {}
+    rows = ("put", "get", "list", "stream")
     goals = {}              # row -> ours / theirs at most
     extra_memory_mib = 0    # beyond STREAM_LIMIT_MIB
+    path = {}               # where programs are looked for
 
     def __init__(self, work):
         self.work = work
@@ -115,19 +120,70 @@ class Ftp(Site):
         return f"mkdir -p {self.settings['root']}/theirs && cp -r {local} {self.settings['root']}/theirs/{folder}", {}
 
 
-KINDS = {"s3": S3, "ftp": Ftp}
+class Sftp(Site):
+    server, against = "sshd", "scp"
+    goals = {"put": 1.05, "get": 1.05, "put_encrypted": 1.15, "get_encrypted": 1.15, "list": 1.5}
+    rows = ("put", "get", "put_encrypted", "get_encrypted", "list", "stream")
+
+    def __init__(self, work):
+        super().__init__(work)
+        (work / "tmp").mkdir()  # for the key file
+        self.path = {"PATH": f"{self.settings['bin']}:{os.environ['PATH']}"}
+        (pathlib.Path(self.settings["root"]) / "theirs").mkdir()
+
+    def token(self):
+        key = pathlib.Path(self.settings["key"]).read_text().replace("\n", "#rn").replace(" ", "#ws")
+        return (f"type=sftp;url={self.settings['host']};port={self.settings['port']};key={key};"
+                f"path={self.settings['root']}/ours")
+
+    def options_of(self, port):
+        return f"-q -o StrictHostKeyChecking=no -i {self.settings['key']} {port} {self.settings['port']}"
+
+    def theirs(self, name):
+        return f"{self.settings['root']}/theirs/{name}"
+
+    def scp(self, source, target):
+        return f"scp {self.options_of('-P')} {source} {target}", self.path
+
+    def ssh(self, command):
+        return f"ssh {self.options_of('-p')} {self.settings['host']} '{command}'"
+
+    def put(self, file, name):
+        return self.scp(file, f"{self.settings['host']}:{self.theirs(name)}")
+
+    def get(self, name, file):
+        return self.scp(f"{self.settings['host']}:{self.theirs(name)}", file)
+
+    def put_encrypted(self, file, name):
+        return (f"openssl enc -e -aes-256-cbc -pass env:P -in {file} 2>/dev/null | " +
+                self.ssh(f"cat > {self.theirs(name)}"), {**self.path, "P": PASSWORD})
+
+    def get_encrypted(self, name, file):
+        return (self.ssh(f"cat {self.theirs(name)}") +
+                f" | openssl enc -d -aes-256-cbc -pass env:P -out {file} 2>/dev/null",
+                {**self.path, "P": PASSWORD})
+
+    def list(self, folder):
+        return f"{self.ssh(f'ls {self.theirs(folder)}')} | wc -l", self.path
+
+    def fill(self, local, folder):
+        return f"cp -r {local} {self.theirs(folder)}", {}
+
+
+KINDS = {"s3": S3, "ftp": Ftp, "sftp": Sftp}
 
 
 class Remote(compare.Bench):
-    names = [f"{kind}.{row}" for kind in KINDS for row in ROWS]
+    names = [f"{name}.{row}" for name, kind in KINDS.items() for row in kind.rows]
 
     def measure(self, kind, row):
         site = KINDS[kind](self.fresh("site"))
         with contextlib.closing(site):
             getattr(self, row)(kind, site)
 
-    def ours(self, site, words):
-        return f"{self.tool('bench/bench_remote')} {words}", {"BENCH_TOKEN": site.token()}
+    def ours(self, site, words, more=""):
+        return (f"cd {site.work} && {self.tool('bench/bench_remote')} {words}",
+                {"BENCH_TOKEN": site.token() + more, **site.path})
 
     def slice(self):
         path = self.work / "slice"
@@ -135,27 +191,39 @@ class Remote(compare.Bench):
             Run(f"head -c {self.args.slice_mib}M /dev/urandom > {path}")
         return path
 
-    def put(self, kind, site):
-        source = self.slice()
-        self.compare(f"{kind}: put of {self.args.slice_mib} MiB", site.goals["put"],
-                     lambda: self.ours(site, f"put d/{NAME} {source}"),
-                     lambda: site.put(source, NAME), site.against)
+    def put(self, kind, site, row="put", name=NAME, more=""):
+        source, theirs = self.slice(), getattr(site, row)
+        Run(*self.ours(site, "mkdir d"))
+        # Names of their own, as slices have: what a replaced file of this size costs is the server's.
+        fresh = (f"{number}.{name}" for number in itertools.count())
+        self.compare(f"{kind}: {row} of {self.args.slice_mib} MiB", site.goals[row],
+                     lambda: self.ours(site, f"put d/{next(fresh)} {source}", more),
+                     lambda: theirs(source, next(fresh)), site.against)
 
-    def get(self, kind, site):
+    def put_encrypted(self, kind, site):
+        self.put(kind, site, "put_encrypted", ENCRYPTED_NAME, ENCRYPTED)
+
+    def get(self, kind, site, row="get", name=NAME, more=""):
         source, ours, theirs = self.slice(), self.work / "got", self.work / "got.theirs"
-        Run(*self.ours(site, f"put d/{NAME} {source}"))
-        Run(*site.put(source, NAME))
+        Run(*self.ours(site, "mkdir d"))
+        Run(*self.ours(site, f"put d/{name} {source}", more))
+        Run(*getattr(site, row.replace("get", "put"))(source, name))
 
         def fetch(side, command):
             with contextlib.suppress(FileNotFoundError):
                 side.unlink()
             return command
-        Run(*fetch(ours, self.ours(site, f"get d/{NAME} {ours}")))
+
+        def fetch_ours():
+            return fetch(ours, self.ours(site, f"get d/{name} {ours}", more))
+        Run(*fetch_ours())
         if not filecmp.cmp(source, ours, shallow=False):
             sys.exit(f"{kind}: other bytes came back")
-        self.compare(f"{kind}: get of {self.args.slice_mib} MiB", site.goals["get"],
-                     lambda: fetch(ours, self.ours(site, f"get d/{NAME} {ours}")),
-                     lambda: fetch(theirs, site.get(NAME, theirs)), site.against)
+        self.compare(f"{kind}: {row} of {self.args.slice_mib} MiB", site.goals[row], fetch_ours,
+                     lambda: fetch(theirs, getattr(site, row)(name, theirs)), site.against)
+
+    def get_encrypted(self, kind, site):
+        self.get(kind, site, "get_encrypted", ENCRYPTED_NAME, ENCRYPTED)
 
     def list(self, kind, site):
         folder = self.fresh("many")
@@ -166,8 +234,8 @@ class Remote(compare.Bench):
         token = site.token().replace("/ours", "/theirs")
 
         def ours():
-            return (f"test $({self.tool('bench/bench_remote')} list many) = {self.args.names}",
-                    {"BENCH_TOKEN": token})
+            return (f"cd {site.work} && test $({self.tool('bench/bench_remote')} list many) = {self.args.names}",
+                    {"BENCH_TOKEN": token, **site.path})
         self.compare(f"{kind}: list of {self.args.names} names", site.goals["list"], ours,
                      lambda: site.list("many"), site.against)
 
@@ -175,6 +243,7 @@ class Remote(compare.Bench):
         source = self.work / "stream"
         Run(f"truncate -s {self.args.stream_mib}M {source}")
         limit = STREAM_LIMIT_MIB + site.extra_memory_mib
+        Run(*self.ours(site, "mkdir d"))
         for words in (f"put d/{NAME} {source}", f"get d/{NAME} {source}.got"):
             run = Run(*self.ours(site, words))
             what = f"{kind}: peak memory, {words.split()[0]} of {self.args.stream_mib} MiB"
@@ -186,8 +255,8 @@ def add_row(kind, row):
     setattr(Remote, f"{kind}.{row}", lambda self: self.measure(kind, row))
 
 
-for kind_name in KINDS:
-    for row_name in ROWS:
+for kind_name, kind_class in KINDS.items():
+    for row_name in kind_class.rows:
         add_row(kind_name, row_name)
 
 if __name__ == "__main__":
