@@ -221,7 +221,7 @@ std::vector<Backend> Backends() {
          .keeps_empty_dirs = false,
          .forbidden_bytes = kControls},
         {.name = "amazon_encrypted",
-         .start = StartCloud<vel_rpc::S3>("amazon", "s3_ceph"),
+         .start = StartCloud<vel_rpc::S3>("amazon", "s3_swift"),
          .password = kPassword,
          .lists_files = false,
          .keeps_empty_dirs = false,
