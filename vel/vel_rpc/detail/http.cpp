@@ -10,6 +10,10 @@ std::string Response::Header(const std::string& lower_case_name) const {
     return found == headers.end() ? "" : found->second;
 }
 
+bool Response::TellsItsEnd() const {
+    return headers.count("content-length") + headers.count("transfer-encoding") > 0;
+}
+
 class Http::Handle : public Transfer {
     using Transfer::Transfer;
 };

@@ -37,6 +37,8 @@ struct Response {
     std::string body{};
     bool Ok() const { return status >= 200 && status < 300; }
     std::string Header(const std::string& lower_case_name) const;  ///< "" when absent
+    /// Else the end of the connection is the end of the body, wherever it comes.
+    bool TellsItsEnd() const;
 };
 
 /// One connection, kept between requests. Certificates are verified; only http and https; no

@@ -153,6 +153,7 @@ void Account::Fetch(const std::string& what, Request request, std::ostream& out)
     request.sink = &out;
     for (int redirects = 0; redirects <= kMaxRedirects; ++redirects) {
         const Response response = Call(request);
+        if (response.Ok() && !response.TellsItsEnd()) Refuse(what, "an answer of no length");
         if (response.Ok()) return;
         std::string target = response.Header("location");
         const bool follow = IsRedirect(response) && request.method == "GET" && !target.empty();

@@ -234,8 +234,7 @@ void S3Bucket::Get(const std::string& key, std::ostream& out) {
     request.sink = &out;
     const Response response = http_.SendRetried(request);
     if (!response.Ok()) Fail("get", key, response);
-    // Else the end of the connection would be the end of the file, wherever it comes.
-    if (response.Header("content-length").empty() && response.Header("transfer-encoding").empty())
+    if (!response.TellsItsEnd())
         throw vel_err::Error("storage", "refused", "S3: get '" + key + "': an answer of no length");
 }
 
