@@ -31,12 +31,12 @@ _OWN_VARIABLES = ("BACKUP_TOKEN", "BACKUP_STORAGE", "BACKUP2_PROGRESS",
 
 @contextlib.contextmanager
 def install_root(base=None):
-    """A scratch install root: sbin and lib of the build, its own var/. Programs started by run()
+    """A scratch install root: the programs of the build, its own var/. Programs started by run()
     inside the block work there. Yields its pathlib.Path; removed at the end."""
     root = pathlib.Path(tempfile.mkdtemp(prefix="backup2-test-", dir=base)).resolve()
     before = os.environ.get("VEL_ROOT")
     try:
-        for folder in ("sbin", "lib"):
+        for folder in ("sbin", "lib", "velcgi"):
             (root / folder).symlink_to(BUILD / folder)
         for folder in ("var/backup/qorvel", "var/run"):
             (root / folder).mkdir(parents=True)
