@@ -23,14 +23,11 @@ Afterwards::Afterwards(vel_xml::Xml settings, Report& report)
 void Afterwards::Run() {
     const Backup backup = GetBackup(site_.local_dir, report_.user, report_.date);
     const auto in_use = Protect(backup);
-    const auto before = Dates();
+    const auto before = Marks();
     Step("its record", [&] { RecordPlace(storage_, backup); });
     Step("limits", [&] { HoldLimits(storage_, report_.user, report_.date); });
     Step("rules of what to keep", [&] { ApplyKeepRules(); });
-    const auto now = Dates();
-    for (const std::string& date : before) {
-        if (now.count(date) == 0) report_.removed.push_back(date);
-    }
+    Compare(before, Marks());
     Step(kOwnCopy, [&] { CopyToOwnStorage(); });
 }
 
@@ -60,12 +57,24 @@ void Afterwards::CopyToOwnStorage() {
     }
 }
 
-std::set<std::string> Afterwards::Dates() const {
-    std::set<std::string> dates;
-    for (const Backup& backup : FindBackups(site_.local_dir, report_.user, "")) {
-        if (backup.user == report_.user) dates.insert(backup.date);
+void Afterwards::Compare(const std::map<std::string, bool>& before,
+                         const std::map<std::string, bool>& now) {
+    for (const auto& [date, marked] : before) {
+        const auto left = now.find(date);
+        if (left == now.end()) {
+            report_.removed.push_back(date);
+        } else if (left->second && !marked) {
+            report_.marked.push_back(date);
+        }
     }
-    return dates;
+}
+
+std::map<std::string, bool> Afterwards::Marks() const {
+    std::map<std::string, bool> marks;
+    for (const Backup& backup : FindBackups(site_.local_dir, report_.user, "")) {
+        if (backup.user == report_.user) marks[backup.date] = !backup.Get("deleted").empty();
+    }
+    return marks;
 }
 
 }  // namespace backup2_admin

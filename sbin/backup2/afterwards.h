@@ -3,7 +3,7 @@
 #pragma once
 
 #include <functional>
-#include <set>
+#include <map>
 #include <string>
 
 #include "vel/vel_xml.h"
@@ -25,7 +25,9 @@ private:
     void Step(const std::string& what, const std::function<void()>& step);
     void ApplyKeepRules();
     void CopyToOwnStorage();
-    std::set<std::string> Dates() const;
+    /// The user's backups: date -> marked as deleted.
+    std::map<std::string, bool> Marks() const;
+    void Compare(const std::map<std::string, bool>& before, const std::map<std::string, bool>& now);
 
     vel_xml::Xml settings_;
     vel_xml::XmlNode storage_;

@@ -37,6 +37,11 @@ void Print(const Report& report) {
     for (const auto& date : report.removed) {
         std::cout << report.user << " " << date << ": removed by the limits" << std::endl;
     }
+    for (const auto& date : report.marked) {
+        std::cout << report.user << " " << date
+                  << ": no longer kept by the limits, goes with the last increment that needs it"
+                  << std::endl;
+    }
     for (const auto& warning : report.warnings) std::cout << title << warning << std::endl;
 }
 
@@ -58,6 +63,7 @@ nlohmann::json Json(const Report& report) {
         json["flagged"].push_back({{"name", entry.name}, {"why", entry.why}});
     }
     json["removed"] = report.removed;
+    json["marked"] = report.marked;
     json["copied"] = report.copied;
     json["warnings"] = report.warnings;
     return json;

@@ -17,6 +17,7 @@ struct Report {
     double seconds = 0;
     std::vector<FlaggedEntry> flagged;
     std::vector<std::string> removed;   ///< dates of backups that the limits took
+    std::vector<std::string> marked;    ///< dates of those that go with their last increment
     bool copied = false;                ///< it is in the user's own storage, too
     std::vector<std::string> warnings;  ///< the backup is complete, but ...
 };

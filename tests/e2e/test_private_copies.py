@@ -116,13 +116,19 @@ class PrivateCopies(unittest.TestCase):
         (self.root / "other/data").mkdir(parents=True)
         (self.root / "other/data/file").write_text("other")
         self.panel.command(["user", "add", OTHER, "--root", str(self.root / "other")])
-        states = {}
+        states, removed, marked = {}, set(), set()
         for date in days(9):
             states[date] = self.change()
             reports = {r["user"]: r for r in
                        json.loads(self.backup2("run", "--all", "--date", date, "--json"))}
             self.assertEqual([reports[u]["copied"] for u in (USER, OTHER)], [True, False])
             self.assertEqual([r["warnings"] for r in reports.values()], [[], []])
+            removed |= set(reports[USER]["removed"])
+            marked |= set(reports[USER]["marked"])
+        rows = self.listed()
+        self.assertEqual(removed, set(days(9)) - set(rows), "what went was told")
+        self.assertEqual(marked, {d for d, row in rows.items() if row["deleted"]} | (removed & marked))
+        self.assertTrue(marked)
         self.assertFalse((self.own / OTHER).exists())
         for words, limit in (([], 5), (["--private"], 4)):
             rows = self.listed(*words)
@@ -228,6 +234,7 @@ class PrivateCopies(unittest.TestCase):
         self.panel.command(["storage", "set", "--user", USER], local_token(alias))
         for words in (["delete", USER, FIRST], ["pin", USER, FIRST], ["limit", USER]):
             self.assertIn("the administrator's", self.backup2(*words, "--private", expect=1))
+        self.assertIn("the administrator's", self.backup2("storage", "check", USER, expect=1))
         shown = json.loads(self.backup2("run", USER, "--date", SECOND, "--json", expect=3))[0]
         self.assertIn("the administrator's", shown["warnings"][0])
         self.assertEqual(content(self.store) | before, content(self.store))
