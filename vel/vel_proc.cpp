@@ -120,12 +120,19 @@ void RefuseNul(const std::vector<std::string>& texts) {
     }
 }
 
+struct Limit {
+    int resource;
+    rlimit value;
+};
+
 struct Plan {
     const char* program = nullptr;
     char* const* argv = nullptr;
     char* const* envp = nullptr;
     int in = -1, out = -1, err = -1;  ///< above 2, or -1: the child keeps this process's own
     int report = -1;                  ///< write end of the pipe that carries errno of a failed exec
+    const Limit* limits = nullptr;
+    std::size_t limit_count = 0;
     pid_t parent = -1;
 };
 
@@ -150,6 +157,13 @@ void HideDescriptors() {
     for (int fd = 3; fd < end; ++fd) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
 }
 
+bool SetLimits(const Plan& plan) {
+    for (std::size_t i = 0; i < plan.limit_count; ++i) {
+        if (::setrlimit(plan.limits[i].resource, &plan.limits[i].value) != 0) return false;
+    }
+    return true;
+}
+
 [[noreturn]] void BecomeProgram(const Plan& plan) {
     ResetSignals();
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -157,7 +171,7 @@ void HideDescriptors() {
     const bool placed = (plan.in < 0 || ::dup2(plan.in, 0) == 0) &&
                         (plan.out < 0 || ::dup2(plan.out, 1) == 1) &&
                         (plan.err < 0 || ::dup2(plan.err, 2) == 2);
-    if (placed) {
+    if (placed && SetLimits(plan)) {
         HideDescriptors();
         ::execve(plan.program, plan.argv, plan.envp);
     }
@@ -255,6 +269,7 @@ struct Execute::Impl {
     std::vector<std::string> argv;
     const int mode;
     EnvChanges env;
+    std::vector<Limit> limits;
     std::string input;  // not yet taken by the child, from input_done on
     std::size_t input_done = 0;
     bool has_input = false, input_closed = false;
@@ -311,6 +326,8 @@ void Execute::Impl::Launch(const std::string& program, std::vector<std::string>&
     child_ends.push_back(CopyAboveStandard(report.Out()));
     plan.report = child_ends.back();
     plan.parent = ::getpid();
+    plan.limits = limits.data();
+    plan.limit_count = limits.size();
     ConnectInput(plan, child_ends);
     ConnectOutput(plan, child_ends);
     pid = ForkWithSignalsBlocked(plan);
@@ -601,6 +618,11 @@ Execute& Execute::SetEnv(const std::string& name, const std::string& value) {
 
 Execute& Execute::UnsetEnv(const std::string& name) {
     impl_->env[name] = std::nullopt;
+    return *this;
+}
+
+Execute& Execute::SetLimit(int resource, uint64_t value) {
+    impl_->limits.push_back({resource, {value, value}});
     return *this;
 }
 

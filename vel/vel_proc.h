@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <initializer_list>
 #include <istream>
 #include <memory>
@@ -57,6 +58,8 @@ public:
 
     Execute& SetEnv(const std::string& name, const std::string& value);
     Execute& UnsetEnv(const std::string& name);
+    /// The child's RLIMIT_..., soft and hard. One that the system refuses ends the child with 127.
+    Execute& SetLimit(int resource, uint64_t value);
     Execute& In(const std::string& bytes);  ///< adds to what the child will read
     Execute& CloseIn();                     ///< nothing more comes; Str and Result imply it
     /// The descriptor is copied by the call, so the caller may close its own at once; the copy goes
