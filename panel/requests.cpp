@@ -75,6 +75,14 @@ void NewKey(const Request& r, vel_xml::XmlNode doc) {
 }
 
 // ---- Users and storages -------------------------------------------------------------------------
+/// For programs that serve one request of a session, as whom it was opened.
+void TakeSession(const Request& r, vel_xml::XmlNode doc) {
+    const auto user = r.store.FindUser(r.sessions.Take(r.Get("auth")));
+    if (!user) throw vel_err::Error("auth", "refused");
+    doc.AppendChild("user", user->name);
+    doc.AppendChild("uid", std::to_string(user->uid));
+}
+
 
 void UserList(const Request& r, vel_xml::XmlNode doc) {
     for (const User& user : r.store.Users()) {
@@ -249,6 +257,7 @@ const std::map<std::string, Entry> kRequests = {
     {"user", {UserList, false}},
     {"user.edit", {UserEdit, false}},
     {"backup2.settings", {Settings, false}},
+    {"session.take", {TakeSession, false}},
     {"backup2.storage", {StorageOf, false}},
     {"backup2.storage.set", {SetStorage, false}},
     {"backup2.storage.remove", {RemoveStorage, false}},

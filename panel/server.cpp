@@ -23,6 +23,7 @@
 #include "vel/vel_log.h"
 #include "vel/vel_proc.h"
 
+#include "panel/cgi.h"
 #include "panel/requests.h"
 
 namespace panel {
@@ -31,7 +32,9 @@ namespace {
 const vel_log::Module logger("panel");
 
 constexpr int kIoTimeoutMs = 10000;
-constexpr int kAnyPort = 1;  // the library wants a port even for a unix socket
+constexpr int kAnyPort = 1;      // the library wants a port even for a unix socket
+constexpr int kTlsThreads = 32;  // a download holds one as long as it lasts
+constexpr int kTlsWriteSeconds = 60;
 
 bool PeerIsRoot(int fd) {
     ucred peer{};
@@ -85,6 +88,7 @@ private:
             logger.Write(4, "Refused a connection that is not root's");
             return false;
         }
+        Cgi::SetConnection(fd);
         SocketStream stream(fd);
         bool closed = false;
         const bool done = process_request(stream, true, closed, [](httplib::Request&) {});
@@ -102,6 +106,13 @@ Parameters Collect(const httplib::Request& request) {
 
 void Route(httplib::Server& server, Requests& requests, Caller caller) {
     server.set_payload_max_length(64 * 1024);
+    // The library would unpack it, whatever it grows to.
+    server.set_pre_routing_handler([](const httplib::Request& in, httplib::Response& out) {
+        if (!in.has_header("Content-Encoding")) return httplib::Server::HandlerResponse::Unhandled;
+        out.status = 415;
+        out.set_header("Connection", "close");
+        return httplib::Server::HandlerResponse::Handled;
+    });
     server.Post(".*", [&requests, caller](const httplib::Request& in, httplib::Response& out) {
         out.set_content(requests.Answer(Collect(in), caller, in.remote_addr), "text/xml");
     });
@@ -176,11 +187,20 @@ std::unique_ptr<httplib::Server> BindLocal() {
     return server;
 }
 
+/// A connection is served by the thread that shakes hands with it, from then to its end.
+void NoteConnection(const SSL* ssl, int where, int) {
+    if ((where & SSL_CB_HANDSHAKE_START) != 0) Cgi::SetConnection(::SSL_get_fd(ssl));
+}
+
 std::unique_ptr<httplib::Server> BindTls(const ServeOptions& options) {
     auto server =
         std::make_unique<httplib::SSLServer>(options.certificate.c_str(), options.key.c_str());
     if (!server->is_valid())
         throw vel_err::Error("panel", "tls", "cannot use " + options.certificate + " and its key");
+    ::SSL_CTX_set_min_proto_version(server->ssl_context(), TLS1_2_VERSION);
+    ::SSL_CTX_set_info_callback(server->ssl_context(), NoteConnection);
+    server->new_task_queue = [] { return new httplib::ThreadPool(kTlsThreads); };
+    server->set_write_timeout(kTlsWriteSeconds);
     std::string host = options.tls_address;
     const std::string port = str::RGetWord(host, ":");
     if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);
@@ -204,14 +224,17 @@ sigset_t BlockEndSignals() {
 void Serve(const ServeOptions& options) {
     const sigset_t end_signals = BlockEndSignals();
     Requests requests;
+    Cgi cgi;
     std::atomic<bool> failed = false;
     const SocketFile socket_file;
     auto local = BindLocal();
     Route(*local, requests, Caller::LocalRoot);
+    cgi.Route(*local, false);
     std::unique_ptr<httplib::Server> tls;
     if (!options.tls_address.empty()) {
         tls = BindTls(options);
         Route(*tls, requests, Caller::Network);
+        cgi.Route(*tls, true);
     }
     {
         const Door local_door(std::move(local), failed);
@@ -220,6 +243,7 @@ void Serve(const ServeOptions& options) {
         int signal = 0;
         ::sigwait(&end_signals, &signal);
     }
+        cgi.Stop();
     if (failed) throw vel_err::Error("panel", "listen", "a listening socket broke");
 }
 

@@ -51,6 +51,15 @@ std::string Sessions::User(const std::string& id) {
     return found->second.user;
 }
 
+std::string Sessions::Take(const std::string& id) {
+    const std::lock_guard lock(mutex_);
+    const auto found = sessions_.find(Digest(id));
+    if (found == sessions_.end()) return "";
+    const Entry entry = std::move(found->second);
+    sessions_.erase(found);
+    return entry.expires > Clock::now() ? entry.user : "";
+}
+
 void Sessions::AddKey(const std::string& key, const std::string& user, const std::string& issuer) {
     if (key.size() < kMinKeyLength) throw vel_err::Error("value", "key");
     const std::lock_guard lock(mutex_);

@@ -19,6 +19,8 @@ public:
     std::string Open(const std::string& user);
     /// The session's user, "" for an unknown or expired id. Using it keeps it alive.
     std::string User(const std::string& id);
+    /// As User, and ends the session: it has served its one request.
+    std::string Take(const std::string& id);
 
     /// Lets `user` log in once with `key` within five minutes. `issuer`: the session that asks.
     /// Throws vel_err::Error("value", "key") for one that could be guessed.

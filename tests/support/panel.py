@@ -20,7 +20,7 @@ import xml.etree.ElementTree
 import backup2_test
 
 
-class _UnixConnection(http.client.HTTPConnection):
+class UnixConnection(http.client.HTTPConnection):
     def __init__(self, path):
         super().__init__("localhost", timeout=30)
         self._path = path
@@ -75,7 +75,7 @@ class Panel:
             connection.close()
 
     def ask(self, **parameters):
-        return self.post(_UnixConnection(self.socket), **parameters)
+        return self.post(UnixConnection(self.socket), **parameters)
 
     def error(self, **parameters):
         """Type and object of the error that answers the request, or None."""
