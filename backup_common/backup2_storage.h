@@ -90,8 +90,8 @@ public:
     virtual void RealMkDir(const std::string& full_path) = 0;
     /// Removes a directory with its contents, and its parent when that became empty.
     virtual void RmDir(const std::string& dir) = 0;
-    /// Removes below the directory `dir` ("" is all) what uploads left that began more than `hours`
-    /// ago and never ended, where listings of files do not show it; how many. -1: of any age.
+    /// Removes below the directory `dir` ("" is all) what killed uploads left that began more than
+    /// `hours` ago (-1: of any age), where no later upload of the same file does that; how many.
     virtual int Sweep(const std::string& dir, int hours);
     /// Size and lower-case hex SHA-256 of the stored bytes of `name`, worked out where they lie.
     /// Nothing: this kind, or this server, cannot; only reading the bytes back tells.

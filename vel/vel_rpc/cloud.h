@@ -2,6 +2,7 @@
 #pragma once
 
 #include <istream>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -37,9 +38,35 @@ public:
     virtual void RmDir(const std::string& path) = 0;
     /// Gives the credential back to the provider, where there is a way, and forgets it.
     virtual void DropToken() = 0;
+    /// Removes what uploads below the folder `path` left that began more than `hours` ago and were
+    /// killed (-1: of any age); how many. Does nothing where the provider itself forgets them.
+    virtual int AbortStale(const std::string& path, int hours);
+    /// The credential with the tokens as they are now: a refresh may bring new ones. "" for a kind
+    /// whose credential never changes.
+    virtual std::string Credential() const;
 
 protected:
     Cloud() = default;
+};
+
+/// What the clients of the providers are for those who use them.
+class CloudClient : public Cloud {
+public:
+    void Get(const std::string& path, std::ostream& out) final;
+    int Put(const std::string& path, std::istream& in, const std::string& type) final;
+    void List(const std::string& path, std::vector<std::string>& out) final;
+    void Delete(const std::string& path) final;
+    void MkPath(const std::string& path) final;
+    void RmDir(const std::string& path) final;
+    void DropToken() final;
+    int AbortStale(const std::string& path, int hours) final;
+    std::string Credential() const final;
+
+protected:
+    explicit CloudClient(std::unique_ptr<Cloud> provider) : provider_(std::move(provider)) {}
+
+private:
+    const std::unique_ptr<Cloud> provider_;
 };
 
 }  // namespace vel_rpc

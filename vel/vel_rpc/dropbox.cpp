@@ -8,10 +8,9 @@
 #include "vel/str.h"
 #include "vel/vel_err.h"
 #include "vel/vel_hash.h"
-#include "vel/vel_log.h"
+#include "vel/vel_rpc/detail/account_cloud.h"
 #include "vel/vel_rpc/detail/cloud_parts.h"
 #include "vel/vel_rpc/detail/json.h"
-#include "vel/vel_rpc/detail/oauth.h"
 
 namespace vel_rpc {
 namespace {
@@ -24,8 +23,6 @@ using detail::Request;
 using detail::Response;
 using detail::Shown;
 using detail::Trouble;
-
-const vel_log::Module logger("vel_rpc");
 
 constexpr const char* kService = "Dropbox";
 constexpr const char* kApi = "https://api.dropboxapi.com";
@@ -259,84 +256,87 @@ Json Upload::Finish() {
     account_.Refuse(what_, response);
 }
 
-}  // namespace
-
-class Dropbox::Impl {
+class DropboxCloud final : public detail::AccountCloud {
 public:
-    explicit Impl(const std::string& credential)
-        : account(
+    explicit DropboxCloud(const std::string& credential)
+        : AccountCloud(
               {kService, "Bearer", {kApi, kContent}, std::string(kApi) + "/oauth2/token", &Judge},
               credential) {}
 
-    void Put(const std::string& path, std::istream& in);
+    void Get(const std::string& path, std::ostream& out) override;
+    void List(const std::string& path, std::vector<std::string>& out) override;
+    void Delete(const std::string& path) override;
+    void MkPath(const std::string& path) override;
+    void RmDir(const std::string& path) override;
+
+private:
+    void Store(const std::string& path, std::istream& in) override;
+    void Revoke() override;
     void ListFolder(const std::string& path, std::vector<std::string>& out);
     /// ".tag" ("file", "folder") and "name"; nothing when there is neither.
     std::optional<Json> Find(const std::string& what, const std::string& target);
     /// Removes what is there when it is of this kind; the provider would take a folder for a file.
     void Remove(const std::string& what, const std::string& target, const std::string& kind);
 
-    detail::Account account;
-
-private:
     bool AddPages(const std::string& what, const std::string& target, detail::Listing& listing);
 };
 
-std::optional<Json> Dropbox::Impl::Find(const std::string& what, const std::string& target) {
+std::optional<Json> DropboxCloud::Find(const std::string& what, const std::string& target) {
     try {
-        return account.Ask(what, Rpc(account, "files/get_metadata", PathArgument(target)));
+        return account_.Ask(what, Rpc(account_, "files/get_metadata", PathArgument(target)));
     } catch (const detail::Missing&) {
         return std::nullopt;
     }
 }
 
-void Dropbox::Impl::Remove(const std::string& what, const std::string& target,
-                           const std::string& kind) {
+void DropboxCloud::Remove(const std::string& what, const std::string& target,
+                          const std::string& kind) {
     const std::optional<Json> found = Find(what, target);
     if (!found) throw detail::Missing(std::string(kService) + ": " + what);
-    if (found->Text(".tag") != kind) account.Refuse(what, "it is not a " + kind);
-    Request request = Rpc(account, "files/delete_v2", PathArgument(target));
-    const Response response = account.Call(request);
+    if (found->Text(".tag") != kind) account_.Refuse(what, "it is not a " + kind);
+    Request request = Rpc(account_, "files/delete_v2", PathArgument(target));
+    const Response response = account_.Call(request);
     // Missing: the answer to an earlier attempt was lost.
-    if (response.Ok() || account.Judge(response) == Trouble::Missing) return;
-    account.Refuse(what, response);
+    if (response.Ok() || account_.Judge(response) == Trouble::Missing) return;
+    account_.Refuse(what, response);
 }
 
-void Dropbox::Impl::Put(const std::string& path, std::istream& in) {
+void DropboxCloud::Store(const std::string& path, std::istream& in) {
     const std::string what = "put " + Shown(path), target = Target(path);
-    Upload upload(account, what, target, in);
+    Upload upload(account_, what, target, in);
     if (upload.Matches(upload.Run())) return;
     Remove(what, target, "file");
-    account.Refuse(what, "the service stored other bytes than were sent");
+    account_.Refuse(what, "the service stored other bytes than were sent");
 }
 
 /// False when the provider wants the listing to begin again.
-bool Dropbox::Impl::AddPages(const std::string& what, const std::string& target,
-                             detail::Listing& listing) {
+bool DropboxCloud::AddPages(const std::string& what, const std::string& target,
+                            detail::Listing& listing) {
     Request request =
-        Rpc(account, "files/list_folder", Object({{"path", Quoted(target)}, {"limit", "1000"}}));
+        Rpc(account_, "files/list_folder", Object({{"path", Quoted(target)}, {"limit", "1000"}}));
     for (;;) {
-        const Response response = account.Call(request);
+        const Response response = account_.Call(request);
         if (str::StartsWith(ReadFailure(response).tags, "reset")) return false;
-        if (!response.Ok()) account.Refuse(what, response);
+        if (!response.Ok()) account_.Refuse(what, response);
         const Json page(std::string(kService) + ": " + what, response.body);
         for (const Json& entry : page.Items("entries")) {
             if (entry.Text(".tag") != "deleted") listing.Add(entry.Text("name"));
         }
         listing.TurnPage();
         if (!page.Flag("has_more")) return true;
-        request = Rpc(account, "files/list_folder/continue",
+        request = Rpc(account_, "files/list_folder/continue",
                       Object({{"cursor", Quoted(page.Text("cursor"))}}));
     }
 }
 
-void Dropbox::Impl::ListFolder(const std::string& path, std::vector<std::string>& out) {
+void DropboxCloud::ListFolder(const std::string& path, std::vector<std::string>& out) {
     const std::string what = "list " + Shown(path);
     const std::string target = detail::JoinNames(detail::SplitNames(kService, path));
     detail::Listing listing(kService, what);
     int resets = 0;
     try {
         while (!AddPages(what, target, listing)) {
-            if (++resets > kMaxResets) account.Refuse(what, "the listing begins again and again");
+            if (++resets > kMaxResets) account_.Refuse(what, "the listing begins again and again");
             listing.Clear();
         }
     } catch (const detail::Missing&) {
@@ -345,61 +345,49 @@ void Dropbox::Impl::ListFolder(const std::string& path, std::vector<std::string>
     out.insert(out.end(), listing.Found().begin(), listing.Found().end());
 }
 
-Dropbox::Dropbox(const std::string& credential) : impl_(std::make_unique<Impl>(credential)) {}
-
-Dropbox::~Dropbox() = default;
-
-void Dropbox::Get(const std::string& path, std::ostream& out) {
-    impl_->account.Fetch("get " + Shown(path),
-                         Content(impl_->account, "files/download", PathArgument(Target(path))),
-                         out);
+void DropboxCloud::Get(const std::string& path, std::ostream& out) {
+    account_.Fetch("get " + Shown(path),
+                   Content(account_, "files/download", PathArgument(Target(path))), out);
 }
 
-int Dropbox::Put(const std::string& path, std::istream& in, const std::string&) {
-    return detail::StatusOf([&] { impl_->Put(path, in); });
-}
-
-void Dropbox::List(const std::string& path, std::vector<std::string>& out) {
-    if (detail::IsFolderPath(path)) return impl_->ListFolder(path, out);
-    const auto found = impl_->Find("list " + Shown(path), Target(path));
+void DropboxCloud::List(const std::string& path, std::vector<std::string>& out) {
+    if (detail::IsFolderPath(path)) return ListFolder(path, out);
+    const auto found = Find("list " + Shown(path), Target(path));
     if (!found || found->Text(".tag") != "file") return;
     detail::Listing listing(kService, "list " + Shown(path));
     listing.Add(found->Text("name"));
     out.insert(out.end(), listing.Found().begin(), listing.Found().end());
 }
 
-void Dropbox::Delete(const std::string& path) {
-    impl_->Remove("delete " + Shown(path), Target(path), "file");
+void DropboxCloud::Delete(const std::string& path) {
+    Remove("delete " + Shown(path), Target(path), "file");
 }
 
-void Dropbox::MkPath(const std::string& path) {
+void DropboxCloud::MkPath(const std::string& path) {
     const std::string target = detail::JoinNames(detail::SplitNames(kService, path));
     if (target.empty()) return;
-    Request request = Rpc(impl_->account, "files/create_folder_v2", PathArgument(target));
-    const Response response = impl_->account.Call(request);
+    Request request = Rpc(account_, "files/create_folder_v2", PathArgument(target));
+    const Response response = account_.Call(request);
     if (response.Ok() || ReadFailure(response).tags == "path/conflict/folder") return;
-    impl_->account.Refuse("make the folder " + Shown(path), response);
+    account_.Refuse("make the folder " + Shown(path), response);
 }
 
-void Dropbox::RmDir(const std::string& path) {
+void DropboxCloud::RmDir(const std::string& path) {
     try {
-        impl_->Remove("remove the folder " + Shown(path), Target(path), "folder");
+        Remove("remove the folder " + Shown(path), Target(path), "folder");
     } catch (const detail::Missing&) {  // it is as it shall be
     }
 }
 
-void Dropbox::DropToken() {
-    Request request = Rpc(impl_->account, "auth/token/revoke", "null");
-    try {
-        const Response response = impl_->account.Call(request);
-        if (!response.Ok()) impl_->account.Refuse("revoke the access", response);
-    } catch (const detail::Unauthorized&) {  // nothing is left to revoke
-    } catch (const vel_err::Error& e) {
-        logger.Write(4, "%s: the access could not be revoked: %s", kService, e.what());
-    }
-    impl_->account.Forget();
+void DropboxCloud::Revoke() {
+    Request request = Rpc(account_, "auth/token/revoke", "null");
+    const Response response = account_.Call(request);
+    if (!response.Ok()) account_.Refuse("revoke the access", response);
 }
 
-std::string Dropbox::Credential() const { return impl_->account.Credential(); }
+}  // namespace
+
+Dropbox::Dropbox(const std::string& credential)
+    : CloudClient(std::make_unique<DropboxCloud>(credential)) {}
 
 }  // namespace vel_rpc

@@ -10,9 +10,9 @@
 #include "vel/vel_err.h"
 #include "vel/vel_hash.h"
 #include "vel/vel_log.h"
+#include "vel/vel_rpc/detail/account_cloud.h"
 #include "vel/vel_rpc/detail/cloud_parts.h"
 #include "vel/vel_rpc/detail/json.h"
-#include "vel/vel_rpc/detail/oauth.h"
 
 namespace vel_rpc {
 namespace {
@@ -235,25 +235,25 @@ void Upload::Check() const {
     account_.Refuse(what_, "the service stored other bytes than were sent");
 }
 
-}  // namespace
-
-class GoogleDrive::Impl {
+class GoogleDriveCloud final : public detail::AccountCloud {
 public:
-    explicit Impl(const std::string& credential)
-        : account({kService, "Bearer", {kApi}, std::string(kOauth) + "/token", &Judge},
-                  credential) {}
+    explicit GoogleDriveCloud(const std::string& credential)
+        : AccountCloud({kService, "Bearer", {kApi}, std::string(kOauth) + "/token", &Judge},
+                       credential) {}
 
-    void Put(const std::string& path, std::istream& in);
+    void Get(const std::string& path, std::ostream& out) override;
+    void List(const std::string& path, std::vector<std::string>& out) override;
+    void Delete(const std::string& path) override;
+    void MkPath(const std::string& path) override;
+    void RmDir(const std::string& path) override;
+
+private:
+    void Store(const std::string& path, std::istream& in) override;
+    void Revoke() override;
     /// All files of this path, the newest first.
     std::vector<Item> Files(const std::string& what, const Names& path);
     /// What is in the folders of this path.
     std::vector<Item> Children(const std::string& what, const Names& path);
-    void MkFolder(const std::string& what, const Names& path) { FolderForNew(what, path); }
-    void RmFolder(const std::string& what, const Names& path);
-
-    detail::Account account;
-
-private:
     std::vector<Item> Search(const std::string& what, const std::string& query);
     std::vector<Item> Named(const std::string& what, const Names& path);
     const std::vector<std::string>& Folders(const std::string& what, const Names& path);
@@ -264,16 +264,16 @@ private:
     std::map<Names, std::vector<std::string>> folders_;  // ids, the oldest first
 };
 
-std::vector<Item> GoogleDrive::Impl::Search(const std::string& what, const std::string& query) {
+std::vector<Item> GoogleDriveCloud::Search(const std::string& what, const std::string& query) {
     const std::string first =
-        account.Url(kFiles) + "?q=" + str::url::Encode(query + " and trashed=false") +
+        account_.Url(kFiles) + "?q=" + str::url::Encode(query + " and trashed=false") +
         "&pageSize=1000&fields=nextPageToken,files(id,name,mimeType,createdTime)";
     std::vector<Item> items;
     detail::Listing ids(kService, what);
     for (std::string token;;) {
         Request request;
         request.url = first + (token.empty() ? "" : "&pageToken=" + str::url::Encode(token));
-        const Json page = account.Ask(what, request);
+        const Json page = account_.Ask(what, request);
         for (const Json& file : page.Items("files")) {
             ids.Add(file.Text("id"));
             items.push_back({file.Text("id"), file.Text("name"), file.TextOrNothing("createdTime"),
@@ -286,8 +286,8 @@ std::vector<Item> GoogleDrive::Impl::Search(const std::string& what, const std::
 }
 
 /// A folder may exist twice, made by two machines at the same time: its files may be in either.
-const std::vector<std::string>& GoogleDrive::Impl::Folders(const std::string& what,
-                                                           const Names& path) {
+const std::vector<std::string>& GoogleDriveCloud::Folders(const std::string& what,
+                                                          const Names& path) {
     static const std::vector<std::string> kRoot = {"root"}, kNone;
     if (path.empty()) return kRoot;
     const auto cached = folders_.find(path);
@@ -303,7 +303,7 @@ const std::vector<std::string>& GoogleDrive::Impl::Folders(const std::string& wh
     return folders_[path] = ids;
 }
 
-std::vector<Item> GoogleDrive::Impl::Named(const std::string& what, const Names& path) {
+std::vector<Item> GoogleDriveCloud::Named(const std::string& what, const Names& path) {
     std::vector<Item> items;
     for (const std::string& parent : Folders(what, detail::Parent(path))) {
         for (Item& item :
@@ -317,7 +317,7 @@ std::vector<Item> GoogleDrive::Impl::Named(const std::string& what, const Names&
 
 /// Ids that were found before may be gone: somebody else has removed the folders and made others.
 template <class Find>
-auto GoogleDrive::Impl::WithFreshIds(const Find& find) {
+auto GoogleDriveCloud::WithFreshIds(const Find& find) {
     if (!folders_.empty()) {
         try {
             auto found = find();
@@ -329,7 +329,7 @@ auto GoogleDrive::Impl::WithFreshIds(const Find& find) {
     return find();
 }
 
-std::vector<Item> GoogleDrive::Impl::Files(const std::string& what, const Names& path) {
+std::vector<Item> GoogleDriveCloud::Files(const std::string& what, const Names& path) {
     return WithFreshIds([&] {
         std::vector<Item> items = Named(what, path);
         items.erase(std::remove_if(items.begin(), items.end(),
@@ -341,7 +341,7 @@ std::vector<Item> GoogleDrive::Impl::Files(const std::string& what, const Names&
     });
 }
 
-std::vector<Item> GoogleDrive::Impl::Children(const std::string& what, const Names& path) {
+std::vector<Item> GoogleDriveCloud::Children(const std::string& what, const Names& path) {
     return WithFreshIds([&] {
         std::vector<Item> items;
         for (const std::string& folder : Folders(what, path)) {
@@ -353,31 +353,25 @@ std::vector<Item> GoogleDrive::Impl::Children(const std::string& what, const Nam
 }
 
 /// The folder where new files of this path go, made with its parents when it is not there.
-std::string GoogleDrive::Impl::FolderForNew(const std::string& what, const Names& path) {
+std::string GoogleDriveCloud::FolderForNew(const std::string& what, const Names& path) {
     const auto& there = Folders(what, path);
     if (!there.empty()) return there.front();
     Request request;
     request.method = "POST";
-    request.url = account.Url(std::string(kFiles) + "?fields=id");
+    request.url = account_.Url(std::string(kFiles) + "?fields=id");
     request.headers = {kJsonType};
     request.body = Metadata(path.back(), FolderForNew(what, detail::Parent(path)),
                             ",\"mimeType\":" + Quoted(kFolderType));
-    std::string id = account.Ask(what, request).Text("id");
+    std::string id = account_.Ask(what, request).Text("id");
     folders_[path] = {id};
     return id;
 }
 
-void GoogleDrive::Impl::RmFolder(const std::string& what, const Names& path) {
-    const std::vector<std::string> ids = WithFreshIds([&] { return Folders(what, path); });
-    for (const std::string& id : ids) Erase(account, what, id);
-    folders_.clear();
-}
-
 /// The new file is complete before the old ones of the same name go.
-void GoogleDrive::Impl::Put(const std::string& path, std::istream& in) {
+void GoogleDriveCloud::Store(const std::string& path, std::istream& in) {
     const std::string what = "put " + Shown(path);
     const Names names = detail::SplitBelowRoot(kService, path);
-    Upload upload(account, what, in);
+    Upload upload(account_, what, in);
     const std::vector<Item> old = Files(what, names);
     WithFreshIds([&] {
         std::string folder = FolderForNew(what, detail::Parent(names));
@@ -387,7 +381,7 @@ void GoogleDrive::Impl::Put(const std::string& path, std::istream& in) {
     upload.Finish();
     for (const Item& item : old) {
         try {
-            Erase(account, what, item.id);
+            Erase(account_, what, item.id);
         } catch (const vel_err::Error& e) {
             // The newest counts; the next Put or Delete of this name takes the old one along.
             logger.Write(4, "%s: the replaced file stays: %s", what, e.what());
@@ -395,65 +389,57 @@ void GoogleDrive::Impl::Put(const std::string& path, std::istream& in) {
     }
 }
 
-GoogleDrive::GoogleDrive(const std::string& credential)
-    : impl_(std::make_unique<Impl>(credential)) {}
-
-GoogleDrive::~GoogleDrive() = default;
-
-void GoogleDrive::Get(const std::string& path, std::ostream& out) {
+void GoogleDriveCloud::Get(const std::string& path, std::ostream& out) {
     const std::string what = "get " + Shown(path);
-    const std::vector<Item> files = impl_->Files(what, detail::SplitBelowRoot(kService, path));
+    const std::vector<Item> files = Files(what, detail::SplitBelowRoot(kService, path));
     if (files.empty()) throw detail::Missing(std::string(kService) + ": " + what);
-    Request request = ById(impl_->account, "GET", files.front().id);
+    Request request = ById(account_, "GET", files.front().id);
     request.url += "?alt=media";
-    impl_->account.Fetch(what, request, out);
+    account_.Fetch(what, request, out);
 }
 
-int GoogleDrive::Put(const std::string& path, std::istream& in, const std::string&) {
-    return detail::StatusOf([&] { impl_->Put(path, in); });
-}
-
-void GoogleDrive::List(const std::string& path, std::vector<std::string>& out) {
+void GoogleDriveCloud::List(const std::string& path, std::vector<std::string>& out) {
     const std::string what = "list " + Shown(path);
     const Names names = detail::SplitNames(kService, path);
     detail::Listing listing(kService, what);
     for (const Item& item :
-         detail::IsFolderPath(path) ? impl_->Children(what, names) : impl_->Files(what, names)) {
+         detail::IsFolderPath(path) ? Children(what, names) : Files(what, names)) {
         listing.Add(item.name);
     }
     out.insert(out.end(), listing.Found().begin(), listing.Found().end());
 }
 
-void GoogleDrive::Delete(const std::string& path) {
+void GoogleDriveCloud::Delete(const std::string& path) {
     const std::string what = "delete " + Shown(path);
-    const std::vector<Item> files = impl_->Files(what, detail::SplitBelowRoot(kService, path));
+    const std::vector<Item> files = Files(what, detail::SplitBelowRoot(kService, path));
     if (files.empty()) throw detail::Missing(std::string(kService) + ": " + what);
-    for (const Item& file : files) Erase(impl_->account, what, file.id);
+    for (const Item& file : files) Erase(account_, what, file.id);
 }
 
-void GoogleDrive::MkPath(const std::string& path) {
-    impl_->MkFolder("make the folder " + Shown(path), detail::SplitNames(kService, path));
+void GoogleDriveCloud::MkPath(const std::string& path) {
+    FolderForNew("make the folder " + Shown(path), detail::SplitNames(kService, path));
 }
 
-void GoogleDrive::RmDir(const std::string& path) {
-    impl_->RmFolder("remove the folder " + Shown(path), detail::SplitBelowRoot(kService, path));
+void GoogleDriveCloud::RmDir(const std::string& path) {
+    const std::string what = "remove the folder " + Shown(path);
+    const Names names = detail::SplitBelowRoot(kService, path);
+    const std::vector<std::string> ids = WithFreshIds([&] { return Folders(what, names); });
+    for (const std::string& id : ids) Erase(account_, what, id);
+    folders_.clear();
 }
 
-void GoogleDrive::DropToken() {
-    detail::Account& account = impl_->account;
-    const std::string refresh = account.Member("refresh_token");
-    const std::string token = refresh.empty() ? account.Member("access_token") : refresh;
-    try {
-        const Response response =
-            account.PostForm(std::string(kOauth) + "/revoke", {{"token", token}});
-        // 400: revoked already.
-        if (!response.Ok() && response.status != 400) account.Refuse("revoke the access", response);
-    } catch (const vel_err::Error& e) {
-        logger.Write(4, "%s: the access could not be revoked: %s", kService, e.what());
-    }
-    account.Forget();
+void GoogleDriveCloud::Revoke() {
+    const std::string refresh = account_.Member("refresh_token");
+    const std::string token = refresh.empty() ? account_.Member("access_token") : refresh;
+    const Response response =
+        account_.PostForm(std::string(kOauth) + "/revoke", {{"token", token}});
+    // 400: revoked already.
+    if (!response.Ok() && response.status != 400) account_.Refuse("revoke the access", response);
 }
 
-std::string GoogleDrive::Credential() const { return impl_->account.Credential(); }
+}  // namespace
+
+GoogleDrive::GoogleDrive(const std::string& credential)
+    : CloudClient(std::make_unique<GoogleDriveCloud>(credential)) {}
 
 }  // namespace vel_rpc

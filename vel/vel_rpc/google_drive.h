@@ -1,7 +1,6 @@
 /// Google Drive, API v3.
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include "vel/vel_rpc/cloud.h"
@@ -10,26 +9,11 @@ namespace vel_rpc {
 
 /// Items have ids and a name may exist twice in a folder: Put replaces by id, Get takes the newest,
 /// Delete removes all of the name. Uploads are resumable, in chunks that are multiples of 256 KiB.
-class GoogleDrive final : public Cloud {
+class GoogleDrive final : public CloudClient {
 public:
     /// `credential`: base64 of JSON {access_token, refresh_token, client_id, client_secret[, api]};
     /// api: another address for all of the provider's hosts.
     explicit GoogleDrive(const std::string& credential);
-    ~GoogleDrive() override;
-
-    void Get(const std::string& path, std::ostream& out) override;
-    int Put(const std::string& path, std::istream& in, const std::string& type) override;
-    void List(const std::string& path, std::vector<std::string>& out) override;
-    void Delete(const std::string& path) override;
-    void MkPath(const std::string& path) override;
-    void RmDir(const std::string& path) override;
-    void DropToken() override;
-    /// The credential with the tokens as they are now: a refresh may bring a new refresh token.
-    std::string Credential() const;
-
-private:
-    class Impl;
-    std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace vel_rpc

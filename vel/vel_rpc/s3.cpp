@@ -1,9 +1,8 @@
 #include "vel/vel_rpc/s3.h"
 
-#include <ctime>
-
 #include "vel/str.h"
 #include "vel/vel_err.h"
+#include "vel/vel_rpc/detail/cloud_parts.h"
 #include "vel/vel_rpc/detail/s3_bucket.h"
 #include "vel/vel_rpc/detail/s3_upload.h"
 
@@ -16,7 +15,6 @@ using detail::S3Bucket;
 constexpr int kPage = 1000;
 constexpr std::size_t kMaxNames = 2'000'000;
 constexpr int kMaxIdlePages = 100;  // in a row, with nothing on them
-constexpr int kSecondsAnHour = 3600;
 
 [[noreturn]] void Refuse(const std::string& what, const std::string& why) {
     throw vel_err::Error("storage", "refused", "S3: " + what + ": " + why);
@@ -71,30 +69,28 @@ void ForPages(S3Bucket& bucket, const std::string& prefix, const std::string& de
     } while (!from.empty());
 }
 
-std::time_t TimeOf(const std::string& iso) {
-    std::tm parts{};
-    if (!::strptime(iso.c_str(), "%Y-%m-%dT%H:%M:%S", &parts))
-        Refuse("list uploads", "not a time: '" + iso + "'");
-    return ::timegm(&parts);
-}
-
-}  // namespace
-
-class S3::Impl {
+class S3Cloud final : public Cloud {
 public:
-    explicit Impl(const std::string& credential) : bucket(credential) {}
-    S3Bucket bucket;
+    explicit S3Cloud(const std::string& credential) : bucket_(credential) {}
+
+    void Get(const std::string& path, std::ostream& out) override;
+    int Put(const std::string& path, std::istream& in, const std::string& type) override;
+    void List(const std::string& path, std::vector<std::string>& out) override;
+    void Delete(const std::string& path) override;
+    void MkPath(const std::string& path) override;
+    void RmDir(const std::string& path) override;
+    void DropToken() override;
+    int AbortStale(const std::string& path, int hours) override;
+
+private:
+    S3Bucket bucket_;
 };
 
-S3::S3(const std::string& credential) : impl_(std::make_unique<Impl>(credential)) {}
+void S3Cloud::Get(const std::string& path, std::ostream& out) { bucket_.Get(KeyOf(path), out); }
 
-S3::~S3() = default;
-
-void S3::Get(const std::string& path, std::ostream& out) { impl_->bucket.Get(KeyOf(path), out); }
-
-int S3::Put(const std::string& path, std::istream& in, const std::string&) {
+int S3Cloud::Put(const std::string& path, std::istream& in, const std::string&) {
     try {
-        detail::S3Upload(impl_->bucket, KeyOf(path), in).Run();
+        detail::S3Upload(bucket_, KeyOf(path), in).Run();
         return 201;
     } catch (const vel_err::Error& e) {
         if (e.type() == "unauthorized") return 401;
@@ -103,17 +99,17 @@ int S3::Put(const std::string& path, std::istream& in, const std::string&) {
     }
 }
 
-void S3::List(const std::string& path, std::vector<std::string>& out) {
+void S3Cloud::List(const std::string& path, std::vector<std::string>& out) {
     const std::string key = KeyOf(path);
     if (!key.empty() && key.back() != '/') {
         // The key itself is the first of all that begin with it.
-        const S3Bucket::Page page = impl_->bucket.List(key, "", 1, "");
+        const S3Bucket::Page page = bucket_.List(key, "", 1, "");
         if (!page.keys.empty() && page.keys.front() == key)
             out.push_back(key.substr(key.rfind('/') + 1));
         return;
     }
     std::vector<std::string> names;
-    ForPages(impl_->bucket, key, "/", [&](const S3Bucket::Page& page) {
+    ForPages(bucket_, key, "/", [&](const S3Bucket::Page& page) {
         for (const std::string& found : page.keys) {
             if (found != key) names.push_back(NameIn(key, found));  // a mark of the folder itself
         }
@@ -125,37 +121,41 @@ void S3::List(const std::string& path, std::vector<std::string>& out) {
     out.insert(out.end(), names.begin(), names.end());
 }
 
-void S3::Delete(const std::string& path) { impl_->bucket.Delete(KeyOf(path)); }
+void S3Cloud::Delete(const std::string& path) { bucket_.Delete(KeyOf(path)); }
 
-void S3::MkPath(const std::string&) {}  // keys need no folders
+void S3Cloud::MkPath(const std::string&) {}  // keys need no folders
 
-void S3::RmDir(const std::string& path) {
+void S3Cloud::RmDir(const std::string& path) {
     const std::string prefix = KeyOf(path + "/");
     if (prefix.empty()) Refuse("remove '/'", "this is all that the bucket holds");
-    ForPages(impl_->bucket, prefix, "", [&](const S3Bucket::Page& page) {
+    ForPages(bucket_, prefix, "", [&](const S3Bucket::Page& page) {
         for (const std::string& key : page.keys) RequireBelow(prefix, key);
-        if (!page.keys.empty()) impl_->bucket.DeleteMany(page.keys);
+        if (!page.keys.empty()) bucket_.DeleteMany(page.keys);
     });
 }
 
-void S3::DropToken() { impl_->bucket.Forget(); }
+void S3Cloud::DropToken() { bucket_.Forget(); }
 
-int S3::AbortStale(const std::string& path, int hours) {
-    const std::time_t limit = std::time(nullptr) - std::time_t{hours} * kSecondsAnHour;
+int S3Cloud::AbortStale(const std::string& path, int hours) {
+    const std::time_t limit = detail::HoursAgo(hours);
     const std::string prefix = KeyOf(path);
     int aborted = 0;
     Pages pages("list uploads below '" + prefix + "'");
     S3Bucket::UploadsPage page;
     do {
-        page = impl_->bucket.ListUploads(prefix, page);
+        page = bucket_.ListUploads(prefix, page);
         pages.Count(page.uploads.size());
         for (const S3Bucket::Unfinished& upload : page.uploads) {
             RequireBelow(prefix, upload.key);
-            if (TimeOf(upload.began) > limit) continue;
-            aborted += impl_->bucket.AbortUpload(upload.key, upload.id) ? 1 : 0;
+            if (detail::TimeOf("S3", "list uploads", upload.began) > limit) continue;
+            aborted += bucket_.AbortUpload(upload.key, upload.id) ? 1 : 0;
         }
     } while (!page.next_key.empty());
     return aborted;
 }
+
+}  // namespace
+
+S3::S3(const std::string& credential) : CloudClient(std::make_unique<S3Cloud>(credential)) {}
 
 }  // namespace vel_rpc

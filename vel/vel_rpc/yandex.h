@@ -1,7 +1,6 @@
 /// Yandex Disk, REST API v1.
 #pragma once
 
-#include <memory>
 #include <string>
 
 #include "vel/vel_rpc/cloud.h"
@@ -11,26 +10,11 @@ namespace vel_rpc {
 /// Archives are slowed down by the service when their name says so: a file is uploaded under a name
 /// without its extension and then moved. Deletes are permanent; asynchronous operations are waited
 /// for.
-class Yandex final : public Cloud {
+class Yandex final : public CloudClient {
 public:
     /// `credential`: base64 of JSON {access_token, refresh_token, client_id, client_secret[, api]};
     /// api: another address for all of the provider's hosts.
     explicit Yandex(const std::string& credential);
-    ~Yandex() override;
-
-    void Get(const std::string& path, std::ostream& out) override;
-    int Put(const std::string& path, std::istream& in, const std::string& type) override;
-    void List(const std::string& path, std::vector<std::string>& out) override;
-    void Delete(const std::string& path) override;
-    void MkPath(const std::string& path) override;
-    void RmDir(const std::string& path) override;
-    void DropToken() override;
-    /// The credential with the tokens as they are now: a refresh may bring a new refresh token.
-    std::string Credential() const;
-
-private:
-    class Impl;
-    std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace vel_rpc

@@ -1,5 +1,7 @@
 #include "vel/vel_rpc/detail/cloud_parts.h"
 
+#include <cstring>
+
 #include "vel/str.h"
 #include "vel/vel_err.h"
 #include "vel/vel_rpc/detail/json.h"
@@ -58,18 +60,35 @@ std::string Shown(const std::string& path) {
 
 bool IsFolderPath(const std::string& path) { return path.empty() || path.back() == '/'; }
 
-void Listing::Add(const std::string& name) {
+bool Listing::Add(const std::string& name) {
     const bool bare = !name.empty() && name != "." && name != ".." &&
                       name.find_first_of(std::string("/\0", 2)) == std::string::npos;
     if (!bare) Refuse(what_ + ": the service lists a name that is none: \"" + Shown(name) + "\"");
-    names_.insert(name);
+    const bool is_new = names_.insert(name).second;
     if (names_.size() > kMaxNames) Refuse(what_ + ": the listing is too long");
+    return is_new;
 }
 
 void Listing::TurnPage() {
     idle_pages_ = names_.size() == names_before_ ? idle_pages_ + 1 : 0;
     names_before_ = names_.size();
     if (idle_pages_ > kMaxIdlePages) Refuse(what_ + ": the listing does not end");
+}
+
+std::time_t TimeOf(const std::string& service, const std::string& what, const std::string& iso) {
+    std::tm parts{};
+    const char* rest = ::strptime(iso.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    if (rest && *rest == '.') rest += 1 + std::strspn(rest + 1, "0123456789");
+    if (rest && *rest != '\0') rest = ::strptime(rest, "%z", &parts);
+    if (!rest || *rest != '\0')
+        Refuse(service + ": " + what + ": not a time: \"" + Shown(iso) + '"');
+    const long ahead = parts.tm_gmtoff;
+    return ::timegm(&parts) - ahead;
+}
+
+std::time_t HoursAgo(int hours) {
+    constexpr int kSecondsAnHour = 3600;
+    return std::time(nullptr) - std::time_t{hours} * kSecondsAnHour;
 }
 
 void ReadChunk(std::istream& in, std::string& chunk) {

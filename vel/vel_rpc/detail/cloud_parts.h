@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 #include <istream>
 #include <set>
 #include <string>
@@ -30,8 +31,8 @@ public:
     /// Both are for messages: "Dropbox", "list /a".
     Listing(const std::string& service, const std::string& what) : what_(service + ": " + what) {}
     /// Both throw vel_err::Error("storage", "refused"): for a name that is no bare name, and when
-    /// the listing does not end within reason.
-    void Add(const std::string& name);
+    /// the listing does not end within reason. Add: false for a name that came before.
+    bool Add(const std::string& name);
     void TurnPage();
     void Clear() { names_.clear(); }
     const std::set<std::string>& Found() const { return names_; }
@@ -42,6 +43,12 @@ private:
     std::size_t names_before_ = 0;  // that the last page with news ended with
     int idle_pages_ = 0;
 };
+
+/// Of "2024-01-31T12:00:00.5+03:00"; without a zone it is UTC. Throws vel_err::Error("storage",
+/// "refused") for anything else.
+std::time_t TimeOf(const std::string& service, const std::string& what, const std::string& iso);
+/// The time that many hours ago; -1: not yet here, as servers round up.
+std::time_t HoursAgo(int hours);
 
 /// Reads into `chunk` until it holds kChunkSize bytes or the stream ends. A stream that breaks
 /// throws vel_err::Error("file", "read_failed"): its part must not count as the whole.

@@ -32,19 +32,6 @@ struct NoRoom : vel_err::Error {
     explicit NoRoom(const std::string& what) : Error("storage", "refused", what) {}
 };
 
-/// The status of a Put whose work is `upload`: 201, 401 or 507; what else it throws passes.
-template <class Upload>
-int StatusOf(const Upload& upload) {
-    try {
-        upload();
-        return 201;
-    } catch (const Unauthorized&) {
-        return 401;
-    } catch (const NoRoom&) {
-        return 507;
-    }
-}
-
 /// The pauses between attempts, or between questions whether something is done: 1, 2, 4 s and then
 /// always 8 s (times BACKUP2_RETRY_MS/1000), or what the server asks for.
 class Patience {
