@@ -24,6 +24,8 @@ namespace {
 
 constexpr std::size_t kMaxSize = std::size_t{512} << 20;
 constexpr int kMaxDepth = 256;
+constexpr std::size_t kMaxAttributes = 10'000;  // of one element
+constexpr std::size_t kMaxAsides = 100'000;     // comments and processing instructions
 
 // Line breaks and tabs in attributes are kept (no parse_wconv_attribute): they are bytes of names.
 constexpr unsigned kParse =
@@ -104,6 +106,64 @@ void CheckName(const std::string& name) {
     if (!good) throw vel_err::Error("xml", "bad_name", name);
 }
 
+// ---- Before parsing -----------------------------------------------------------------------------
+
+/// Goes through the tags of a text and no more: what would grow into too big a tree is refused
+/// before any of it is built. A text that is no document passes, the parser refuses that.
+class Skimmer {
+public:
+    explicit Skimmer(std::string_view text) : text_(text) {}
+    void Run() {
+        while ((at_ = text_.find('<', at_)) != std::string_view::npos) SkipMarkup();
+    }
+
+private:
+    void SkipMarkup();
+    void SkipElement();
+    bool Skip(std::string_view begin, std::string_view end);
+    void CountAside() {
+        if (++asides_ > kMaxAsides) Refuse("over 100000 comments and processing instructions");
+    }
+
+    std::string_view text_;
+    std::size_t at_ = 0, asides_ = 0;
+    int depth_ = 0;
+};
+
+/// True when `begin` stands here; then goes behind the next `end`.
+bool Skimmer::Skip(std::string_view begin, std::string_view end) {
+    if (text_.compare(at_, begin.size(), begin) != 0) return false;
+    const std::size_t found = text_.find(end, at_ + begin.size());
+    at_ = found == std::string_view::npos ? text_.size() : found + end.size();
+    return true;
+}
+
+void Skimmer::SkipMarkup() {
+    if (Skip("<!--", "-->") || Skip("<?", "?>")) return CountAside();
+    if (Skip("<![CDATA[", "]]>")) return;
+    if (Skip("<!", ">")) Refuse("a document type is not accepted");
+    if (Skip("</", ">")) {
+        --depth_;
+    } else {
+        SkipElement();
+    }
+}
+
+void Skimmer::SkipElement() {
+    constexpr std::string_view kStops = "\"'>";
+    std::size_t attributes = 0;
+    while ((at_ = text_.find_first_of(kStops, at_)) != std::string_view::npos) {
+        const char stop = text_[at_++];
+        if (stop == '>') break;
+        if (++attributes > kMaxAttributes) Refuse("over 10000 attributes in one element");
+        at_ = text_.find(stop, at_);
+        if (at_ == std::string_view::npos) return;
+        ++at_;
+    }
+    if (at_ == std::string_view::npos || text_[at_ - 2] == '/') return;
+    if (++depth_ > kMaxDepth) Refuse("over 256 levels deep");
+}
+
 // ---- Parsing ------------------------------------------------------------------------------------
 
 /// Cleans what came from outside, and refuses what is too deep for those who will walk it.
@@ -168,6 +228,7 @@ std::shared_ptr<Tree> Parse(const std::string& text) {
     // Usually one look at the bytes is enough: only a reference can bring in what is not there.
     const bool clean = FirstBad(text) == text.size() && text.find("&#") == std::string::npos;
     if (!clean && text.find('\0') != std::string::npos) Refuse("a NUL byte");
+    if (text.size() > kStrangersLimit) Skimmer(text).Run();  // a smaller one cannot grow too big
     auto tree = std::make_shared<Tree>();
     const pugi::xml_parse_result result =
         tree->doc.load_buffer(text.data(), text.size(), kParse, pugi::encoding_utf8);
@@ -332,6 +393,11 @@ Xml Xml::FromString(const std::string& text) {
     Xml xml;
     xml.tree_ = Parse(text);
     return xml;
+}
+
+Xml Xml::FromStranger(const std::string& text) {
+    if (text.size() > kStrangersLimit) Refuse("over 1 MiB");
+    return FromString(text);
 }
 
 void Xml::LoadFromFile(const std::string& path) {

@@ -1,6 +1,7 @@
 /// XML documents. Copies of a document and its nodes share one tree, which lives as long as any
-/// of them. Documents with a DOCTYPE, over 256 levels deep or (parsed from outside) over 512 MiB
-/// are refused: vel_err::Error("xml", "parse_failed", reason).
+/// of them. Refused with vel_err::Error("xml", "parse_failed", reason), before much memory is
+/// taken: a DOCTYPE, over 256 levels, 10000 attributes in one element, 100000 comments and
+/// processing instructions, 512 MiB. What a stranger sends has a limit of its own (FromStranger).
 #pragma once
 
 #include <cstddef>
@@ -43,6 +44,9 @@ private:
     void* node_ = nullptr;
 };
 
+/// Bytes of a stranger's document: whatever stands in them, the tree takes less than 32 MiB.
+inline constexpr std::size_t kStrangersLimit = std::size_t{1} << 20;
+
 class XmlNodes {
 public:
     auto begin() const { return nodes_.begin(); }
@@ -60,6 +64,8 @@ public:
     Xml();  ///< <doc/>
     explicit Xml(std::istream& in);
     static Xml FromString(const std::string& text);
+    /// For texts from other machines: over kStrangersLimit is refused as well.
+    static Xml FromStranger(const std::string& text);
     void LoadFromFile(const std::string& path);  ///< as vel_file::ReadE reads
     void Load(std::istream& in);
 
