@@ -2,9 +2,11 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <sstream>
 
 #include <curl/curl.h>
 
@@ -13,6 +15,7 @@
 #include "vel/vel_err.h"
 #include "vel/vel_log.h"
 #include "vel/vel_proc.h"
+#include "vel/vel_rpc/fetch_file.h"
 
 namespace vel_client {
 namespace {
@@ -23,6 +26,7 @@ constexpr std::size_t kMaxAnswer = std::size_t{64} << 20;
 constexpr long kConnectTimeoutMs = 10'000;
 constexpr long kAnswerTimeoutMs = 600'000;  // a panel that collects a big user's data is slow
 constexpr int kLockWaitSeconds = 600;
+constexpr long kRemoteSeconds = kAnswerTimeoutMs / 1000;
 
 struct CurlFree {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
@@ -173,6 +177,31 @@ Result Local::Ask(std::string request, const std::vector<std::string>& values) {
         }
         logger.Write(6, "Panel '%s' is locked, asking again", panel_);
         vel_proc::Sleep(1000);
+    }
+}
+
+void Remote::AddParam(const std::string& name, const std::string& value) {
+    const auto same = [&name](const auto& param) { return param.first == name; };
+    params_.erase(std::remove_if(params_.begin(), params_.end(), same), params_.end());
+    params_.emplace_back(name, value);
+}
+
+vel_xml::Xml Remote::Query(const std::string& request) {
+    std::string form = request;
+    for (const auto& [name, value] : params_)
+        str::Append(form, str::url::Encode(name) + "=" + str::url::Encode(value), "&");
+    vel_rpc::HttpQuery http;
+    http.AcceptAnyResponse();
+    http.SetMaxSize(vel_xml::kStrangersLimit);
+    http.SetTimeout(kRemoteSeconds);
+    std::ostringstream answer;
+    http.Post(url_, form, answer);
+    try {
+        return vel_xml::Xml::FromStranger(answer.str());
+    } catch (const vel_err::Error&) {
+        std::string host = url_;
+        str::GetWord(host, "://");
+        BadAnswer(str::GetWord(host, '/'), "not an XML document");
     }
 }
 

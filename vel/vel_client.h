@@ -3,6 +3,7 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "vel/vel_xml.h"
@@ -48,6 +49,24 @@ private:
     Result Ask(std::string request, const std::vector<std::string>& values);
     std::string panel_, name_;
     bool wait_locked_ = false;
+};
+
+/// A panel anywhere, by its address (http or https; vel_rpc::TrustPanels says whose certificates
+/// count). The request and its parameters travel as a form in the POST body, never in the URL.
+class Remote {
+public:
+    explicit Remote(std::string url) : url_(std::move(url)) {}
+    void AddParam(const std::string& name, const std::string& value);  ///< of equal names the last
+    void ClearParams() { params_.clear(); }
+    /// Gives whatever document came, also one that tells of an error and under whatever HTTP
+    /// status. Throws vel_err::Error("network", host, reason) when none came within ten minutes,
+    /// "storage" for one over 1 MiB, ("panel", "bad_answer", host: ...) for what is none. No error
+    /// holds anything of the request or the answer.
+    vel_xml::Xml Query(const std::string& request);
+
+private:
+    std::string url_;
+    std::vector<std::pair<std::string, std::string>> params_;  // in the order of their coming
 };
 
 }  // namespace vel_client

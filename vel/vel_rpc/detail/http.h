@@ -29,6 +29,9 @@ struct Request {
     std::optional<uint64_t> max_answer;  ///< a longer body for the sink throws "storage", "refused"
     /// Sign with AWS Signature Version 4: "aws:amz:<region>:s3", and the two keys.
     std::string sigv4, access_key, secret_key;
+    std::string ca_file;           ///< whose certificates count, instead of BACKUP2_CA_FILE
+    bool any_certificate = false;  ///< the server's certificate proves nothing
+    long limit_seconds = 0;        ///< of the whole exchange, in place of the limit of silence
 };
 
 struct Response {

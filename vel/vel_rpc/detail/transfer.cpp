@@ -116,6 +116,7 @@ private:
     template <class Value>
     void Set(CURLoption option, Value value);
     void SetLimits();
+    void SetTrust();
     void SetHeaders();
     void SetBody();
     void SetSigning();
@@ -167,6 +168,7 @@ void Transfer::State::Prepare(const Request& request) {
     reason_[0] = '\0';
     Set(CURLOPT_URL, request.url.c_str());
     SetLimits();
+    SetTrust();
     SetHeaders();
     SetBody();
     SetSigning();
@@ -184,8 +186,8 @@ void Transfer::State::SetLimits() {
     Set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
     Set(CURLOPT_BUFFERSIZE, kBufferBytes);
     Set(CURLOPT_ERRORBUFFER, static_cast<char*>(reason_));
-    const std::string ca = vel_env::GetEnv("BACKUP2_CA_FILE");
-    if (!ca.empty()) Set(CURLOPT_CAINFO, ca.c_str());
+    Set(CURLOPT_TIMEOUT, request_->limit_seconds);
+    Set(CURLOPT_TCP_KEEPALIVE, 1L);
     Set(CURLOPT_NOPROGRESS, 0L);
     Set(CURLOPT_XFERINFOFUNCTION, &OnProgress);
     Set(CURLOPT_XFERINFODATA, this);
@@ -193,6 +195,15 @@ void Transfer::State::SetLimits() {
     Set(CURLOPT_WRITEDATA, this);
     Set(CURLOPT_HEADERFUNCTION, &OnHeader);
     Set(CURLOPT_HEADERDATA, this);
+}
+
+void Transfer::State::SetTrust() {
+    const std::string& own = request_->ca_file;
+    const std::string ca = own.empty() ? vel_env::GetEnv("BACKUP2_CA_FILE") : own;
+    if (!ca.empty()) Set(CURLOPT_CAINFO, ca.c_str());
+    if (!request_->any_certificate) return;
+    Set(CURLOPT_SSL_VERIFYPEER, 0L);
+    Set(CURLOPT_SSL_VERIFYHOST, 0L);
 }
 
 void Transfer::State::SetHeaders() {
@@ -370,6 +381,7 @@ int Transfer::State::OnSeek(void* self, curl_off_t offset, int origin) {
 int Transfer::State::OnProgress(void* self, curl_off_t, curl_off_t down, curl_off_t,
                                 curl_off_t up) {
     auto& state = *static_cast<State*>(self);
+    if (state.request_->limit_seconds > 0) return 0;
     return state.stall_.Over(down + up, state.IsInBody(up)) ? 1 : 0;
 }
 
