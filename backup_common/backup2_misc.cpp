@@ -4,18 +4,27 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <iterator>
+#include <optional>
+#include <regex>
+#include <sstream>
 #include <stdexcept>
 
 #include "vel/str.h"
 #include "vel/test.h"
+#include "vel/vel_client.h"
+#include "vel/vel_date.h"
 #include "vel/vel_env.h"
 #include "vel/vel_err.h"
 #include "vel/vel_log.h"
 #include "vel/vel_proc.h"
+#include "vel/vel_rpc/fetch_file.h"
 #include "vel/vel_user.h"
 
+#include "backup_common/backup2_qortar.h"
 #include "backup_common/backup2_storage.h"
 
 namespace backup2 {
@@ -27,6 +36,8 @@ constexpr char kSourceFile[] = "backup2_misc.cpp";
 // Part of the trace line's format, so that it stays what log readers look for.
 constexpr char kTraceFile[] = "backup2_misc";
 constexpr int kTraceLinkLine = 112;
+constexpr int kTraceUidLine = 318;
+constexpr int kTraceRemovedLine = 322;
 
 constexpr char kCodeSeparator[] = "||";
 constexpr char kTreePrefix[] = "t_";
@@ -420,6 +431,250 @@ void DelBackupOnError(const std::string& dir, const std::string& name, const std
         // The backup's own failure is what the caller reports; this one must not take its place.
         logger.Write(4, "Cant delete error backup. Code: %d. Str: %s", -1, e.what());
     }
+}
+
+// ---- Panels and their answers -------------------------------------------------------------------
+
+namespace {
+
+constexpr std::size_t kKeyBytes = 16;
+constexpr char kDownload[] = "/velcgi/backup2_download";
+constexpr std::size_t kMaxCheckAnswer = 1024;
+constexpr long kCheckSeconds = 86400;
+
+/// A panel that does not know the question answers something else.
+void LogStatus(std::istream& answer) try {
+    const vel_xml::XmlNode status = vel_xml::Xml(answer).GetNode("/doc/status");
+    if (!status) throw vel_err::Error("xml", "no_status");
+    if (status.Str() != "ok") logger.Write(4, "Remote call cgi return error: '%s'", status.Str());
+} catch (const std::exception&) {
+    logger.Write(4, "Remote panel has old version");
+}
+
+/// Only for the log: the download itself tells whether it can be had.
+void CheckDownload(const std::string& address, const std::string& session) try {
+    vel_rpc::HttpQuery query;
+    query.SetMaxSize(kMaxCheckAnswer);
+    query.SetTimeout(kCheckSeconds);
+    query.AcceptAnyResponse();
+    std::stringstream answer;
+    query.Post(address, "nodownload=on&auth=" + str::url::Encode(session), answer);
+    LogStatus(answer);
+} catch (const std::exception& e) {
+    logger.Write(4, "Remote call cgi failed: '%s'", e.what());
+}
+
+/// Scheme and host of a panel's address.
+std::string BaseOf(std::string url) {
+    const std::string scheme = str::GetWord(url, "://");
+    return scheme + "://" + str::GetWord(url, '/');
+}
+
+}  // namespace
+
+std::string Authorize(const std::string& url, const std::string& admin, std::string password,
+                      const std::string& user) {
+    vel_client::Remote panel(url);
+    panel.AddParam("username", admin);
+    panel.AddParam("password", password);
+    const vel_xml::XmlNode admin_auth = panel.Query("func=auth").GetNode("/doc/auth[@id]");
+    if (!admin_auth) {
+        logger.Write(4, "Cant authorize admin: '%s'", admin);
+        return "";
+    }
+    panel.ClearParams();
+    panel.AddParam("auth", admin_auth.GetProp("id"));
+    panel.AddParam("username", user);
+    panel.AddParam("key", str::hex::Encode(str::Random(kKeyBytes)));
+    if (!panel.Query("func=session.newkey").GetNode("/doc/ok")) {
+        logger.Write(4, "Cant authorize user: '%s'", user);
+        return "";
+    }
+    panel.AddParam("checkcookie", "no");
+    const vel_xml::XmlNode user_auth = panel.Query("func=auth").GetNode("/doc/auth[@id]");
+    if (!user_auth) logger.Write(4, "User auth node empty");
+    return user_auth.GetProp("id");
+}
+
+std::string DecorateAnswer(const std::string& result) {
+    const vel_xml::Xml answer;
+    answer.GetRoot().AppendChild("status", result == "ok" ? result : "ERR " + result);
+    return answer.Str(true);
+}
+
+void CheckPassword(const BackupToken& token, const std::string& user, const std::string& name,
+                   bool own) {
+    const std::string dir =
+        own ? vel_file::ConcatPath("var/backup/qorvel.private", user) : "var/backup/qorvel";
+    const auto info = GetInfo(GetInfoFile(dir, user, name));
+    const auto hash = info.find("key_hash");
+    if (hash != info.end() && hash->second != token.Hash())
+        throw vel_err::Error("backup2_invalid_password");
+}
+
+std::map<std::string, std::string> FillDownloadError(const std::string& what) {
+    logger.Write(8, "%s what = '%s'", "FillDownloadError", what);
+    const bool password = what == vel_err::Error("backup2_invalid_password").what();
+    return {{"func", "backup2.download"},
+            {"sok", "ok"},
+            {"out", "html"},
+            {"error_type", password ? "backup2_invalid_password" : "backup2_create_download"}};
+}
+
+bool FetchRemoteManager(const std::string& url, const std::string& admin, std::string password,
+                        const std::string& user, const std::string& path) {
+    const std::string checked = Authorize(url, admin, password, user);
+    if (checked.empty()) return false;
+    const std::string address = BaseOf(url) + kDownload;
+    CheckDownload(address, checked);
+    const std::string session = Authorize(url, admin, password, user);
+    if (session.empty()) return false;
+    if (!vel_rpc::FetchFile(address + "?auth=" + session, path, 0))
+        throw vel_err::Error("backup2_admin_import", "fetch_failed", url);
+    return true;
+}
+
+// ---- Restore reports ----------------------------------------------------------------------------
+
+namespace {
+
+/// The report as it is to be continued.
+vel_xml::Xml OpenReport(const std::string& report) {
+    vel_xml::Xml xml;
+    const std::string path = GetReportFile(report);
+    if (vel_file::Exists(path)) xml.LoadFromFile(path);
+    if (xml.GetRoot().GetProp("viewed") == "yes") {
+        xml.GetRoot().DropProp("viewed");
+        xml.RemoveNodes("/doc/*");
+    }
+    return xml;
+}
+
+vel_xml::XmlNode AddEvent(const vel_xml::Xml& xml, const std::string& name,
+                          const std::string& owner, const std::string& type) {
+    return xml.GetRoot()
+        .AppendChild("elem")
+        .SetProp("date", vel_date::DateTime().AsDateTime())
+        .SetProp("name", name)
+        .SetProp("owner", owner)
+        .SetProp("type", type);
+}
+
+/// The parser takes an ampersand that begins nothing for itself; in a document it may not stand.
+bool HasStrayAmpersand(const std::string& text) {
+    static const std::regex reference("^&(lt|gt|amp|quot|apos|#[0-9]{1,7}|#x[0-9A-Fa-f]{1,6});");
+    constexpr std::ptrdiff_t kLongest = 10;
+    for (auto at = std::find(text.begin(), text.end(), '&'); at != text.end();
+         at = std::find(at + 1, text.end(), '&')) {
+        const auto end = at + std::min(kLongest, text.end() - at);
+        if (!std::regex_search(at, end, reference)) return true;
+    }
+    return false;
+}
+
+/// The text as it reads when it is taken for markup; nothing when it is none.
+std::optional<std::string> ParseMarkup(const std::string& text) try {
+    if (HasStrayAmpersand(text)) return std::nullopt;
+    const std::string head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+    return vel_xml::Xml::FromString(head + "<doc>" + text + "</doc>").GetNode("/doc").Str();
+} catch (const vel_err::Error&) {
+    return std::nullopt;
+}
+
+/// Words of the restoring programs that name no file.
+bool NamesNoFile(const std::string& line) {
+    static const char* const kWords[] = {"data/mod-tmp", "Fail to decode", "scp failed",
+                                         "std::exception"};
+    return std::find(std::begin(kWords), std::end(kWords), line) != std::end(kWords);
+}
+
+void AddFiles(const vel_xml::Xml& xml, const std::string& owner, std::string lines) {
+    while (!lines.empty()) {
+        const std::string line = str::GetWord(lines, '\n');
+        if (!NamesNoFile(line)) AddEvent(xml, vel_file::SplitPath(line).tail, owner, "file");
+    }
+}
+
+}  // namespace
+
+void SaveDataReport(const std::string& name, const std::string& owner, const std::string& report,
+                    const std::string& type, const vel_xml::Xml& answer) {
+    const vel_xml::Xml xml = OpenReport(report);
+    const vel_xml::XmlNode error = answer.GetNode("/doc/error");
+    if (!error) return;
+    AddEvent(xml, name, owner, type).AppendChild(error);
+    xml.Save(GetReportFile(report), false);
+}
+
+void SaveFileReport(const std::string& owner, const std::string& report, const std::string& output,
+                    int code) {
+    const vel_xml::Xml xml = OpenReport(report);
+    const std::string clean = ReplaceBadChars(output);
+    const std::optional<std::string> markup = ParseMarkup(clean);
+    const std::string parsed = markup.value_or(clean);
+    if (clean != output || markup != clean) xml.GetRoot().SetProp("badchars", "yes");
+    if (output.find("Database") != std::string::npos) {
+        AddEvent(xml, parsed, owner, "db").SetProp("code", str::Str(code));
+    } else if (code != 0) {
+        AddEvent(xml, parsed, owner, "get_data").SetProp("code", str::Str(code));
+    } else {
+        AddFiles(xml, owner, parsed);
+    }
+    xml.Save(GetReportFile(report), false);
+}
+
+void FinalizeReport(const std::string& report, const std::string& type) {
+    const std::string path = GetReportFile(report);
+    if (!vel_file::Exists(path)) return;
+    vel_xml::Xml xml;
+    xml.LoadFromFile(path);
+    xml.GetRoot().SetProp("finalized", "yes").SetProp("type", type);
+    xml.Save(path, false);
+}
+
+// ---- Backups that nobody needs any more ---------------------------------------------------------
+
+namespace {
+
+vel_proc::Execute DeletionOf(const std::string& info_file) {
+    return vel_proc::Execute("sbin/backup2_cp --delete " + vel_proc::Escape(info_file) + " --force",
+                             0);
+}
+
+}  // namespace
+
+void CheckDeletedUser(const std::string& user, const std::string& name, const std::string& uid) {
+    if (user == "root") return;
+    vel_client::Local panel("qorvel", "backup2");
+    panel.WaitLocked(true);
+    std::string current;
+    try {
+        current = panel.Query("func=user.edit&elid=" + str::url::Encode(user)).value("uid");
+    } catch (const vel_err::Error& e) {
+        if (e.type() != "missed") throw;
+    }
+    if (current == uid) return;
+    logger.Write(9, "%s:%d User uid mismatch. Initial uid: %s. Current: %s", kSourceFile,
+                 kTraceUidLine, uid, current);
+    const std::string local_dir = panel.Query("func=backup2.settings").value("local_dir");
+    vel_proc::Execute copy_tool = DeletionOf(GetInfoFile(local_dir, user, name));
+    copy_tool.UnsetEnv("BACKUP_TOKEN");  // the storage is the one that the panel's settings name
+    logger.Write(9, "%s:%d Delete backup for removed user %s", kSourceFile, kTraceRemovedLine,
+                 user);
+    const std::string output = copy_tool.Str();
+    if (const int code = copy_tool.Result(); code != 0)
+        logger.Write(4, "Cant delete backup for removed user %d. Output: %s", code, output);
+}
+
+void DeleteAfterImport(const Settings& settings, const std::string& user, const std::string& name) {
+    const std::string info_file = GetInfoFile(settings.local_dir(), user, name);
+    logger.Write(5, "Backup is disabled. Delete backup after import %s", info_file);
+    const BackupToken token(settings.params().GetNode("/doc/storage").Str());
+    vel_proc::Execute copy_tool = DeletionOf(info_file);
+    copy_tool.SetEnv("BACKUP_TOKEN", token.Str());
+    const std::string output = copy_tool.Str();
+    if (const int code = copy_tool.Result(); code != 0)
+        logger.Write(4, "Cant delete backup after import. %d. Output: %s", code, output);
 }
 
 // ---- External converters ------------------------------------------------------------------------

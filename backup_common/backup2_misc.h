@@ -8,12 +8,14 @@
 #include <vector>
 
 #include "vel/vel_file.h"
+#include "vel/vel_xml.h"
 
 #include "backup_common/export.h"
 
 namespace backup2 {
 
 class BackupToken;
+class Settings;
 
 // ---- File-name encodings ------------------------------------------------------------------------
 
@@ -125,6 +127,65 @@ BACKUP2_EXPORT void GetInfoFiles(std::list<std::string>& out, const std::string&
 /// Removes a failed backup through the copy tool; a failure is only logged.
 BACKUP2_EXPORT void DelBackupOnError(const std::string& dir, const std::string& name,
                                      const std::string& date);
+
+// ---- Panels and their answers -------------------------------------------------------------------
+
+/// Opens a session of `user` on the panel at `url`, logging in as its administrator. Gives the
+/// session's id, "" when the panel refuses a step (which one is logged at level 4, without a
+/// secret). Throws vel_client::Remote's errors when the panel cannot be asked.
+BACKUP2_EXPORT std::string Authorize(const std::string& url, const std::string& admin,
+                                     std::string password, const std::string& user);
+/// The answer that the panel expects from the backup tools: a document whose /doc/status is "ok",
+/// or "ERR " and the result.
+BACKUP2_EXPORT std::string DecorateAnswer(const std::string& result);
+/// Throws vel_err::Error("backup2_invalid_password") when the backup was made with another password
+/// than the token's; a backup that records none passes. `name`: its date or "custom"; `own`: the
+/// copy in the user's own storage. A missing info file throws.
+BACKUP2_EXPORT void CheckPassword(const BackupToken& token, const std::string& user,
+                                  const std::string& name, bool own);
+/// Parameters of the panel's page about a failed download. `what`: the text of the error.
+BACKUP2_EXPORT std::map<std::string, std::string> FillDownloadError(const std::string& what);
+/// Downloads the newest backup of `user` from the panel at `url` (its scheme and host count) to
+/// `path`, which appears complete or not at all. False when the panel refuses the log-in. Throws
+/// vel_err::Error("backup2_admin_import", "fetch_failed", url) when the download fails, and what
+/// Authorize throws. The other side is first asked whether it would serve it; what it says to that
+/// is only logged.
+BACKUP2_EXPORT bool FetchRemoteManager(const std::string& url, const std::string& admin,
+                                       std::string password, const std::string& user,
+                                       const std::string& path);
+
+// ---- Restore reports ----------------------------------------------------------------------------
+
+// A report is the file GetReportFile(report). Each of these reads it, changes it and replaces it in
+// one step; there is no lock, the steps of a restore follow each other. A report that was viewed
+// begins afresh. Throw when the file cannot be read or written, or is no XML document; it is as it
+// was then.
+
+/// Adds the element "error" of a panel's answer, under a name and a type. An answer without one
+/// changes nothing.
+BACKUP2_EXPORT void SaveDataReport(const std::string& name, const std::string& owner,
+                                   const std::string& report, const std::string& type,
+                                   const vel_xml::Xml& answer);
+/// Adds what a step of a restore printed: with the word "Database" in it as a database's event,
+/// with a `code` other than 0 as that of the whole step, else each line as a file's. No text is
+/// lost: what XML cannot hold becomes "?" and the report is marked with "badchars".
+BACKUP2_EXPORT void SaveFileReport(const std::string& owner, const std::string& report,
+                                   const std::string& output, int code);
+/// Marks the report as ended; `type` is the kind of the restore. Without a file nothing is done.
+BACKUP2_EXPORT void FinalizeReport(const std::string& report, const std::string& type);
+
+// ---- Backups that nobody needs any more ---------------------------------------------------------
+
+/// Removes the backup through the copy tool when the panel says that `user` has gone, or has
+/// another uid than the one that the backup was made with: a new user must not see the data of a
+/// former one of his name. "root" is never asked about. A failed deletion is only logged; errors of
+/// the panel are thrown and nothing is removed then.
+BACKUP2_EXPORT void CheckDeletedUser(const std::string& user, const std::string& name,
+                                     const std::string& uid);
+/// Removes a backup that was made only to carry an import, from the administrator's storage. A
+/// failed deletion is only logged.
+BACKUP2_EXPORT void DeleteAfterImport(const Settings& settings, const std::string& user,
+                                      const std::string& name);
 
 // ---- External converters ------------------------------------------------------------------------
 

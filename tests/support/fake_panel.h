@@ -16,15 +16,16 @@ inline std::string HttpAnswer(const std::string& body, const std::string& status
            "\r\nConnection: close\r\n\r\n" + body;
 }
 
-/// Listens on var/run/panel.sock below the working directory while the object lives. Each
+/// Listens on var/run/<name>.sock below the working directory while the object lives. Each
 /// connection gets the next answer, byte for byte; the last answer serves all that follow.
 class FakePanel {
 public:
-    explicit FakePanel(std::vector<std::string> answers) : answers_(std::move(answers)) {
+    explicit FakePanel(std::vector<std::string> answers, const std::string& name = "panel")
+        : answers_(std::move(answers)) {
         listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, "var/run/panel.sock");
+        std::strcpy(address.sun_path, ("var/run/" + name + ".sock").c_str());
         ::unlink(address.sun_path);
         if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
             ::listen(listener_, 8) != 0) {
