@@ -136,6 +136,33 @@ TEST_F(SshStorage, KeyLiesInAFileOfRootOnlyAsSshWantsIt) {
     EXPECT_TRUE(fs::is_empty("tmp"));
 }
 
+TEST_F(SshStorage, KeysThatKilledProgramsLeftAreRemovedAndNothingElse) {
+    const auto storage = [] { return GetStorage(BackupToken("type=sftp;url=h;key=K")); };
+    const auto age = [](const fs::path& path) {
+        fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::minutes(2));
+    };
+    if (const pid_t child = ::fork(); child == 0) {
+        const auto never_closed = storage();
+        ::_exit(0);
+    } else {
+        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    }
+    const fs::path dead = fs::directory_iterator("tmp")->path();
+    const auto alive = storage();
+    for (const char* other : {"tmp/.tmp.other", "tmp/key"}) {
+        MakeFile(other, "K");
+        fs::permissions(other, fs::perms(std::string(other) == "tmp/key" ? 0400 : 0600));
+    }
+    storage();
+    EXPECT_TRUE(fs::exists(dead)) << "it may be just being made";
+    for (const auto& entry : fs::directory_iterator("tmp")) age(entry.path());
+    storage();
+    EXPECT_FALSE(fs::exists(dead));
+    const auto left = std::distance(fs::directory_iterator("tmp"), fs::directory_iterator());
+    EXPECT_EQ(left, 3) << "one alive, two that are no keys";
+    for (const char* other : {"tmp/.tmp.other", "tmp/key"}) fs::remove(other);
+}
+
 // ---- A real server that fails -------------------------------------------------------------------
 
 class SshFaults : public testing::Test {
