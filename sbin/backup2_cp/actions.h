@@ -49,8 +49,8 @@ int Limit(const Options& options);
 /// Removes every backup that the journal names and takes its line out. Lines that fail stay; the
 /// error at the end names each. Throws when somebody is copying there.
 void CleanUp(const Options& options);
-/// Takes back uploads in parts that began more than a day ago and never ended; prints how many.
-void Sweep(const Target& target);
+/// Removes what killed uploads left that began long enough ago; prints how much.
+void Sweep(const Target& target, const Options& options);
 
 // ---- list.cpp -----------------------------------------------------------------------------------
 

@@ -23,6 +23,7 @@ namespace backup2_cp {
 namespace {
 
 const vel_log::Module logger("backup2_cp");
+constexpr int kOfAnyAge = -1;          // hours: servers round the time of a beginning up
 constexpr std::size_t kMaxNamed = 20;  // lines that an error names
 
 /// The info file of the named backup in the tree; checks that the journal's words are a name.
@@ -36,10 +37,9 @@ Place PlaceIn(const std::string& tree, const backup2::PendingCleanup& item) {
     return PlaceOf(vel_file::ConcatPath(tree, user, name->date + "/" + bare));
 }
 
-/// Uploads in parts that a killed program left take room, and no listing of files shows them. Keys
-/// without the right to see them are no reason to keep the backup's line.
+/// Uploads that a killed program left take room, and most listings do not show them. Keys without
+/// the right to see them are no reason to keep the backup's line.
 void SweepUploads(const Target& target, const BackupName& name) {
-    constexpr int kOfAnyAge = -1;  // servers round the time of a beginning up
     try {
         target.Open()->Sweep(name.Folder(), kOfAnyAge);
     } catch (const std::exception& e) {
@@ -136,10 +136,10 @@ void CleanUp(const Options& options) {
     }
 }
 
-void Sweep(const Target& target) {
-    constexpr int kHours = 24;  // no upload of one slice takes a day
-    const int aborted = target.Open()->Sweep("", kHours);
-    if (aborted > 0) std::cout << "took back " << aborted << " unfinished uploads" << std::endl;
+void Sweep(const Target& target, const Options& options) {
+    const int hours = options.hours > 0 ? options.hours : kOfAnyAge;
+    const int swept = target.Open()->Sweep("", hours);
+    if (swept > 0) std::cout << "took back " << swept << " unfinished uploads" << std::endl;
 }
 
 }  // namespace backup2_cp

@@ -31,7 +31,7 @@ void ActOnStorage(const Target& target, const Options& options) {
         case Options::Action::kCheck:
             return Check(target, options);
         case Options::Action::kSweep:
-            return Sweep(target);
+            return Sweep(target, options);
         default:
             break;
     }

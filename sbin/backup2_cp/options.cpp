@@ -41,7 +41,7 @@ struct Words {
     bool sweep = false;
     std::string info_file, slice, last_slice, delete_info, list, first, second;
     std::string pin, unpin, clean_up, path, date, user, size_limit, count_limit;
-    std::string last, daily, weekly, monthly, yearly;
+    std::string last, daily, weekly, monthly, yearly, older_than;
 };
 
 void DeclareLimits(CLI::App& app, Words& words) {
@@ -71,8 +71,10 @@ void Declare(CLI::App& app, Words& words) {
     app.add_option("--unpin", words.unpin, "Take that back")->type_name("INFO");
     app.add_option("--cleanup", words.clean_up, "Remove what interrupted copies left on storages")
         ->type_name("DIR");
-    app.add_flag("--sweep", words.sweep,
-                 "Take back uploads in parts that never ended, after a day");
+    app.add_flag("--sweep", words.sweep, "Remove what killed uploads left on the storage");
+    app.add_option("--older-than", words.older_than,
+                   "With --sweep: of uploads that began so long ago (24); 0: all")
+        ->type_name("HOURS");
     DeclareLimits(app, words);
     app.add_option("--list", words.list, "Names in a directory of the storage (\"\" is the top)")
         ->type_name("DIR");
@@ -183,6 +185,13 @@ void ReadLimits(const Words& words, Options& out) {
 
 // ---- All ----------------------------------------------------------------------------------------
 
+int ReadHours(const std::string& text) {
+    constexpr uint64_t kMaxHours = 100 * 365 * 24;
+    const auto number = ParseNumber(text, kMaxHours);
+    Require(number.has_value(), "--older-than is no number of hours");
+    return static_cast<int>(*number);
+}
+
 /// Actions that are given a path and nothing else.
 void ReadPathAction(const CLI::App& app, const std::string& option, const std::string& value,
                     std::vector<std::string> allowed, Options::Action action, Options& out) {
@@ -229,12 +238,14 @@ Options Read(const CLI::App& app, const Words& words) {
         ReadLimits(words, out);
     } else {
         std::vector<std::string> allowed = {"list", "check", "json", "sweep"};
+        if (words.sweep) allowed.emplace_back("older-than");
         if (words.check) allowed.insert(allowed.end(), {"accept-host-key", "dry-run"});
         CheckStrangers(app, allowed);
         out.action = words.sweep ? Action::kSweep : list ? Action::kList : Action::kCheck;
         out.name = words.list;
         out.dry_run = words.dry_run;
         out.accept_host_key = words.accept_host_key;
+        if (app.count("--older-than") > 0) out.hours = ReadHours(words.older_than);
     }
     return out;
 }

@@ -38,6 +38,7 @@ struct Options {
     Policy policy;
     bool dry_run = false;
     bool json = false;
+    int hours = 24;                ///< no upload of one slice takes a day
     bool accept_host_key = false;  ///< the server's key may be another one than before
 
     /// One of the many calls of a backup or a restore.

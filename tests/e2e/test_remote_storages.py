@@ -1,70 +1,24 @@
 """Every kind of storage, on real servers and the clouds' stand-ins: set up, used, broken, used again."""
 
-import contextlib
+import itertools
 import json
 import os
 import pathlib
-import random
 import shutil
+import signal
 import subprocess
-import sys
-import tempfile
+import time
 import unittest
+import urllib.parse
 import urllib.request
 
 import backup2_test
-from backup2_test import run, tree_state
-from panel import Panel
+from backup2_test import run
+from bad_line import BadLine
+from storage_case import (MONDAY, OWN_PASSWORD, PASSWORD, SERVERS, TUESDAY, USER, WEDNESDAY, StorageCase,
+                          cloud, ftp, node, s3, sftp)
 
-USER = "www-data"  # every Debian has it
-MONDAY, TUESDAY, WEDNESDAY = "2024-03-04", "2024-03-05", "2024-03-06"
-SERVERS = pathlib.Path(__file__).parents[1] / "servers"
-PASSWORD, OWN_PASSWORD = "administrator's $(touch canary)", "the user's own %p"
 CLOUDS = {"dropbox": "dropbox", "googledrive": "google_drive", "yandex": "yandex"}
-
-
-@contextlib.contextmanager
-def server(name, **env):
-    """A server of tests/servers while the block runs; what it printed. A missing package is a failure."""
-    work = tempfile.mkdtemp(prefix="backup2-server-")
-    os.chmod(work, 0o755)
-    script = SERVERS / name
-    command = [sys.executable, script] if b"python" in script.read_bytes()[:40] else [script]
-    try:
-        done = subprocess.run([*command, "start", work], capture_output=True, text=True, check=False,
-                              env={**os.environ, **env}, timeout=180)
-        assert done.returncode == 0, f"{name}: {done.stdout}{done.stderr}"
-        yield dict(line.split("=", 1) for line in done.stdout.splitlines())
-    finally:
-        subprocess.run([*command, "stop", work], capture_output=True, check=False)
-        shutil.rmtree(work, ignore_errors=True)
-
-
-# ---- What "storage add" is told: the words, and the lines of secrets ----------------------------
-
-def sftp(ssh, folder, host="127.0.0.1", key="key"):
-    return ["--type", "sftp", "--host", host, "--port", ssh["port"], "--key-file", ssh[key],
-            "--path", f"{ssh['root']}/{folder}"], []
-
-
-def node(ssh, folder):
-    return ["--type", "node", "--host", "127.0.0.1", "--port", ssh["port"], "--key-file", ssh["key"],
-            "--path", f"{ssh['root']}/{folder}"], []
-
-
-def ftp(settings, folder, *words, scheme=""):
-    return ["--type", "ftp", "--host", scheme + settings["host"], "--port", settings["port"],
-            "--user", settings["user"], "--path", "/" + folder, *words], [settings["password"]]
-
-
-def s3(settings, folder, kind="s3"):
-    return ["--type", kind, "--endpoint", settings["endpoint"], "--region", settings["region"],
-            "--bucket", settings["bucket"], "--path", folder], [settings["access_key"], settings["secret_key"]]
-
-
-def cloud(settings, folder, kind):
-    return ["--type", kind, "--api", settings["api"], "--path", "/" + folder], [
-        settings[name] for name in ("access_token", "refresh_token", "client_id", "client_secret")]
 
 
 def control(settings, **command):
@@ -72,68 +26,15 @@ def control(settings, **command):
     urllib.request.urlopen(request, timeout=30).close()
 
 
+def place_of(settings):
+    return "127.0.0.1", urllib.parse.urlsplit(settings.get("endpoint") or settings["api"]).port
+
+
 def downloads(settings):
     """How often the stand-in for a cloud was asked for a file's content."""
     with urllib.request.urlopen(settings["control"], timeout=30) as answer:
         requests = json.load(answer)["requests"]
     return sum("download" in str(request) or "alt=media" in str(request) for request in requests)
-
-
-@unittest.skipUnless(os.geteuid() == 0, "the service runs as root")
-class StorageCase(unittest.TestCase):
-    def setUp(self):
-        stack = contextlib.ExitStack()
-        self.addCleanup(stack.close)
-        self.serve = lambda name, **env: stack.enter_context(server(name, **env))
-        memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-        self.root = stack.enter_context(backup2_test.install_root(memory))
-        self.home, self.local = self.root / "www", self.root / "var/backup/qorvel"
-        self.panel = stack.enter_context(Panel())
-        self.secrets, self.env = {PASSWORD, OWN_PASSWORD}, {"BACKUP2_RETRY_MS": "1"}
-        self.dice = random.Random(11)
-        (self.home / "data/sub").mkdir(parents=True)
-        (self.home / "data/link").symlink_to("sub/b")
-        self.panel.command(["user", "add", USER, "--root", str(self.home)])
-        self.change()
-
-    def change(self):
-        for name, size in (("a", 200_000), ("sub/b", 100_000), (f"new{self.dice.random()}", 5000)):
-            (self.home / "data" / name).write_bytes(self.dice.randbytes(size))
-        return tree_state(self.home)
-
-    def backup2(self, *words, expect=0, stdin=None):
-        done = run(["backup2", *words], stdin=stdin, **self.env)
-        self.assertEqual(done.returncode, expect, (words, done.stdout, done.stderr))
-        log = self.root / "var/qorvel.log"
-        seen = done.stdout + done.stderr + (log.read_text(errors="replace") if log.exists() else "")
-        for secret in self.secrets:
-            self.assertNotIn(secret, seen, words)
-        return done.stdout if expect == 0 else done.stderr
-
-    def add(self, described, *words, password=None, expect=0):
-        options, secrets = described
-        self.secrets.update(secret for secret in secrets if len(secret) > 12)
-        lines = [*secrets, *([password] if password else [])]
-        return self.backup2("storage", "add", *words, *options, *(["--encrypt"] if password else []),
-                            stdin="".join(line + "\n" for line in lines), expect=expect)
-
-    def stored(self, date):
-        """Names under the backup's folder, as the storage lists them."""
-        token = self.panel.ask(func="backup2.settings").findtext("storage")
-        done = run(["backup2_cp", "--list", f"{USER}/{date}"], BACKUP_TOKEN=token, **self.env)
-        self.assertEqual(done.returncode, 0, done.stderr)
-        return done.stdout.split()
-
-    def assert_restores(self, date, state, *words):
-        with tempfile.TemporaryDirectory(dir=self.root) as target:
-            self.backup2("restore", USER, date, "--to", target, *words)
-            self.assertEqual(tree_state(target), state, (date, words))
-
-    def assert_tidy(self):
-        left = [p for p in self.local.iterdir() if p.name != USER]
-        left += list(self.root.rglob(".tmp.*")) + list((self.root / "tmp").glob("*"))
-        left += list((self.root / "var/backup2_cp.tmp").glob("*"))
-        self.assertEqual([str(p) for p in left], [])
 
 
 class Kinds(StorageCase):
@@ -357,6 +258,104 @@ class Faults(StorageCase):
                 control(dropbox, quota=1 << 40)
                 self.assert_recovers(MONDAY)
                 shutil.rmtree(self.local / USER)
+
+    def kill_a_run(self, is_place):
+        """Kills a backup with all its programs, in the middle of an upload."""
+        job = backup2_test.start(["backup2", "run", USER, "--date", MONDAY], **self.env)
+        try:
+            while not is_place():
+                self.assertIsNone(job.poll(), "it ended before its time")
+                time.sleep(0.002)
+            os.killpg(job.pid, signal.SIGKILL)
+        finally:
+            job.communicate()
+
+    def assert_killed_and_well(self, is_place, swept=0):
+        self.change()
+        self.kill_a_run(is_place)
+        for key in (self.root / "tmp").glob(".tmp.*"):
+            os.utime(key, (1, 1))  # those of killed programs go after a minute
+        half = [name for name in self.stored(MONDAY) if ".tgz" in name]
+        self.assertEqual(half, [], "nothing is complete yet")
+        sweep = ["backup2_cp", "--sweep", "--older-than"]
+        token = self.panel.ask(func="backup2.settings").findtext("storage")
+        for hours, said in (("1", ""), ("0", f"took back {swept} unfinished uploads\n" if swept else "")):
+            done = run([*sweep, hours], BACKUP_TOKEN=token, **self.env)
+            self.assertEqual((done.returncode, done.stdout), (0, said), done.stderr)
+        self.assert_recovers()
+        self.backup2("delete", USER, MONDAY)
+        self.assertEqual(self.stored(MONDAY), [])
+
+    def through(self, line, kind, settings):
+        """The storage as it is reached over the line, with small parts where there are any."""
+        address = f"http://127.0.0.1:{line.port}"
+        described = s3({**settings, "endpoint": address}, "store") if kind == "s3" else cloud(
+            {**settings, "api": address}, "store", kind)
+        described[0].extend(["--part-size", "5"] if kind == "s3" else [])
+        return described
+
+    def test_programs_killed_in_the_middle_of_an_upload_to_a_cloud(self):
+        (self.home / "data/big").write_bytes(self.dice.randbytes(12 << 20))
+        servers = {"s3": self.serve("s3_ceph"), **{kind: self.serve(script) for kind, script in CLOUDS.items()}}
+        for kind, marker, after, swept in (
+                ("s3", rb"PUT [^ ]*partNumber=2", 1 << 20, 1),
+                ("dropbox", rb"POST /2/files/upload ", 3 << 20, 0),
+                ("googledrive", rb"PUT [^ ]*upload_id=", 3 << 20, 0),
+                ("yandex", rb"PUT /upload-target", 3 << 20, 0),
+                ("yandex", rb"POST /v1/disk/resources/move", 0, 1)):
+            with self.subTest(kind, marker=marker), BadLine(place_of(servers[kind]), marker, after, times=0) as line:
+                self.add(self.through(line, kind, servers[kind]), "--replace", "--slice-size", "20M", password=PASSWORD)
+                line.times = 1
+                self.assert_killed_and_well(line.failed.is_set, swept)
+
+    def assert_cut(self, line, token, date):
+        """An upload while the line is as it was made: once cut, it is repeated; always cut, it fails and
+        leaves nothing under its name."""
+        file, back = self.root / f"F{date}.{USER}.tgz", self.root / "back"
+        file.write_bytes(self.dice.randbytes(200_000))
+        once = line.times == 1
+        line.failed.clear()
+        done = run(["backup2_cp", "--put", file, "--no-delete"], BACKUP_TOKEN=token, **self.env)
+        self.assertTrue(line.failed.is_set())
+        line.times = 0
+        self.assertEqual(done.returncode, 0 if once else 1, done.stderr)
+        self.assertEqual(self.stored(date), [file.name] if once else [])
+        if once:
+            run(["backup2_cp", "--get", f"{USER}/{date}/{file.name}", back], BACKUP_TOKEN=token, **self.env)
+            self.assertEqual(back.read_bytes(), file.read_bytes())
+        else:
+            self.assertRegex(done.stderr, f"storage .*{file.name}.*network")
+
+    def test_connections_cut_at_every_place_of_an_upload(self):
+        cuts = [(how, after, 1) for how in ("fin", "rst") for after in (0, 1, 64 << 10, 100_000, 199_999)]
+        for kind, script, marker in (("s3", "s3_swift", rb"PUT "), ("dropbox", "dropbox", rb"POST /2/files/upload "),
+                                     ("googledrive", "google_drive", rb"PUT [^ ]*upload_id="),
+                                     ("yandex", "yandex", rb"PUT /upload-target")):
+            there = self.serve(script)
+            with BadLine(place_of(there), marker + rb"(?s:.*?)\r\n\r\n", times=0) as line:
+                self.add(self.through(line, kind, there), "--replace")
+                token = self.panel.ask(func="backup2.settings").findtext("storage")
+                for day, (line.how, line.after, line.times) in enumerate([*cuts, ("rst", 100_000, 1000)], 1):
+                    with self.subTest(kind, how=line.how, after=line.after, times=line.times):
+                        self.assert_cut(line, token, f"2024-03-{day:02}")
+
+    def test_programs_killed_in_the_middle_of_an_upload_to_a_server(self):
+        slow, ssh = self.serve("pureftpd", FTP_RATE="300000"), self.serve("sshd")
+        parts = lambda: list(pathlib.Path(slow["root"]).rglob("backup2-*.part"))
+        self.add(ftp(slow, "store"), "--slice-size", "256K", password=PASSWORD)
+        self.assert_killed_and_well(parts)
+        self.assertEqual(parts(), [])
+        held, cat = self.root / "held", pathlib.Path(ssh["remote_bin"]) / "cat"
+        cat.write_text(f"#!/bin/sh\nhead -c 30000; touch {held}; while [ -e {held} ]; do sleep 0.05; done\n")
+        cat.chmod(0o755)
+        self.add(sftp(ssh, "store"), "--replace", "--slice-size", "256K", "--no-check", password=PASSWORD)
+        self.change()
+        self.kill_a_run(held.exists)
+        held.unlink()
+        cat.unlink()
+        for key in (self.root / "tmp").glob(".tmp.*"):
+            os.utime(key, (1, 1))
+        self.assert_recovers()
 
 
 if __name__ == "__main__":
