@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,7 +16,8 @@
 
 /// An honest server says what `Replies` holds by default; a command without a reply gets 500. In a
 /// reply "%" is where the passive port goes (its number, or "high,low" after a "227"). One that
-/// begins with "-" ends the connection afterwards; an empty one is never given.
+/// begins with "-" ends the connection afterwards; an empty one is never given. Data of "~" are ten
+/// bytes a second without an end, and an upload is not read then; "!" resets the data connection.
 struct LyingFtp {
     using Replies = std::map<std::string, std::string>;
 
@@ -111,6 +113,12 @@ private:
         if (!reply.empty()) Send(fd, reply + "\r\n");
         return !last;
     }
+    /// Until the other side has gone.
+    void Trickle(int fd, bool mute) const {
+        for (pollfd gone{fd, POLLRDHUP, 0}; !stop_ && ::poll(&gone, 1, 100) == 0;) {
+            if (!mute) Send(fd, "x");
+        }
+    }
     /// The other side's port, from an address that is not the control connection's.
     int ConnectFromElsewhere() const {
         const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -128,7 +136,16 @@ private:
                                       : ::accept4(passive_, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) return;
         char buffer[1 << 16];
-        if (!upload) Send(fd, data_);
+        if (data_ == "~") {
+            Trickle(fd, upload);
+        } else if (data_ == "!") {
+            const linger now{1, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+            ::recv(fd, buffer, upload ? sizeof buffer : 0, 0);
+            upload = false;
+        } else if (!upload) {
+            Send(fd, data_);
+        }
         while (upload && ::recv(fd, buffer, sizeof buffer, 0) > 0) {
         }
         ::close(fd);

@@ -229,7 +229,9 @@ const Lie kLies[] = {
     {"honest put", {}, "", "put", "=1"},
     {"honest get", {}, "123456", "get", "=123456"},
     {"cut upload", {{"SIZE", "213 5"}}, "", "put", "was sent 6 bytes and says: 213 5"},
-    {"no size", {{"SIZE", "500 What?"}}, "", "put", "=1"},
+    {"no size", {{"SIZE", "500 What?"}}, "123456", "put", "=1"},
+    {"no size, cut upload", {{"SIZE", "502 No"}}, "12345", "put", "6 bytes and says: 213 5"},
+    {"no size, no way back", {{"SIZE", "502 No"}, {"RETR", "550 No"}}, "", "put", "says: 550 No"},
     {"lost upload", {{"SIZE", "550 None"}}, "", "put", "storage|refused"},
     {"full at the end", {}, "", "put", "=0", "552 Full"},
     {"full at the start", {{"STOR", "452 Full"}}, "", "put", "=0"},
@@ -244,6 +246,12 @@ const Lie kLies[] = {
     {"other peer", {}, "123456", "get", "came from 127.0.0.2", "226 Done", kActive},
     {"mute", {{"", ""}}, "", "get", "network|"},
     {"mute later", {{"CWD", ""}}, "", "list", "network|"},
+    {"slow download", {{"SIZE", "213 1000"}}, "~", "get", "hardly a byte"},
+    {"slow download, size unknown", {{"SIZE", "500 No"}}, "~", "get", "hardly a byte"},
+    {"slow listing", {}, "~", "list", "hardly a byte"},
+    {"reset download", {}, "!", "get", "network|"},
+    {"reset upload", {}, "!", "put long", "network|"},
+    {"mute upload", {}, "~", "put long", "hardly a byte"},
     {"endless reply", {{"TYPE", "200-" + std::string(300'000, 'x')}}, "", "get", "network|"},
     {"password told", {{"PASS", "530 'canary' is wrong"}}, "", "get", "530 '***' is wrong"},
     {"climbing name", {}, "type=file; ../x\r\n", "list", "lists a name that is none: \"../x\""},
@@ -274,6 +282,7 @@ TEST(Ftp, LiesAreFoundOut) {
             ftp.SetMode(lie.mode);
             const std::string failure = Failure([&] {
                 if (lie.step == "put") got += Put(ftp, "/d/x", "123456") ? "1" : "0";
+                if (lie.step == "put long") Put(ftp, "/d/x", std::string(32 << 20, 'x'));
                 if (lie.step == "get") got += Get(ftp, "/d/x");
                 if (lie.step != "list") return;
                 std::list<std::string> names;

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdint>
 #include <optional>
+#include <ostream>
 #include <set>
+#include <streambuf>
 #include <string_view>
 #include <vector>
 
@@ -66,6 +68,21 @@ std::string_view NameOfFacts(std::string_view line) {
     return space == line.npos ? "." : line.substr(space + 1);
 }
 
+/// Counts what is written.
+class Counter : public std::streambuf {
+public:
+    uint64_t Bytes() const { return bytes_; }
+
+private:
+    std::streamsize xsputn(const char*, std::streamsize size) override {
+        bytes_ += static_cast<uint64_t>(size);
+        return size;
+    }
+    int_type overflow(int_type) override { return ++bytes_, 0; }
+
+    uint64_t bytes_ = 0;
+};
+
 /// The server does not know the command, or not this form of it.
 bool IsUnknownCommand(const FtpReply& reply) { return reply.status >= 500 && reply.status <= 504; }
 
@@ -83,6 +100,7 @@ public:
                              const char* object = "refused") const;
 
     bool Upload(const std::string& step, std::istream& in, const std::string& temporary);
+    std::string StoredSize(const std::string& step, const std::string& path);
     void Rename(const std::string& step, const std::string& from, const std::string& to);
     void Forget(const std::string& temporary) noexcept;
     bool IsFile(const std::string& step, const std::string& path);
@@ -141,11 +159,21 @@ bool Ftp::Impl::Upload(const std::string& step, std::istream& in, const std::str
         return false;
     }
     if (!reply.ok) Refuse(step, reply.text);
-    const FtpReply size = session.Command(step, {"TYPE I", "SIZE " + temporary});
-    if (!size.ok && IsUnknownCommand(size)) return true;
-    if (size.text != "213 " + str::Str(sent))
-        Refuse(step, "the server was sent " + str::Str(sent) + " bytes and says: " + size.text);
+    const std::string stored = StoredSize(step, temporary);
+    if (stored != "213 " + str::Str(sent))
+        Refuse(step, "the server was sent " + str::Str(sent) + " bytes and says: " + stored);
     return true;
+}
+
+/// As the server answers SIZE. Where it does not know that, the bytes are read back and counted: a
+/// listing may show an older size.
+std::string Ftp::Impl::StoredSize(const std::string& step, const std::string& path) {
+    const FtpReply size = session.Command(step, {"TYPE I", "SIZE " + path});
+    if (size.ok || !IsUnknownCommand(size)) return size.text;
+    Counter counter;
+    std::ostream back(&counter);
+    const FtpReply reply = session.Receive(step, path, back);
+    return reply.ok ? "213 " + str::Str(counter.Bytes()) : reply.text;
 }
 
 /// Where the server does not replace a file, it is removed first.
