@@ -22,6 +22,7 @@ MAY_SEE = {
     "sbin": {"vel", "backup_common", "sbin"},
     "velcgi": {"vel", "backup_common", "velcgi"},
 }
+SHARED = {"foreign_panel": {"backup2_cpanel_conv", "backup2_plesk_conv"}}  # a folder of sbin/ for these programs
 PROGRAM_FOLDERS = ("sbin", "velcgi")  # one folder a program below these
 INCLUDE = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)')
 # Headers of the system and of the language: a plain name, or one of these folders.
@@ -66,7 +67,8 @@ def refuse_project_header(source, header):
         why = "headers of backup_common stand alone; declare the class instead"
         return None if target.name == "export.h" else why
     if top in PROGRAM_FOLDERS and target.parts[0] == top and source.parts[1] != target.parts[1]:
-        return "one program must not include another"
+        shared = top == "sbin" and source.parts[1] in SHARED.get(target.parts[1], ())
+        return None if shared else "one program must not include another"
     return None
 
 

@@ -13,6 +13,7 @@ ALLOWED = [
     ("backup_common/a.h", '"backup_common/export.h"'), ("backup_common/a.h", '"vel/vel_xml.h"'),
     ("sbin/one/main.cpp", "<isa-l.h>"), ("sbin/one/main.cpp", '"sbin/one/part.h"'),
     ("panel/store.cpp", "<sqlite3.h>"), ("tests/x.cpp", "<curl/curl.h>"),
+    ("sbin/backup2_cpanel_conv/main.cpp", '"sbin/foreign_panel/report.h"'),
 ]
 REFUSED = [
     ("vel/str.cpp", '"vel/vel_file.h"'), ("vel/vel_xml.h", '"vel/vel_tool.h"'),
@@ -20,6 +21,7 @@ REFUSED = [
     ("vel/str.cpp", '"backup_common/a.h"'), ("backup_common/a.cpp", "<curl/curl.h>"),
     ("backup_common/a.h", '"backup_common/b.h"'), ("backup_common/a.cpp", '"sbin/one/part.h"'),
     ("panel/store.cpp", '"backup_common/a.h"'), ("panel/store.h", "<sqlite3.h>"),
+    ("sbin/one/main.cpp", '"sbin/foreign_panel/report.h"'), ("sbin/foreign_panel/a.cpp", '"sbin/one/part.h"'),
     ("sbin/one/main.cpp", '"sbin/two/part.h"'), ("sbin/one/main.cpp", '"panel/store.h"'),
     ("sbin/one/part.h", "<archive.h>"), ("sbin/one/main.cpp", '"part.h"'),
 ]
