@@ -71,8 +71,9 @@ int Check(const std::string& user, bool accept_host_key) {
     if (user.empty()) {
         UseStorage(AskSite().token);
     } else {
+        CheckApart(user, AskOwnSite(CheckUser(user)).token);
         vel_env::UnsetEnv("BACKUP_TOKEN");
-        vel_env::SetEnv("BACKUP_STORAGE", CheckUser(user));
+        vel_env::SetEnv("BACKUP_STORAGE", user);
     }
     std::vector<std::string> argv = {"backup2_cp", "--check"};
     if (accept_host_key) argv.emplace_back("--accept-host-key");
