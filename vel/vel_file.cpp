@@ -606,7 +606,7 @@ ResHandle OpenDir(const std::string& path) {
 
 // ---- Write and read -----------------------------------------------------------------------------
 
-void Write(const std::string& path, const std::string& content) {
+void Write(const std::string& path, const std::function<void(int fd)>& fill) {
     const Place place = PlaceOf("write", path);
     struct stat old;
     const bool exists = place.Stat(old);
@@ -614,8 +614,12 @@ void Write(const std::string& path, const std::string& content) {
     if (exists && !S_ISREG(old.st_mode)) RefuseKind("write", path, old.st_mode);
     Temporary temporary(place);
     if (exists) KeepOwnerAndMode(temporary.Fd(), old, path);
-    WriteAll(temporary.Fd(), content, path);
+    fill(temporary.Fd());
     temporary.SyncAndRename();
+}
+
+void Write(const std::string& path, const std::string& content) {
+    Write(path, [&](int fd) { WriteAll(fd, content, path); });
 }
 
 std::string ReadE(const std::string& path) {

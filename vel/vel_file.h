@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -115,6 +116,8 @@ ResHandle OpenDir(const std::string& path);
 /// directory. Mode and owner of an existing file stay; a new one is 0600. Refuses a path that is
 /// something else than a regular file. On failure the old content is untouched.
 void Write(const std::string& path, const std::string& content);
+/// The same with a content that `fill` writes to the descriptor; what it throws passes through.
+void Write(const std::string& path, const std::function<void(int fd)>& fill);
 /// The whole regular file; opened without following a link and without waiting for a FIFO.
 std::string ReadE(const std::string& path);
 std::string Read(const std::string& path);  ///< the same, "" when it does not exist

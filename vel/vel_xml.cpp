@@ -9,6 +9,7 @@
 #include <pugixml.hpp>
 
 #include "vel/str.h"
+#include "vel/stream.h"
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
 
@@ -17,6 +18,7 @@ namespace vel_xml {
 /// Texts and names in a tree are always what XML can hold: they are cleaned on their way in, so
 /// that writing a document needs no look at them.
 struct Tree {
+    std::string text;  // that it was parsed from, in place
     pugi::xml_document doc;
 };
 
@@ -24,6 +26,7 @@ namespace {
 
 constexpr std::size_t kMaxSize = std::size_t{512} << 20;
 constexpr int kMaxDepth = 256;
+constexpr std::size_t kBlock = std::size_t{1} << 16;
 constexpr std::size_t kMaxAttributes = 10'000;  // of one element
 constexpr std::size_t kMaxAsides = 100'000;     // comments and processing instructions
 
@@ -223,15 +226,16 @@ void AddDeclaration(pugi::xml_document& doc) {
     declaration.append_attribute("encoding") = "UTF-8";
 }
 
-std::shared_ptr<Tree> Parse(const std::string& text) {
+std::shared_ptr<Tree> Parse(std::string text) {
     if (text.size() > kMaxSize) Refuse("over 512 MiB");
     // Usually one look at the bytes is enough: only a reference can bring in what is not there.
     const bool clean = FirstBad(text) == text.size() && text.find("&#") == std::string::npos;
     if (!clean && text.find('\0') != std::string::npos) Refuse("a NUL byte");
     if (text.size() > kStrangersLimit) Skimmer(text).Run();  // a smaller one cannot grow too big
     auto tree = std::make_shared<Tree>();
-    const pugi::xml_parse_result result =
-        tree->doc.load_buffer(text.data(), text.size(), kParse, pugi::encoding_utf8);
+    tree->text = std::move(text);
+    const pugi::xml_parse_result result = tree->doc.load_buffer_inplace(
+        tree->text.data(), tree->text.size(), kParse, pugi::encoding_utf8);
     if (!result) {
         Refuse(std::string(result.description()) + " at byte " + std::to_string(result.offset));
     }
@@ -271,6 +275,13 @@ pugi::xml_node ElementOrNext(pugi::xml_node node) {
     return node;
 }
 
+/// In it, or behind it; null at the end of the document.
+pugi::xml_node NextInOrder(pugi::xml_node node) {
+    if (node.first_child()) return node.first_child();
+    while (node && !node.next_sibling()) node = node.parent();
+    return node.next_sibling();
+}
+
 class TextCollector : public pugi::xml_tree_walker {
 public:
     bool for_each(pugi::xml_node& node) override {
@@ -306,6 +317,25 @@ struct StringWriter : pugi::xml_writer {
     }
     std::string text;
 };
+
+/// Writes it out as it comes: a large document never stands in memory as a text.
+struct FileWriter : StringWriter {
+    FileWriter(int descriptor, const std::string& file) : fd(descriptor), path(file) {}
+    void write(const void* data, std::size_t size) override {
+        StringWriter::write(data, size);
+        if (text.size() >= kBlock) Flush();
+    }
+    void Flush() {
+        vel_file::WriteAll(fd, text, path);
+        text.clear();
+    }
+    int fd;
+    const std::string& path;
+};
+
+void SaveTo(pugi::xml_writer& writer, const pugi::xml_document& doc, bool formatted) {
+    doc.save(writer, "  ", formatted ? pugi::format_indent : pugi::format_raw, pugi::encoding_utf8);
+}
 
 }  // namespace
 
@@ -361,6 +391,13 @@ XmlNode XmlNode::Parent() const {
     return {tree_, parent.internal_object()};
 }
 
+XmlNode XmlNode::NextInDocument(const std::string& name) const {
+    pugi::xml_node node = NextInOrder(Node(node_));
+    while (node && (node.type() != pugi::node_element || name != node.name()))
+        node = NextInOrder(node);
+    return {tree_, node.internal_object()};
+}
+
 XmlNode XmlNode::AppendChild(const std::string& name) {
     if (!node_) return {};
     CheckName(name);
@@ -401,9 +438,9 @@ Xml Xml::FromStranger(const std::string& text) {
 }
 
 void Xml::LoadFromFile(const std::string& path) {
-    const std::string text = vel_file::ReadE(path);
+    std::string text = vel_file::ReadE(path);
     try {
-        tree_ = Parse(text);
+        tree_ = Parse(std::move(text));
     } catch (const vel_err::Error& e) {
         Refuse(path + ": " + e.value());
     }
@@ -439,14 +476,18 @@ void Xml::RemoveNodes(const std::string& xpath) {
 }
 
 void Xml::Save(const std::string& path, bool formatted) const {
-    vel_file::Write(path, Str(formatted));
+    if (!tree_) return Xml().Save(path, formatted);
+    vel_file::Write(path, [&](int fd) {
+        FileWriter writer(fd, path);
+        SaveTo(writer, tree_->doc, formatted);
+        writer.Flush();
+    });
 }
 
 std::string Xml::Str(bool formatted) const {
     if (!tree_) return Xml().Str(formatted);
     StringWriter writer;
-    tree_->doc.save(writer, "  ", formatted ? pugi::format_indent : pugi::format_raw,
-                    pugi::encoding_utf8);
+    SaveTo(writer, tree_->doc, formatted);
     return std::move(writer.text);
 }
 
