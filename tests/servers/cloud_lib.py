@@ -22,6 +22,8 @@ POST JSON to the control address (several members at once are fine):
   {"page": N}                 entries in a page of a listing (2)
   {"names": [NAME...]}        every listing has these names too; {"endless": true}: has no end
   {"reset": true}             an empty account, the first tokens, no faults, no notes
+  {"discard": true}           of files that come from now on only the first 32 MiB are kept, their
+                              sizes and the provider's digests are right; the rest is read as zeros
 and what the provider's own file says. A REGEX is searched in the path with its query.
 GET: {"files": {path: [size, sha256]}, "folders": [...], "used": N, "open_uploads": N,
       "refreshes": N, "requests": ["METHOD path?query"...], "violations": [...]}
@@ -66,10 +68,14 @@ class Refusal(Exception):
 class Blob:
     """Bytes in a file that lives as long as the object."""
 
+    kept = None  # that many are in the file, behind them zeros are read; None: all
+    kinds = ()  # of digests that are worked out while the bytes come, where not all are kept
+
     def __init__(self, folder):
         handle, self.path = tempfile.mkstemp(dir=folder)
         os.close(handle)
         self.size, self._digests = 0, {}
+        self._running = {kind: kind() for kind in Blob.kinds if Blob.kept is not None}
 
     def __del__(self):
         try:
@@ -83,7 +89,9 @@ class Blob:
         with open(self.path, "ab") as out:
             for piece in pieces:
                 piece = piece if limit is None else piece[:limit - self.size]
-                out.write(piece)
+                out.write(piece if Blob.kept is None else piece[:max(0, Blob.kept - self.size)])
+                for digest in self._running.values():
+                    digest.update(piece)
                 self.size += len(piece)
 
     def pieces(self, size=None):
@@ -91,12 +99,21 @@ class Blob:
         left = self.size if size is None else size
         with open(self.path, "rb") as source:
             while left:
-                piece = source.read(min(PIECE, left))
+                piece = source.read(min(PIECE, left)) or bytes(min(PIECE, left))
                 left -= len(piece)
                 yield piece
 
+    def copy(self, folder):
+        other = Blob(folder)
+        shutil.copyfile(self.path, other.path)
+        other.size = self.size
+        other._running = {kind: digest.copy() for kind, digest in self._running.items()}
+        return other
+
     def digest(self, kind):
         """In hex; `kind` makes an object as those of hashlib are."""
+        if kind in self._running:
+            return self._running[kind].hexdigest()
         if kind not in self._digests:
             digest = kind()
             for piece in self.pieces():
@@ -208,8 +225,9 @@ class Cloud:
 
     HOSTS = {}  # {host: regex of the paths that it serves}
     BUSY = 429
+    DIGESTS = (hashlib.md5,)  # that clients ask for
     NEW_REFRESH_TOKEN = False
-    CONTROLS = {"quota", "rate_limit", "retry_after", "page", "names", "endless"}
+    CONTROLS = {"quota", "rate_limit", "retry_after", "page", "names", "endless", "discard"}
 
     def __init__(self, folder):
         self.folder, self.lock, self.stop = folder, threading.RLock(), threading.Event()
@@ -231,9 +249,17 @@ class Cloud:
         self.faults, self.faulted = {"fail": [], "cut": []}, False
         self.rate_limit = 0
         self.retry_after, self.page, self.quota = 1, 2, 1 << 40
-        self.names, self.endless = [], False
+        self.names, self.endless, self.discard = [], False, False
         self.requests, self.violations = collections.deque(maxlen=20000), []
         self.clear()
+
+    @property
+    def discard(self):
+        return Blob.kept is not None
+
+    @discard.setter
+    def discard(self, wanted):
+        Blob.kept, Blob.kinds = (32 << 20) if wanted else None, self.DIGESTS
 
     def used(self):
         return sum(blob.size for blob in self.listing()[0].values())
