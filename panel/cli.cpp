@@ -20,6 +20,7 @@
 #include "panel/server.h"
 #include "panel/storages.h"
 #include "panel/store.h"
+#include "panel/user_data.h"
 
 namespace panel {
 namespace {
@@ -320,6 +321,25 @@ void PlanCommands(CLI::App& app, Values& v) {
     list->callback([&v] { ListPlans(v); });
 }
 
+// ---- The edition --------------------------------------------------------------------------------
+
+void SetDist(Values& v) {
+    if (v.name != kSmallerEdition && v.name != kLargerEdition)
+        throw vel_tool::UsageError("the edition is 1 (smaller) or 3 (larger)");
+    Store().SetDist(v.name);
+}
+
+void EditionCommands(CLI::App& app, Values& v) {
+    auto* dist = app.add_subcommand("dist", "The edition that this panel plays: 1 or 3");
+    dist->require_subcommand(1);
+    auto* set = dist->add_subcommand("set", "Plays another one");
+    set->add_option("code", v.name)->required();
+    set->callback([&v] { SetDist(v); });
+    dist->add_subcommand("show", "Shows its code")->callback([] {
+        std::cout << Store().Dist() << "\n";
+    });
+}
+
 // ---- The panel itself ---------------------------------------------------------------------------
 
 void ServeCommand(CLI::App& app, Values& v) {
@@ -348,6 +368,7 @@ int RunCommand(std::vector<std::string> arguments) {
     ServerCommands(app, values);
     DatabaseCommands(app, values);
     PlanCommands(app, values);
+    EditionCommands(app, values);
     app.add_subcommand("lock", "Makes callers wait")->callback([] { Store().SetLocked(true); });
     app.add_subcommand("unlock", "Lets them go on")->callback([] { Store().SetLocked(false); });
     std::reverse(arguments.begin(), arguments.end());  // the form that the parser takes

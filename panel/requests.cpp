@@ -13,6 +13,7 @@
 #include "panel/password.h"
 #include "panel/storages.h"
 #include "panel/store.h"
+#include "panel/user_data.h"
 
 namespace panel {
 namespace {
@@ -74,7 +75,6 @@ void NewKey(const Request& r, vel_xml::XmlNode doc) {
     doc.AppendChild("ok");
 }
 
-// ---- Users and storages -------------------------------------------------------------------------
 /// For programs that serve one request of a session, as whom it was opened.
 void TakeSession(const Request& r, vel_xml::XmlNode doc) {
     const auto user = r.store.FindUser(r.sessions.Take(r.Get("auth")));
@@ -83,6 +83,7 @@ void TakeSession(const Request& r, vel_xml::XmlNode doc) {
     doc.AppendChild("uid", std::to_string(user->uid));
 }
 
+// ---- Users and storages -------------------------------------------------------------------------
 
 void UserList(const Request& r, vel_xml::XmlNode doc) {
     for (const User& user : r.store.Users()) {
@@ -107,6 +108,7 @@ void UserEdit(const Request& r, vel_xml::XmlNode doc) {
 void Settings(const Request& r, vel_xml::XmlNode doc) {
     const auto storage = r.store.FindStorage("");
     doc.AppendChild("local_dir", storage ? storage->local_dir : AbsoluteLocalDir());
+    doc.AppendChild("dist", r.store.Dist());
     if (!storage) return;
     doc.AppendChild("storage", storage->token);
     doc.AppendChild("slice_size", storage->slice_size);
@@ -200,29 +202,34 @@ void ItemInfo(const Request& r, vel_xml::XmlNode doc) {
     doc.AppendChild("backup").SetProp("local", "yes");
 }
 
-/// What it takes to make the user again by hand or by an import; no password and no token.
 void UserData(const Request& r, vel_xml::XmlNode doc) {
+    AppendUserData(r.store, r.store.GetUser(r.Get("elid")), doc);
+}
+
+/// The document comes in a file: it may be larger than a request.
+void UserRestore(const Request& r, vel_xml::XmlNode doc) {
     const User user = r.store.GetUser(r.Get("elid"));
-    auto edit = doc.AppendChild("elem").SetProp("name", "user.edit").SetProp("elid", user.name);
-    const auto param = [](vel_xml::XmlNode node, const char* name, const std::string& value) {
-        node.AppendChild("param", value).SetProp("name", name);
-    };
-    param(edit, "name", user.name);
-    param(edit, "uid", std::to_string(user.uid));
-    param(edit, "root", user.root);
-    param(edit, "plan", user.plan);
-    for (const std::string& folder : user.folders) param(edit, "folder", folder);
-    for (const std::string& pattern : user.excludes) param(edit, "exclude", pattern);
-    auto databases = doc.AppendChild("elem").SetProp("name", "db");
-    for (const Database& database : r.store.Databases(user.name)) {
-        const std::string type = r.store.GetServer(database.server).type;
-        auto elem = databases.AppendChild("elem").SetProp(
-            "elid", database.name + "->" + type + "->" + user.name);
-        param(elem, "name", database.name);
-        param(elem, "type", type);
-        param(elem, "dbserver", database.server);
-        param(elem, "owner", database.owner);
-    }
+    vel_xml::Xml data;
+    data.LoadFromFile(r.Get("file"));
+    RestoreUserData(r.store, user, data, doc);
+    doc.AppendChild("ok");
+}
+
+void AppendServer(vel_xml::XmlNode doc, const DatabaseServer& server) {
+    doc.AppendChild("type", server.type);
+    doc.AppendChild("socket", server.socket);
+    doc.AppendChild("host", server.host);
+    doc.AppendChild("port", server.port);
+    doc.AppendChild("login", server.login);
+    doc.AppendChild("password", server.password);
+}
+
+/// With "elid" how to log in to that server, without it the names and types of all.
+void ServerAccess(const Request& r, vel_xml::XmlNode doc) {
+    const std::string name = r.Get("elid");
+    if (!name.empty()) return AppendServer(doc, r.store.GetServer(name));
+    for (const DatabaseServer& server : r.store.Servers())
+        doc.AppendChild("server").SetProp("name", server.name).SetProp("type", server.type);
 }
 
 void DatabaseAccess(const Request& r, vel_xml::XmlNode doc) {
@@ -230,15 +237,11 @@ void DatabaseAccess(const Request& r, vel_xml::XmlNode doc) {
     for (const Database& database : r.store.Databases(r.Get("user"))) {
         if (database.server + "." + database.name != id) continue;
         const DatabaseServer server = r.store.GetServer(database.server);
-        doc.AppendChild("type", server.type);
-        doc.AppendChild("socket", server.socket);
-        doc.AppendChild("host", server.host);
-        doc.AppendChild("port", server.port);
-        doc.AppendChild("login", server.login);
-        doc.AppendChild("password", server.password);
+        AppendServer(doc, server);
         doc.AppendChild("owner", database.owner);
         doc.AppendChild("owner_password", database.owner_password);
         doc.AppendChild("database", database.name);
+        AppendAccounts(r.store, database, server.type, doc);
         return;
     }
     throw vel_err::Error("missed", "database", id);
@@ -254,15 +257,17 @@ struct Entry {
 const std::map<std::string, Entry> kRequests = {
     {"auth", {Auth, true}},
     {"session.newkey", {NewKey, true}},
+    {"session.take", {TakeSession, false}},
     {"user", {UserList, false}},
     {"user.edit", {UserEdit, false}},
     {"backup2.settings", {Settings, false}},
-    {"session.take", {TakeSession, false}},
     {"backup2.storage", {StorageOf, false}},
     {"backup2.storage.set", {SetStorage, false}},
     {"backup2.storage.remove", {RemoveStorage, false}},
     {"backup2.item.info", {ItemInfo, false}},
     {"backup2.user.data", {UserData, false}},
+    {"backup2.user.restore", {UserRestore, false}},
+    {"backup2.server", {ServerAccess, false}},
     {"backup2.database", {DatabaseAccess, false}},
 };
 

@@ -38,6 +38,8 @@ CREATE TABLE IF NOT EXISTS database (
 CREATE TABLE IF NOT EXISTS list (
   kind TEXT NOT NULL, owner TEXT NOT NULL, position INTEGER NOT NULL, text TEXT NOT NULL,
   PRIMARY KEY (kind, owner, position));
+CREATE TABLE IF NOT EXISTS kept_data (
+  user TEXT PRIMARY KEY REFERENCES user (name) ON DELETE CASCADE, xml TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS setting (name TEXT PRIMARY KEY, value TEXT NOT NULL);
 )sql";
 
@@ -229,6 +231,25 @@ void Store::RemoveUser(const std::string& name) {
     transaction.Commit();
 }
 
+void Store::ChangeUser(const User& user, const std::string& kept_data) {
+    Transaction transaction(db_.get());
+    Statement(db_.get(), "UPDATE user SET plan = NULLIF(?, '') WHERE name = ?", user.plan,
+              user.name)
+        .Step();
+    MustChange("user", user.name);
+    SetList("folder", user.name, user.folders);
+    SetList("exclude", user.name, user.excludes);
+    Statement(db_.get(), "DELETE FROM kept_data WHERE user = ?", user.name).Step();
+    if (!kept_data.empty())
+        Statement(db_.get(), "INSERT INTO kept_data VALUES (?, ?)", user.name, kept_data).Step();
+    transaction.Commit();
+}
+
+std::string Store::KeptData(const std::string& user) {
+    Statement row(db_.get(), "SELECT xml FROM kept_data WHERE user = ?", user);
+    return row.Step() ? row.Text(0) : "";
+}
+
 std::optional<User> Store::FindUser(const std::string& name) {
     Statement row(db_.get(), std::string(kUserColumns) + "WHERE name = ?", name);
     if (!row.Step()) return std::nullopt;
@@ -374,14 +395,23 @@ std::vector<Plan> Store::Plans() {
     return plans;
 }
 
-void Store::SetLocked(bool locked) {
-    Statement(db_.get(), "INSERT OR REPLACE INTO setting VALUES ('locked', ?)", locked ? "yes" : "")
-        .Step();
+void Store::SetSetting(const std::string& name, const std::string& value) {
+    Statement(db_.get(), "INSERT OR REPLACE INTO setting VALUES (?, ?)", name, value).Step();
 }
 
-bool Store::Locked() {
-    Statement row(db_.get(), "SELECT value FROM setting WHERE name = 'locked'");
-    return row.Step() && row.Text(0) == "yes";
+std::string Store::Setting(const std::string& name) {
+    Statement row(db_.get(), "SELECT value FROM setting WHERE name = ?", name);
+    return row.Step() ? row.Text(0) : "";
 }
+
+void Store::SetDist(const std::string& dist) { SetSetting("dist", dist); }
+
+std::string Store::Dist() {
+    const std::string dist = Setting("dist");
+    return dist.empty() ? "3" : dist;
+}
+
+void Store::SetLocked(bool locked) { SetSetting("locked", locked ? "yes" : ""); }
+bool Store::Locked() { return Setting("locked") == "yes"; }
 
 }  // namespace panel

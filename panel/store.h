@@ -66,6 +66,9 @@ public:
     void AddUser(const User& user);  ///< throws "exists"
     void SetPassword(const std::string& name, const std::string& hash);
     void RemoveUser(const std::string& name);  ///< with his storage and database entries
+    /// Folders, patterns and plan of a user, and what is kept of his document ("" nothing).
+    void ChangeUser(const User& user, const std::string& kept_data);
+    std::string KeptData(const std::string& user);
     std::optional<User> FindUser(const std::string& name);
     User GetUser(const std::string& name);  ///< throws "missed"
     std::vector<User> Users();
@@ -90,6 +93,8 @@ public:
     std::optional<Plan> FindPlan(const std::string& name);
     std::vector<Plan> Plans();
 
+    void SetDist(const std::string& dist);
+    std::string Dist();  ///< code of the panel's edition, "3" unless set
     void SetLocked(bool locked);
     bool Locked();
 
@@ -100,6 +105,8 @@ private:
     std::vector<std::string> List(const std::string& kind, const std::string& owner);
     void SetList(const std::string& kind, const std::string& owner,
                  const std::vector<std::string>& texts);
+    void SetSetting(const std::string& name, const std::string& value);
+    std::string Setting(const std::string& name);
     void MustChange(const std::string& kind, const std::string& name);
 
     std::unique_ptr<sqlite3, int (*)(sqlite3*)> db_;
