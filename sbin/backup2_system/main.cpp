@@ -6,38 +6,63 @@
 
 #include <CLI/CLI.hpp>
 
+#include "vel/str.h"
 #include "vel/stream.h"
 #include "vel/vel_client.h"
 #include "vel/vel_env.h"
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
 #include "vel/vel_tool.h"
+#include "vel/vel_xml.h"
+
+#include "backup_common/backup2_convert.h"
 
 #include "sbin/backup2_system/child.h"
 #include "sbin/backup2_system/database.h"
 #include "sbin/backup2_system/marker.h"
+#include "sbin/backup2_system/user_data.h"
 
 namespace backup2_system {
 namespace {
 
 struct Options {
     bool start = false, end = false, restore = false;
-    std::string user, manager, file;
+    std::string user, manager, file, host_dist;
 };
 
-vel_client::Result Ask(const Options& options, const std::string& request,
-                       const std::string& object) {
-    return vel_client::Local(options.manager, "backup2_system")
-        .WaitLocked(true)
-        .Query(request, object, options.user);
+vel_client::Local Panel(const Options& options) {
+    return vel_client::Local(options.manager, "backup2_system").WaitLocked(true);
+}
+
+Account ReadAccount(const vel_xml::XmlNode& node) {
+    Account account;
+    for (auto child = node.FirstChild(); child; child = child.Next()) {
+        const std::string name = child.GetProp("name");
+        if (child.Name() == "grant") account.grants.push_back({child.GetProp("host"), child.Str()});
+        if (name == "name") account.name = child.Str();
+        if (name == "host") account.hosts.push_back(child.Str());
+        if (name != "password") continue;
+        account.form = child.GetProp("form");
+        account.password = child.Str();
+    }
+    return account;
+}
+
+Access ReadAccess(const vel_client::Result& answer) {
+    const auto value = [&answer](const char* name) { return answer.value(name); };
+    Access access{value("type"),     value("socket"),
+                  value("host"),     value("port"),
+                  value("login"),    value("password"),
+                  value("owner"),    value("owner_password"),
+                  value("database"), {}};
+    for (const auto& node : answer.GetNodes("/doc/account"))
+        access.accounts.push_back(ReadAccount(node));
+    return access;
 }
 
 Access AskAccess(const Options& options, const Object& object) {
-    const auto answer = Ask(options, "func=backup2.database&elid=?&user=?", object.name);
-    const auto value = [&answer](const char* name) { return answer.value(name); };
-    return {value("type"),  value("socket"),         value("host"),
-            value("port"),  value("login"),          value("password"),
-            value("owner"), value("owner_password"), value("database")};
+    return ReadAccess(
+        Panel(options).Query("func=backup2.database&elid=?&user=?", object.name, options.user));
 }
 
 /// Calls what the server's type asks for.
@@ -55,17 +80,46 @@ void Start(const Options& options, const Object& object) {
         WithDatabase(AskAccess(options, object), mysql::Dump, postgresql::Dump, target.Fd());
     } else {
         const vel_xml::Xml document =
-            Ask(options, "func=backup2.user.data&elid=?&user=?", object.name);
+            Panel(options).Query("func=backup2.user.data&elid=?&user=?", object.name, options.user);
         vel_file::WriteAll(target.Fd(), document.Str(true), options.file);
     }
     target.Keep();
 }
 
+/// The document in the form of this panel's edition.
+vel_xml::Xml ReadDocument(const Options& options) {
+    vel_file::InStream in(OpenMarker(options.file, MarkerUse::Read));
+    const vel_xml::Xml document(in);
+    std::string dist = options.host_dist;
+    if (dist.empty()) dist = Panel(options).Query("func=backup2.settings").value("dist");
+    if (dist.empty()) dist = "3";
+    backup2::Convert(document, dist);
+    document.GetNode("/doc/info").SetProp("dist", dist);
+    return document;
+}
+
+/// What the panel takes over of the user's document, see docs/formats.md.
+int RestoreUser(const Options& options, const Object& object) {
+    const vel_xml::Xml document = ReadDocument(options);
+    const PanelAnswers panel{
+        Panel(options).Query("func=backup2.user.data&elid=?", options.user),
+        [&options](const std::string& server) {
+            return ReadAccess(Panel(options).Query("func=backup2.server&elid=?", server));
+        }};
+    std::vector<std::string> warnings = TakeOutStrangers(document, panel);
+    Secrets secrets;  // the document may hold passwords of accounts
+    const std::string file = secrets.Add("user.xml", document.Str());
+    const auto answer =
+        Panel(options).Query("func=backup2.user.restore&elid=?&file=?", options.user, file);
+    for (const auto& node : answer.GetNodes("/doc/warning")) warnings.push_back(node.Str());
+    for (const std::string& warning : warnings)
+        std::cout << str::badchars::Escape(warning, str::badchars::Controls(), '\\') << "\n";
+    std::cout << object.Title() << ": taken over by the panel\n";
+    return warnings.empty() ? vel_tool::kDone : vel_tool::kWarnings;
+}
+
 int Restore(const Options& options, const Object& object) {
-    if (object.type == "user") {
-        std::cout << object.Title() << ": nothing to restore, the panel keeps its users itself\n";
-        return vel_tool::kDone;
-    }
+    if (object.type == "user") return RestoreUser(options, object);
     const vel_file::ResHandle dump = OpenMarker(options.file, MarkerUse::Read);
     WithDatabase(AskAccess(options, object), mysql::Restore, postgresql::Restore, dump);
     return vel_tool::kDone;
@@ -80,6 +134,8 @@ Options Parse(std::vector<std::string> arguments, CLI::App& app) {
     action->require_option(1);
     app.add_option("--user", options.user, "Whose the object is")->required();
     app.add_option("--manager", options.manager, "The panel to ask")->required();
+    app.add_option("--host-dist", options.host_dist,
+                   "Edition of the panel that takes a user's document (default: it is asked)");
     app.add_option("file", options.file, "ROOT/.system/TYPE.NAME")->required();
     std::reverse(arguments.begin(), arguments.end());  // the form that the parser takes
     try {

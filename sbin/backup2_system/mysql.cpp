@@ -30,9 +30,30 @@ constexpr char kEndMark[] = "\n-- Dump completed";
 constexpr std::size_t kEndMarkRoom = 128;  // the mark, a date, a line end
 constexpr std::size_t kChunk = 64 * 1024;
 
-struct Account {
+struct Login {
     std::string login, password;
 };
+
+/// What a grant on one database can hold; never the right to pass rights on.
+const std::vector<std::string> kRights = {"all privileges",
+                                          "alter",
+                                          "alter routine",
+                                          "create",
+                                          "create routine",
+                                          "create view",
+                                          "delete",
+                                          "drop",
+                                          "event",
+                                          "execute",
+                                          "index",
+                                          "insert",
+                                          "lock tables",
+                                          "references",
+                                          "select",
+                                          "show view",
+                                          "create temporary tables",
+                                          "trigger",
+                                          "update"};
 
 std::string Name(const std::string& name) { return "`" + str::Replace(name, "`", "``") + "`"; }
 
@@ -52,7 +73,7 @@ std::string OptionValue(const std::string& value) {
     return "\"" + str::Replace(text, "'", "\\'") + "\"";
 }
 
-std::string OptionFile(const Access& access, const Account& account) {
+std::string OptionFile(const Access& access, const Login& account) {
     const auto line = [](const std::string& key, const std::string& value) {
         return value.empty() ? "" : key + "=" + OptionValue(value) + "\n";
     };
@@ -73,12 +94,22 @@ std::string Administer(const Access& access, const std::string& step, const std:
     return Run(step, job);
 }
 
-bool DatabaseExists(const Access& access) {
+}  // namespace
+
+bool HasDatabase(const Access& access) {
     return !Administer(access, "look",
                        "SELECT 1 FROM information_schema.SCHEMATA WHERE SCHEMA_NAME=" +
                            Text(access.database) + ";\n")
                 .empty();
 }
+
+bool HasAccount(const Access& access, const std::string& name) {
+    return !Administer(access, "look",
+                       "SELECT 1 FROM mysql.user WHERE User=" + Text(name) + " LIMIT 1;\n")
+                .empty();
+}
+
+namespace {
 
 /// The dump program leaves out the database's own character set: it goes in front, in a form that
 /// names no database.
@@ -122,7 +153,7 @@ void CopyWithoutDefiners(std::istream& in, std::ostream& out) {
     }
 }
 
-void Load(const Access& access, const Account& account, const std::string& database,
+void Load(const Access& access, const Login& account, const std::string& database,
           vel_file::ResHandle dump) {
     Job job;
     job.environment["MYSQL_PWD"] = account.password;
@@ -165,9 +196,9 @@ public:
         : access_(access),
           scratch_("b2_scratch_" + ShortHash(access.database)),
           owner_(!access.owner.empty() && !access.owner_password.empty()) {
-        account_ = owner_ ? Account{access.owner, access.owner_password}
-                          : Account{"b2_restore_" + ShortHash(access.database),
-                                    str::hex::Encode(str::Random(16))};
+        account_ = owner_ ? Login{access.owner, access.owner_password}
+                          : Login{"b2_restore_" + ShortHash(access.database),
+                                  str::hex::Encode(str::Random(16))};
         owner_ ? MakeOwner() : Unlock();
     }
     ~Loader() {
@@ -234,8 +265,38 @@ private:
     const Access& access_;
     std::string scratch_;
     bool owner_, used_scratch_ = false;
-    Account account_;
+    Login account_;
 };
+
+// ---- Accounts -----------------------------------------------------------------------------------
+
+std::string Authentication(const Account& account) {
+    if (account.form == "plain") return " IDENTIFIED BY " + Text(account.password);
+    if (account.form == "mysql_native")
+        return " IDENTIFIED WITH mysql_native_password AS " + Text(account.password);
+    return " ACCOUNT LOCK";
+}
+
+void MakeAccount(const Access& access, const Account& account) {
+    std::vector<std::string> hosts = account.hosts;
+    if (hosts.empty()) hosts = {"localhost"};
+    std::string sql;
+    const auto on = [&account](const std::string& host) {
+        return Text(account.name) + "@" + Text(host);
+    };
+    for (const std::string& host : hosts)
+        sql += "CREATE USER IF NOT EXISTS " + on(host) + Authentication(account) + ";\n";
+    for (const Account::Grant& grant : account.grants) {
+        const std::string rights = KnownRights(grant.rights, kRights);
+        if (rights.empty()) continue;
+        for (const std::string& host : hosts) {
+            if (!grant.host.empty() && grant.host != host) continue;
+            sql += "GRANT " + rights + " ON " + GrantName(access.database) + ".* TO " + on(host) +
+                   ";\n";
+        }
+    }
+    Administer(access, "accounts", sql);
+}
 
 }  // namespace
 
@@ -267,8 +328,9 @@ void Restore(const Access& access, vel_file::ResHandle dump) {
     Loader loader(access);
     // Definitions cannot be rolled back there: a dump that goes wrong half-way would leave neither
     // the old nor the new database. So it has to load once elsewhere before the old one goes.
-    if (DatabaseExists(access)) loader.LoadInto(loader.Scratch(), dump);
+    if (HasDatabase(access)) loader.LoadInto(loader.Scratch(), dump);
     loader.LoadInto(access.database, dump);
+    for (const Account& account : access.accounts) MakeAccount(access, account);
 }
 
 }  // namespace backup2_system::mysql

@@ -25,6 +25,9 @@ const vel_log::Module logger("backup2_system");
 constexpr char kMaintenance[] = "postgres";
 constexpr int kSwapAttempts = 5;
 
+const std::vector<std::string> kRights = {"all privileges", "select",   "insert",     "update",
+                                          "delete",         "truncate", "references", "trigger"};
+
 std::string Name(const std::string& name) { return "\"" + str::Replace(name, "\"", "\"\"") + "\""; }
 
 std::string Text(const std::string& text) {
@@ -62,6 +65,36 @@ std::string Administer(const Access& access, const std::string& step, const std:
     return str::Trim(Run(step, job));
 }
 
+std::string FindRole(const Access& access, const std::string& name) {
+    return Administer(access, "look",
+                      "SELECT rolsuper FROM pg_roles WHERE rolname=" + Text(name) + ";\n");
+}
+
+void MakeRole(const Access& access, const Account& account) {
+    if (!FindRole(access, account.name).empty()) return;
+    const bool usable =
+        account.form == "plain" || account.form == "postgresql_md5" || account.form == "scram";
+    Administer(access, "accounts",
+               "CREATE ROLE " + Name(account.name) +
+                   (usable ? " LOGIN PASSWORD " + Text(account.password) : " NOLOGIN") + ";\n");
+}
+
+/// The rights of one account in everything that the dump has made. The names of its schemas are a
+/// stranger's: the server quotes them itself, with no function but its own.
+std::string Grants(const std::string& rights, const std::string& role) {
+    const bool all = rights == "all privileges";
+    const auto each = [&](const std::string& what) {
+        return "SELECT format(" +
+               Text("GRANT " + what + " %I TO " + str::Replace(role, "%", "%%")) +
+               ", nspname) FROM pg_namespace WHERE nspname <> 'information_schema' AND "
+               "left(nspname, 3) <> 'pg_' \\gexec\n";
+    };
+    return "SET search_path = pg_catalog;\n" +
+           each((all ? "ALL" : "USAGE") + std::string(" ON SCHEMA")) +
+           each(rights + " ON ALL TABLES IN SCHEMA") +
+           each((all ? "ALL" : "USAGE, SELECT") + std::string(" ON ALL SEQUENCES IN SCHEMA"));
+}
+
 void CheckReadable(vel_file::ResHandle dump, const std::string& step) {
     if (::lseek(dump, 0, SEEK_SET) != 0) vel_err::RaiseErrno("lseek", "dump", errno);
     Job job;
@@ -87,8 +120,9 @@ public:
           old_("b2_old_" + hash_),
           login_("b2_restore_" + hash_),
           password_(str::hex::Encode(str::Random(16))) {
-        exists_ = Ask("SELECT 1 FROM pg_database WHERE datname=" + Text(access_.database)) == "1";
+        exists_ = HasDatabase(access);
         Clear();
+        for (const Account& account : access.accounts) MakeRole(access, account);
         owner_ = Owner();
         MakeLogin();
         MakeDatabase();
@@ -116,6 +150,19 @@ public:
         // What the dump made under the log-in's own name goes with the rest to the owner.
         Administer(access_, "load",
                    "REASSIGN OWNED BY " + Name(login_) + " TO " + Name(owner_) + ";\n", fresh_);
+    }
+
+    void GrantTo(const Account& account) {
+        if (account.name == owner_) return;
+        for (const Account::Grant& grant : account.grants) {
+            const std::string rights = KnownRights(grant.rights, kRights);
+            if (rights.empty()) continue;
+            const std::string role = Name(account.name);
+            Administer(access_, "accounts",
+                       "GRANT " + std::string(rights == "all privileges" ? "ALL" : "CONNECT") +
+                           " ON DATABASE " + Name(fresh_) + " TO " + role + ";\n");
+            Administer(access_, "accounts", Grants(rights, role), fresh_);
+        }
     }
 
     void Swap() {
@@ -157,7 +204,7 @@ private:
                     "WHERE NOT rolsuper AND datname=" +
                     Text(access_.database));
         if (owner.empty()) owner = "b2_owner_" + hash_;
-        const std::string found = Ask("SELECT rolsuper FROM pg_roles WHERE rolname=" + Text(owner));
+        const std::string found = FindRole(access_, owner);
         if (found == "t") throw vel_err::Error("database", "restore", "the owner is a superuser");
         if (found.empty()) MakeOwner(owner);
         return owner;
@@ -218,7 +265,18 @@ void Restore(const Access& access, vel_file::ResHandle dump) {
     CheckReadable(dump, "restore");
     Replacement replacement(access);
     replacement.Load(dump);
+    for (const Account& account : access.accounts) replacement.GrantTo(account);
     replacement.Swap();
+}
+
+bool HasDatabase(const Access& access) {
+    return !Administer(access, "look",
+                       "SELECT 1 FROM pg_database WHERE datname=" + Text(access.database) + ";\n")
+                .empty();
+}
+
+bool HasAccount(const Access& access, const std::string& name) {
+    return !FindRole(access, name).empty();
 }
 
 }  // namespace backup2_system::postgresql

@@ -107,7 +107,7 @@ class SystemCase(unittest.TestCase):
         if expect:
             self.assertEqual(len(done.stderr.strip().splitlines()), 1, done.stderr)
         self.assertEqual([p.name for p in (self.root / "var/run").iterdir()
-                          if not p.name.startswith("qorvel.sock")], [], "credentials left behind")
+                          if p.name.startswith("backup2_system.")], [], "credentials left behind")
         return done.stdout + done.stderr
 
     def dump(self, marker):
@@ -341,7 +341,7 @@ class Markers(unittest.TestCase):
         self.assertIn('name="user.edit"', marker.read_text())
         restored = self.tool("restore", marker)
         self.assertEqual(restored.returncode, 0)
-        self.assertIn("nothing to restore", restored.stdout)
+        self.assertIn("taken over", restored.stdout)
         self.assertEqual(self.tool("end", marker).returncode, 0)
         self.assertEqual(marker.read_text(), "")
 

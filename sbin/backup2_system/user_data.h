@@ -1,0 +1,26 @@
+/// The panel's document of a user on its way back.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "vel/vel_xml.h"
+
+#include "sbin/backup2_system/database.h"
+
+namespace backup2_system {
+
+/// What the way back asks of the panel; errors of the panel pass through.
+struct PanelAnswers {
+    vel_xml::Xml own;  ///< the user's document as the panel has it now
+    std::function<Access(const std::string& server)> server;  ///< how to log in there
+};
+
+/// Takes out of the document (in the form of this panel's edition) every database and every account
+/// that stands on a server here already and is not this user's: whoever wrote the document could
+/// name a stranger's, and a restore would put another in its place or give it away. One text for
+/// each thing that was taken out, and for each server that is not there.
+std::vector<std::string> TakeOutStrangers(const vel_xml::Xml& document, const PanelAnswers& panel);
+
+}  // namespace backup2_system
