@@ -16,6 +16,7 @@ void AddRun(CLI::App& app, Action& chosen);
 void AddList(CLI::App& app, Action& chosen);
 void AddShow(CLI::App& app, Action& chosen);
 void AddRestore(CLI::App& app, Action& chosen);
+void AddConvert(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);
 void AddDelete(CLI::App& app, Action& chosen);
 void AddCopy(CLI::App& app, Action& chosen);
