@@ -15,6 +15,7 @@ using Action = std::function<int()>;
 void AddRun(CLI::App& app, Action& chosen);
 void AddList(CLI::App& app, Action& chosen);
 void AddShow(CLI::App& app, Action& chosen);
+void AddFiles(CLI::App& app, Action& chosen);
 void AddRestore(CLI::App& app, Action& chosen);
 void AddConvert(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);

@@ -10,6 +10,7 @@
 #include "sbin/backup2/commands.h"
 #include "sbin/backup2/job.h"
 #include "sbin/backup2/output.h"
+#include "sbin/backup2/verified.h"
 
 namespace backup2_admin {
 namespace {
@@ -26,17 +27,24 @@ struct Options {
     bool own = false, json = false;
 };
 
-std::string KindWord(const Backup& backup) {
+bool Damaged(const Backup& backup) {
     try {
         backup.CheckRecord();
+        return false;
     } catch (const std::exception&) {
-        return "damaged";
+        return true;
     }
+}
+
+std::string KindWord(const Backup& backup) {
+    if (Damaged(backup)) return "damaged";
     return backup.Kind() + (backup.Deleted() ? " (deleted)" : "") +
            (backup.Pinned() ? " (pinned)" : "");
 }
 
-nlohmann::json Json(const Backup& backup) {
+nlohmann::json Json(const Backup& backup, const std::string& storage,
+                    const VerifiedBook& verified) {
+    const Verified last = verified.Find(backup);
     return {{"user", backup.user},
             {"date", backup.date},
             {"kind", backup.Kind()},
@@ -46,27 +54,40 @@ nlohmann::json Json(const Backup& backup) {
             {"encrypted", !backup.Get("key_hash").empty()},
             {"deleted", backup.Deleted()},
             {"pinned", backup.Pinned()},
+            {"damaged", Damaged(backup)},
+            {"storage", storage},
+            {"verified", last.when},
+            {"verified_good", last.good},
+            {"verified_deep", last.deep},
             {"created", backup.Get("created")},
             {"finished", backup.Get("finished")}};
 }
 
-void AddRow(Table& table, const Backup& backup, const std::string& storage) {
+std::string VerifiedWord(const Verified& verified) {
+    if (verified.when.empty()) return "-";
+    return verified.when.substr(0, verified.when.find(' ')) + (verified.good ? "" : " BAD");
+}
+
+void AddRow(Table& table, const Backup& backup, const std::string& storage,
+            const VerifiedBook& verified) {
     table.Add({backup.user, backup.date, KindWord(backup),
                backup.BaseDate().empty() ? "-" : backup.BaseDate(),
                HumanSize(static_cast<uint64_t>(str::Int64(backup.Get("size")))),
                backup.Get("parts"), storage + (backup.Get("key_hash").empty() ? "" : "+aes"),
-               backup.Get("finished")});
+               backup.Get("finished"), VerifiedWord(verified.Find(backup))});
 }
 
 int List(const Options& options) {
     const std::string user = options.user.empty() ? "" : CheckUser(options.user);
     nlohmann::json rows = nlohmann::json::array();
-    Table table("llllrrll");
-    table.Add({"USER", "DATE", "KIND", "BASE", "SIZE", "SLICES", "STORAGE", "FINISHED"});
+    const VerifiedBook verified;
+    Table table("llllrrlll");
+    table.Add(
+        {"USER", "DATE", "KIND", "BASE", "SIZE", "SLICES", "STORAGE", "FINISHED", "VERIFIED"});
     for (const Site& site : AskSites(options.own, user)) {
         for (const Backup& backup : FindBackups(site.local_dir, user, "")) {
-            rows.push_back(Json(backup));
-            AddRow(table, backup, site.token.Type());
+            rows.push_back(Json(backup, site.token.Type(), verified));
+            AddRow(table, backup, site.token.Type(), verified);
         }
     }
     if (options.json) {

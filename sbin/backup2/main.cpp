@@ -19,6 +19,7 @@ Examples:
   backup2 run bob                        back up one user
   backup2 run --all                      back up everybody
   backup2 list bob                       what there is of bob
+  backup2 files bob 2024-01-31 data      what is in a folder of a backup
   backup2 restore bob 2024-01-31 --to /root/bob-january
   backup2 restore bob 2024-01-31 --yes data/index.html
   backup2 verify bob                     read back every stored slice of bob
@@ -55,7 +56,7 @@ int Body(const std::vector<std::string>& args) {
     app.footer(kExamples);
     Action chosen;
     for (const auto add :
-         {AddRun, AddList, AddShow, AddRestore, AddConvert, AddVerify, AddDelete, AddPin, AddUnpin,
+         {AddRun, AddList, AddShow, AddFiles, AddRestore, AddConvert, AddVerify, AddDelete, AddPin, AddUnpin,
           AddLimit, AddCopy, AddCleanup, AddStorage, AddFetchSlice}) {
         add(app, chosen);
     }

@@ -9,11 +9,13 @@
 #include <chrono>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 
 #include <nlohmann/json.hpp>
 
 #include "vel/vel_env.h"
 #include "vel/vel_err.h"
+#include "vel/vel_tool.h"
 
 #include "sbin/backup2/output.h"
 
@@ -35,7 +37,7 @@ std::size_t ScreenWidth() {
 }
 
 vel_file::ResHandle OpenReports(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) vel_err::RaiseErrno("open", path, errno);
     return vel_file::ResHandle(fd);
 }
@@ -63,27 +65,32 @@ uint64_t Count(const nlohmann::json& report, const char* name) {
 }  // namespace
 
 ProgressView::ProgressView(std::string title, const std::string& dir)
-    : title_(std::move(title)),
-      file_(vel_file::ConcatPath(dir, "progress")),
-      reports_(OpenReports(file_.Path())),
-      start_(Now()) {
-    vel_env::SetEnv(kVariable, std::filesystem::absolute(file_.Path()).string());
+    : title_(std::move(title)), caller_file_(vel_env::GetEnv(kVariable)), start_(Now()) {
+    if (caller_file_.empty()) {
+        file_.emplace(vel_file::ConcatPath(dir, "progress"));
+        vel_env::SetEnv(kVariable, std::filesystem::absolute(file_->Path()).string());
+    }
+    reports_ = OpenReports(file_ ? file_->Path() : vel_tool::Absolute(caller_file_));
+    read_to_ = ::lseek(reports_, 0, SEEK_END);  // what stands there is of an earlier step
     if (isatty(STDERR_FILENO)) drawer_ = std::thread([this] { Draw(); });
 }
 
 ProgressView::~ProgressView() {
     Stop();
-    vel_env::UnsetEnv(kVariable);
+    if (file_) vel_env::UnsetEnv(kVariable);
 }
 
 void ProgressView::Measure(const std::string& root, const std::list<std::string>& folders) {
-    if (!drawer_.joinable()) return;
-    measurer_ = std::thread([this, root, folders] {
+    if (!drawer_.joinable() && caller_file_.empty()) return;
+    // Made here: the variable that names the file must not be read beside a change of others.
+    const auto report = std::make_shared<vel_tool::Progress>("measure");
+    measurer_ = std::thread([this, root, folders, report] {
         uint64_t total = 0;
         for (const std::string& folder : folders) {
             total += SizeOf(vel_file::ConcatPath(root, folder), stop_);
         }
         measured_ = total;
+        if (!stop_) report->Total(total, 0);
     });
 }
 
@@ -96,10 +103,10 @@ ProgressView::Line ProgressView::Finish(const std::string& tool) {
 }
 
 void ProgressView::Stop() {
-    if (!drawer_.joinable()) return;
     stop_ = true;
-    drawer_.join();
     if (measurer_.joinable()) measurer_.join();
+    if (!drawer_.joinable()) return;
+    drawer_.join();
     std::cerr << "\r\033[K" << std::flush;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -12,8 +13,9 @@
 
 namespace backup2_admin {
 
-/// While it lives the children report into a file of this object (BACKUP2_PROGRESS); on a terminal
-/// a thread draws a bar on standard error from it, with rate and time left. One at a time.
+/// While it lives the children report into a file of this object (BACKUP2_PROGRESS), or into the
+/// one that the caller of backup2 named by that variable; on a terminal a thread draws a bar on
+/// standard error from it, with rate and time left. One at a time.
 class ProgressView {
 public:
     struct Line {
@@ -27,7 +29,8 @@ public:
     ~ProgressView();
 
     /// Where the archiver cannot know how much there will be: measures these folders meanwhile, so
-    /// that the bar can tell the time left. Does nothing when nobody looks.
+    /// that the bar can tell the time left; a caller's file gets the sum as a line of step
+    /// "measure". Does nothing when nobody looks.
     void Measure(const std::string& root, const std::list<std::string>& folders);
 
     double Seconds() const;  ///< since it was made
@@ -40,8 +43,8 @@ private:
     std::string Bar() const;
     void Stop();
 
-    std::string title_;
-    vel_file::Tmp file_;
+    std::string title_, caller_file_;
+    std::optional<vel_file::Tmp> file_;  // when the caller named none
     vel_file::ResHandle reports_;
     int64_t read_to_ = 0;
     std::string half_line_;

@@ -21,6 +21,7 @@
 #include "sbin/backup2/job.h"
 #include "sbin/backup2/output.h"
 #include "sbin/backup2/progress.h"
+#include "sbin/backup2/verified.h"
 
 namespace backup2_admin {
 namespace {
@@ -141,10 +142,14 @@ Report Verification::Check(const Backup& backup) {
         CheckSlices(backup, report);
         CheckBase(backup, report);
         if (deep_ && report.bad.empty()) CheckDeep(backup, report);
+    } catch (const Busy& busy) {
+        report.bad.emplace_back(backup.Title(), busy.what());
+        return report;  // nothing was learned about the backup
     } catch (const std::exception& error) {
         report.bad.emplace_back(backup.Title(), Reason(error));
     }
     checked_.insert(backup.info_path);
+    RecordVerified(backup, {"", report.bad.empty(), deep_});
     return report;
 }
 
