@@ -20,6 +20,9 @@ public:
     /// requests are answered; while the panel is locked every answer is an error of type "locked".
     std::string Answer(const Parameters& parameters, Caller caller, const std::string& address);
 
+    /// For the page, whose downloads are sessions of this protocol.
+    Sessions& OpenSessions() { return sessions_; }
+
 private:
     Sessions sessions_;
 };

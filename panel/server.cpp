@@ -24,6 +24,7 @@
 #include "vel/vel_proc.h"
 
 #include "panel/cgi.h"
+#include "panel/page.h"
 #include "panel/requests.h"
 
 namespace panel {
@@ -227,14 +228,16 @@ void Serve(const ServeOptions& options) {
     Cgi cgi;
     std::atomic<bool> failed = false;
     const SocketFile socket_file;
+    Page page(requests.OpenSessions());
     auto local = BindLocal();
-    Route(*local, requests, Caller::LocalRoot);
     cgi.Route(*local, false);
+    Route(*local, requests, Caller::LocalRoot);
     std::unique_ptr<httplib::Server> tls;
     if (!options.tls_address.empty()) {
         tls = BindTls(options);
-        Route(*tls, requests, Caller::Network);
+        page.Register(*tls);
         cgi.Route(*tls, true);
+        Route(*tls, requests, Caller::Network);
     }
     {
         const Door local_door(std::move(local), failed);
@@ -242,8 +245,8 @@ void Serve(const ServeOptions& options) {
         std::cout << "ready" << std::endl;
         int signal = 0;
         ::sigwait(&end_signals, &signal);
-    }
         cgi.Stop();
+    }
     if (failed) throw vel_err::Error("panel", "listen", "a listening socket broke");
 }
 

@@ -1,0 +1,136 @@
+// Long work: its progress while it runs, and what came of it.
+import {get} from './api.js';
+import {announce, h, icon, notice, table} from './dom.js';
+import {bytes, moment, plural, seconds} from './format.js';
+
+const PAUSE_MS = 500;
+const TITLES = {run: 'Backup', restore: 'Restore', preview: 'Dry run', verify: 'Verification', check: 'Storage test'};
+const STEPS = {backup: 'Saving files', create: 'Saving files', upload: 'Storing', restore: 'Bringing files back',
+  download: 'Fetching', verify: 'Checking', measure: 'Measuring'};
+
+export function jobTitle(job) {
+  const of = [job.user, job.date].filter(Boolean).join(', ');
+  return `${TITLES[job.kind] ?? job.kind}${of ? ` of ${of}` : ''}`;
+}
+
+/** What became of a job in one word: running, done, warnings or failed. */
+export function outcome(job) {
+  if (job.running) return 'running';
+  if (job.status === 0) return 'done';
+  return job.status === 3 ? 'warnings' : 'failed';
+}
+
+function figures(job) {
+  const parts = [];
+  if (job.bytes > 0) parts.push(job.of_bytes > 0 ? `${bytes(job.bytes)} of ${bytes(job.of_bytes)}` : bytes(job.bytes));
+  if (job.files > 0) parts.push(plural(job.files, 'file'));
+  parts.push(seconds(Math.max(0, Date.now() / 1000 - job.started)));
+  return parts.join(' · ');
+}
+
+function share(job) {
+  if (job.of_bytes > 0) return Math.min(1, job.bytes / job.of_bytes);
+  return job.of_files > 0 ? Math.min(1, job.files / job.of_files) : null;
+}
+
+/** The bar with words; update(job) redraws it and tells listeners every quarter. */
+function progressView(job) {
+  const name = jobTitle(job);
+  const bar = h('progress', {max: '1', 'aria-label': `Progress: ${name}`});
+  const words = h('p', {class: 'figures'});
+  const step = h('span', {class: 'step-name'});
+  let told = 0;
+  const update = (now) => {
+    const part = share(now);
+    if (part === null) bar.removeAttribute('value');
+    else bar.value = part;
+    step.textContent = STEPS[now.step] ?? 'Starting';
+    words.textContent = (part === null ? '' : `${Math.floor(part * 100)} % · `) + figures(now);
+    const quarter = Math.floor((part ?? 0) * 4);
+    if (quarter > told) {
+      told = quarter;
+      announce(`${name}: ${quarter * 25} percent`);
+    }
+  };
+  update(job);
+  return {element: h('div', {class: 'job running'}, h('p', {class: 'job-title'}, h('strong', {}, name), ' ', step), bar, words), update};
+}
+
+function rows(lines) {
+  return lines.map((line) => {
+    const cut = line.indexOf('\t');
+    return h('tr', {}, h('td', {class: 'path'}, line.slice(0, cut)), h('td', {}, line.slice(cut + 1)));
+  });
+}
+
+/** The lines of a finished job: names with reasons as a table, others as text. */
+export function linesView(job, headings = ['Name', 'What happened'], caption = 'Details') {
+  const lines = job.lines ?? [];
+  const named = lines.filter((line) => line.includes('\t'));
+  const plain = lines.filter((line) => !line.includes('\t'));
+  const more = job.line_count - lines.length;
+  return [
+    plain.length ? h('ul', {class: 'plain-lines'}, plain.map((line) => h('li', {}, line))) : null,
+    named.length ? table(caption, headings.map((name) => ({name})), rows(named)) : null,
+    more > 0 ? h('p', {class: 'hint'}, `and ${plural(more, 'more line')}`) : null,
+  ];
+}
+
+const WORDS = {done: 'finished', warnings: 'finished with warnings', failed: 'failed'};
+const TONES = {done: 'good', warnings: 'warn', failed: 'bad'};
+
+export function resultView(job) {
+  const result = outcome(job);
+  const took = job.finished > job.started ? ` after ${seconds(job.finished - job.started)}` : '';
+  return h('div', {class: 'job'},
+    notice(TONES[result], h('p', {}, h('strong', {}, `${jobTitle(job)} ${WORDS[result]}`), `${took}, ${moment(job.finished)}`)),
+    linesView(job));
+}
+
+const pause = (signal) => new Promise((resolve) => {
+  const timer = setTimeout(resolve, PAUSE_MS);
+  signal?.addEventListener('abort', () => { clearTimeout(timer); resolve(); }, {once: true});
+});
+
+/** Shows the job inside `place` until it has ended; gives its last state, null when left. */
+export async function watchJob(id, place, signal, showResult = true) {
+  let view = null;
+  for (;;) {
+    const job = await get(`jobs/${id}`, {}, signal);
+    if (signal?.aborted) return null;
+    if (!job.running) {
+      announce(`${jobTitle(job)} ${WORDS[outcome(job)]}`);
+      place.replaceChildren(...(showResult ? [resultView(job)] : []));
+      return job;
+    }
+    if (view) view.update(job);
+    else {
+      view = progressView(job);
+      place.replaceChildren(view.element);
+      announce(`${jobTitle(job)} is running`);
+    }
+    await pause(signal);
+    if (signal?.aborted) return null;
+  }
+}
+
+/** The page of one job: #/job/ID. */
+export async function jobPage({params, signal}) {
+  const job = await get(`jobs/${params.id}`, {}, signal);
+  const place = h('section', {class: 'card', 'aria-label': 'Progress'});
+  const end = h('p', {class: 'actions'});
+  watchJob(params.id, place, signal).then((last) => {
+    if (!last) return;
+    if (last.report) end.append(h('a', {class: 'button primary', href: `#/report/${last.report}`}, 'Open the report'));
+    if (last.user) end.append(h('a', {class: 'button', href: `#/backups/${last.user}`}, 'To the backups'));
+  }).catch((error) => place.replaceChildren(notice('bad', error.message)));
+  return {title: jobTitle(job), content: [h('h1', {}, jobTitle(job)), place, end]};
+}
+
+/** A line that leads to the job that runs, if one does. */
+export async function runningJob(user, signal) {
+  const jobs = await get('jobs', user ? {user} : {all: 'yes'}, signal);
+  const job = jobs.find((one) => one.running);
+  return job ? h('p', {class: 'notice info'}, icon('clock'),
+    h('span', {}, `${jobTitle(job)} is running. `, h('a', {href: `#/job/${job.id}`}, 'Watch it'))) : null;
+}

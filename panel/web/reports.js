@@ -1,0 +1,47 @@
+// What restores could not bring back. Opening a report marks it as viewed.
+import {get, post} from './api.js';
+import {badge, h, notice, table} from './dom.js';
+import {plural} from './format.js';
+
+const TYPES = {all: 'everything', selected: 'chosen items', import: 'import'};
+const EVENTS = {file: 'file', db: 'database', get_data: 'restore'};
+
+function state(report) {
+  return [report.finalized ? null : badge('not ended', 'warn', 'clock'),
+    report.viewed ? h('span', {class: 'muted'}, 'viewed') : badge('new', 'info')];
+}
+
+function listRow(report) {
+  return h('tr', {},
+    h('th', {scope: 'row'}, h('a', {href: `#/report/${report.id}`}, report.date)),
+    h('td', {}, report.owner),
+    h('td', {}, TYPES[report.type] ?? report.type),
+    h('td', {}, report.events ? badge(plural(report.events, 'failure'), 'bad', 'cross') : badge('everything came back', 'good', 'check')),
+    h('td', {}, state(report)));
+}
+
+export async function reportsPage({session, signal}) {
+  const reports = await get('reports', session.admin ? {all: 'yes'} : {}, signal);
+  reports.sort((a, b) => b.date.localeCompare(a.date));
+  return {title: 'Reports', content: [h('h1', {}, 'Restore reports'),
+    reports.length ? table('Reports, the newest first', [{name: 'Begun'}, {name: 'User'}, {name: 'Restored'}, {name: 'Result'}, {name: 'State'}],
+      reports.map(listRow)) : h('p', {class: 'card empty'}, 'Nothing has been restored yet.')]};
+}
+
+function eventRow(event) {
+  const name = event.name.trim();
+  return h('tr', {}, h('td', {}, event.date), h('td', {}, EVENTS[event.type] ?? event.type),
+    h('td', {class: 'path'}, name), h('td', {}, event.error ?? (event.code === undefined ? '' : `code ${event.code}`)));
+}
+
+export async function reportPage({params, signal}) {
+  const report = await post(`reports/${params.id}`, {}, signal);
+  const none = report.finalized ? notice('good', h('p', {}, 'Everything came back.')) : notice('info', h('p', {}, 'Nothing failed so far.'));
+  return {title: `Report of ${report.date}`, content: [
+    h('p', {class: 'crumbs'}, h('a', {href: '#/reports'}, 'Reports'), ` / ${report.date}`),
+    h('h1', {}, `Restore of ${report.owner}, ${report.date}`),
+    h('p', {class: 'facts'}, h('span', {}, TYPES[report.type] ?? report.type), h('span', {}, report.finalized ? 'ended' : 'not ended'), h('span', {class: 'path'}, report.id)),
+    report.events.length ? [notice('bad', h('p', {}, `${plural(report.events.length, 'item')} did not come back.`)),
+      table('What did not come back', [{name: 'When'}, {name: 'What'}, {name: 'Name'}, {name: 'Reason'}], report.events.map(eventRow))] : none,
+    report.badchars ? h('p', {class: 'hint'}, 'Bytes of names that cannot be shown stand as “?”.') : null]};
+}
