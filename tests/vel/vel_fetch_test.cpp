@@ -40,7 +40,7 @@ protected:
         return (fetched ? "fetched " : "failed ") + ReadFile(target);
     }
     const FdCheck fds_;
-    const ChildCheck children_;
+    ChildCheck children_;
     const LogCapture log_;
 };
 
