@@ -24,10 +24,7 @@ std::map<std::string, std::string> KeyValues(const std::string& text) {
 std::string FindName(const Job& job, const Collected& from) {
     std::vector<std::string> names = from.Names("cp");
     const std::string& wanted = job.options.account;
-    if (names.empty())
-        names = {vel_file::Name(Lines(from.Text("homedir_paths") + "\n").empty()
-                                    ? ""
-                                    : Lines(from.Text("homedir_paths"))[0])};
+    if (names.empty()) names = {vel_file::Name(FirstLine(from.Text("homedir_paths")))};
     std::string list;
     for (const std::string& name : names) {
         if (!wanted.empty() && name == wanted) return name;
@@ -82,16 +79,13 @@ Account ConvertAccount(Job& job, const Collected& from) {
     job.document.External("account", account.there);
     job.document.External("home", Line(account.home));
     job.document.External("layout", from.layout);
-    job.document.External(
-        "version",
-        Line(values["VERSION"].empty() ? from.Text("version").substr(0, 60) : values["VERSION"]));
+    job.document.External("version", Line(FirstLine(from.Text("version"))));
     PanelObject user = job.document.Account(account.here);
-    const Password password =
-        FromShadow(Lines(from.Text("shadow") + "\n").empty() ? "" : Lines(from.Text("shadow"))[0]);
+    const Password password = FromShadow(FirstLine(from.Text("shadow")));
     job.Secret(user, password, "account", account.there);
+    const std::string contact = FirstLine(from.Text("homedir/.contactemail"));
     const std::string email =
-        Address(values["CONTACTEMAIL"].empty() ? from.Text("homedir/.contactemail")
-                                               : values["CONTACTEMAIL"]);
+        Address(values["CONTACTEMAIL"].empty() ? contact : values["CONTACTEMAIL"]);
     user.Param("email", email).Param("domain", account.main_domain);
     user.Param("plan", Line(values["PLAN"]))
         .Param("owner", IsName(values["OWNER"]) ? values["OWNER"] : "");

@@ -14,7 +14,7 @@ namespace {
 using namespace foreign_panel;
 
 constexpr std::size_t kMostText = 16 << 20, kMostTexts = 128 << 20;
-constexpr std::size_t kMostMailFolders = 200'000, kMostDatabases = 20'000;
+constexpr std::size_t kMostMailFolders = 200'000, kMostDatabases = 20'000, kMostOthers = 1000;
 
 bool In(const std::set<std::string>& names, const std::string& name) {
     return names.count(name) > 0;
@@ -123,7 +123,7 @@ private:
         } else if (file && (In(kTextFolders, top) || In(kTextFiles, name))) {
             Keep(name, reader);
         } else if (file) {
-            ++others_[top];
+            others_.insert(others_.size() < kMostOthers ? top : "(others)");
         } else if (entry.type != 'd') {
             job_.Lost("archive", name, "a link or device beside the home directory");
         }
@@ -244,7 +244,7 @@ private:
     // ---- The rest ----
 
     void ReportOthers() {
-        for (const auto& [name, count] : others_) {
+        for (const std::string& name : others_) {
             const auto known = kNotCarried.find(name);
             if (In(kNotNeeded, name))
                 job_.NotNeeded("archive", name);
@@ -258,7 +258,7 @@ private:
 
     Job& job_;
     Collected from_;
-    std::map<std::string, uint64_t> others_;
+    std::set<std::string> others_;  // names beside those that are known
     std::size_t texts_bytes_ = 0;
     std::string pending_name_, pending_;
 };
@@ -279,6 +279,11 @@ std::vector<std::string> Lines(const std::string& text) {
     str::Split(str::Replace(text, "\r", ""), "\n", lines);
     std::erase_if(lines, [](const std::string& line) { return str::Trim(line).empty(); });
     return lines;
+}
+
+std::string FirstLine(const std::string& text) {
+    const std::vector<std::string> lines = Lines(text);
+    return lines.empty() ? "" : str::Trim(lines.front());
 }
 
 Collected Collect(Job& job) { return Collector(job).Run(); }

@@ -48,6 +48,7 @@ Collected Collect(foreign_panel::Job& job);
 
 /// Lines of a text without line ends, blank ones left out.
 std::vector<std::string> Lines(const std::string& text);
+std::string FirstLine(const std::string& text);  ///< trimmed; "" when there is none
 
 Account ConvertAccount(foreign_panel::Job& job, const Collected& from);
 void ConvertDomains(foreign_panel::Job& job, const Collected& from, Account& account);

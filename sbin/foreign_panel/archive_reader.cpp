@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -84,29 +85,30 @@ ArchiveReader::ArchiveReader(const std::string& path, Budget& budget)
     file_size_ = static_cast<uint64_t>(st.st_size);
     buffer_.resize(kBlock);
     source_ = [this] { return ReadFile(); };
-    SetUp();
 }
 
 ArchiveReader::ArchiveReader(Source source, std::string name, Budget& budget)
-    : source_(std::move(source)), name_(std::move(name)), budget_(budget) {
-    SetUp();
+    : source_(std::move(source)), name_(std::move(name)), budget_(budget) {}
+
+ArchiveReader::~ArchiveReader() {
+    if (handle_) archive_read_free(handle_);
 }
 
-ArchiveReader::~ArchiveReader() { archive_read_free(handle_); }
-
+/// One compression at most: each further one would multiply the growth of a bomb.
 void ArchiveReader::SetUp() {
     handle_ = archive_read_new();
     if (!handle_) throw std::bad_alloc();
-    archive_read_support_filter_gzip(handle_);
-    archive_read_support_filter_zstd(handle_);
-    archive_read_support_filter_xz(handle_);
-    archive_read_support_filter_bzip2(handle_);
     archive_read_support_format_tar(handle_);
-    file_ ? archive_read_support_format_zip(handle_)
-          : archive_read_support_format_zip_streamable(handle_);
+    if (!gunzip_) {
+        archive_read_support_filter_zstd(handle_);
+        archive_read_support_filter_xz(handle_);
+        archive_read_support_filter_bzip2(handle_);
+        file_ ? archive_read_support_format_zip(handle_)
+              : archive_read_support_format_zip_streamable(handle_);
+    }
     archive_read_set_callback_data(handle_, this);
     archive_read_set_read_callback(handle_, &Feed);
-    if (!file_) return;
+    if (!file_ || gunzip_) return;
     archive_read_set_skip_callback(handle_, &Skip);
     archive_read_set_seek_callback(handle_, &Seek);
 }
@@ -128,8 +130,7 @@ ssize_t ArchiveReader::Feed(archive* handle, void* self, const void** bytes) {
         const int64_t unpacked = archive_filter_bytes(handle, 0);
         if (unpacked > 0)
             reader.budget_.CheckGrowth(reader.taken_, static_cast<uint64_t>(unpacked));
-        const std::string_view block = reader.source_();
-        reader.taken_ += block.size();
+        const std::string_view block = reader.gunzip_ ? reader.gunzip_->Next() : reader.Take();
         *bytes = block.data();
         return static_cast<ssize_t>(block.size());
     } catch (...) {
@@ -170,18 +171,38 @@ void ArchiveReader::Raise(const std::string& what) {
     std::rethrow_exception(failure_);
 }
 
+std::string_view ArchiveReader::Take() {
+    if (!peeked_.empty()) return std::exchange(peeked_, {});
+    const std::string_view block = source_();
+    taken_ += block.size();
+    return block;
+}
+
+bool ArchiveReader::IsGzip() {
+    if (file_) {
+        std::array<char, 2> magic{};
+        return ::pread(file_, magic.data(), magic.size(), 0) == 2 && magic[0] == '\x1f' &&
+               magic[1] == '\x8b';
+    }
+    peeked_ = Take();
+    return peeked_.substr(0, 2) == "\x1f\x8b";
+}
+
 void ArchiveReader::Open() {
     opened_ = true;
+    if (IsGzip()) gunzip_ = std::make_unique<Gunzip>([this] { return Take(); }, name_);
+    SetUp();
     if (archive_read_open1(handle_) != ARCHIVE_OK) Raise("no archive that can be read");
-    // One filter and the file itself: each further one would multiply the growth of a bomb.
     if (archive_filter_count(handle_) > 2) Raise("compressed more than once");
 }
 
-/// A tar file that was cut between two entries differs from a whole one by its end mark only.
-void ArchiveReader::CheckEnd() {
+/// A tar file that was cut between two entries differs from a whole one by its end mark only, and
+/// the sums of a compressed one stand behind it.
+void ArchiveReader::ReadToEnd() {
     const bool tar = (archive_format(handle_) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_TAR;
     if (tar && archive_filter_bytes(handle_, 0) <= archive_read_header_position(handle_))
         Raise("cut: it has no end mark");
+    while (gunzip_ && !gunzip_->Next().empty()) budget_.CheckGrowth(taken_, gunzip_->Unpacked());
 }
 
 bool ArchiveReader::Next(Entry& entry) {
@@ -192,7 +213,7 @@ bool ArchiveReader::Next(Entry& entry) {
     const int code = archive_read_next_header(handle_, &handle);
     if (code == ARCHIVE_EOF) {
         if (failure_) std::rethrow_exception(failure_);
-        CheckEnd();
+        ReadToEnd();
         return false;
     }
     // A warning tells of names that the C locale cannot show; their bytes are right nonetheless.

@@ -1,6 +1,6 @@
 /// Archives of strangers, read as a stream: tar (every dialect) and zip, plain or compressed by
 /// gzip, zstd, xz or bzip2, also archives within archives. Nothing is written and nothing is kept:
-/// memory does not grow with the archive.
+/// memory does not grow with the archive. What was read to its end has the sums that it says.
 #pragma once
 
 #include <sys/types.h>
@@ -9,12 +9,14 @@
 #include <ctime>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "vel/res_handle.h"
 
 #include "sbin/foreign_panel/budget.h"
+#include "sbin/foreign_panel/gunzip.h"
 
 struct archive;
 
@@ -63,11 +65,15 @@ private:
     static int64_t Seek(archive* handle, void* self, int64_t offset, int whence);
     void SetUp();
     void Open();
-    void CheckEnd();
+    bool IsGzip();
+    std::string_view Take();
+    void ReadToEnd();
     [[noreturn]] void Raise(const std::string& what);
     std::string_view ReadFile();
 
     Source source_;
+    std::unique_ptr<Gunzip> gunzip_;
+    std::string_view peeked_;  // taken from the source, and not given on yet
     std::string name_;
     Budget& budget_;
     vel_file::ResHandle file_;

@@ -46,14 +46,14 @@ std::string Setting(const std::string& line) {
 /// The schedule is cut off the line; "" when it has none.
 std::string TakeSchedule(std::string& line) {
     std::string schedule = TakeField(line);
-    if (!schedule.empty() && schedule[0] == '@')
-        return IsSchedule(schedule.substr(1)) ? schedule : "";
-    for (int field = 1; IsSchedule(schedule.substr(schedule.rfind(' ') + 1)) && field < 5; ++field)
-        schedule += " " + TakeField(line);
-    return std::count(schedule.begin(), schedule.end(), ' ') == 4 &&
-                   IsSchedule(schedule.substr(schedule.rfind(' ') + 1))
-               ? schedule
-               : "";
+    if (str::StartsWith(schedule, "@")) return IsSchedule(schedule.substr(1)) ? schedule : "";
+    if (!IsSchedule(schedule)) return "";
+    for (int field = 1; field < 5; ++field) {
+        const std::string next = TakeField(line);
+        if (!IsSchedule(next)) return "";
+        schedule += " " + next;
+    }
+    return schedule;
 }
 
 }  // namespace

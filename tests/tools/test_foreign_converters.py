@@ -5,6 +5,7 @@ import contextlib
 import json
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
@@ -140,7 +141,7 @@ class Good(Case):
                     self.assertIn(text, said)
                 self.assertNotIn("do-not-show", json.dumps(report))
                 self.check_home()
-                subprocess.run(["rm", "-r", self.out], check=True)
+                shutil.rmtree(self.out)
 
     def check_home(self):
         tree = tree_state(self.out)
@@ -173,7 +174,7 @@ class Good(Case):
                 records = {(r.get("name"), r.get("type"), r.text) for r in self.doc().iter("record")}
                 self.assertEqual(records, {("example.com.", "A", "192.0.2.9"), ("example.com.", "MX", "10 mail.example.com."),
                                            ("www.example.com.", "CNAME", "example.com."), ("example.com.", "TXT", '"v=spf1 \\"a\\" -all"')})
-                subprocess.run(["rm", "-r", self.out], check=True)
+                shutil.rmtree(self.out)
 
     def test_an_old_backup_of_plesk_has_an_archive_for_each_folder(self):
         report = self.convert(PLESK, self.archive("plesk-old.tgz"), "--user", "robert", status=3)
@@ -200,7 +201,7 @@ class Good(Case):
             self.assertEqual(tree_state(self.work), before)
             self.assertEqual(dry, self.convert(tool, archive, "--dry-run", status=3, out=False))
             self.assertEqual(dry, self.convert(tool, archive, status=3))
-            subprocess.run(["rm", "-r", self.out], check=True)
+            shutil.rmtree(self.out)
 
     def test_nothing_lost_is_status_0_and_the_report_also_goes_into_a_file(self):
         archive, target = self.archive("small.tar.gz"), self.work / "report.json"
@@ -253,6 +254,7 @@ class Hostile(Case):
     def test_no_archive_leaves_its_folder_or_takes_memory_without_bound(self):
         for name, (make, text, status) in foreign.HOSTILE.items():
             with self.subTest(name=name):
+                shutil.rmtree(self.out, ignore_errors=True)
                 archive = self.archive("hostile", make())
                 before = tree_state(self.work)
                 done, output, memory = self.measured([PLESK if name.startswith("plesk") else CPANEL, archive, self.out, "--max-size", "20G"])
@@ -262,7 +264,7 @@ class Hostile(Case):
                 self.assertEqual(self.out.exists(), status == 3)
                 if self.out.exists():
                     self.check_tree()
-                    subprocess.run(["rm", "-r", self.out], check=True)
+                    shutil.rmtree(self.out)
                 after = tree_state(self.work)
                 before.pop("place"), after.pop("place")  # its time changes with the folder in it
                 self.assertEqual(after, before)

@@ -1,0 +1,81 @@
+#include "sbin/foreign_panel/gunzip.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include <isa-l/igzip_lib.h>
+
+namespace foreign_panel {
+namespace {
+
+constexpr std::size_t kBlock = 128 << 10;
+
+const char* Explain(int code) {
+    if (code == ISAL_INCORRECT_CHECKSUM) return "its sum is wrong";
+    return code == ISAL_INVALID_WRAPPER ? "no gzip header" : "wrong data";
+}
+
+}  // namespace
+
+struct Gunzip::Impl {
+    Source source;
+    std::string name;
+    inflate_state state{};
+    std::unique_ptr<uint8_t[]> out{new uint8_t[kBlock]};
+    bool inside = false;
+    uint64_t unpacked = 0;
+
+    [[noreturn]] void Damaged(const char* why) const {
+        throw std::runtime_error(name + ": damaged: " + why);
+    }
+    bool Fill() {
+        const std::string_view bytes = source();
+        // The library does not change its input.
+        state.next_in = reinterpret_cast<uint8_t*>(const_cast<char*>(bytes.data()));
+        state.avail_in = static_cast<uint32_t>(bytes.size());
+        return !bytes.empty();
+    }
+    /// False at the end of the last member; zeros that fill a tape's block are no member.
+    bool Begin() {
+        while (true) {
+            if (state.avail_in == 0 && !Fill()) return false;
+            if (*state.next_in != 0 || unpacked == 0) break;
+            ++state.next_in;
+            --state.avail_in;
+        }
+        isal_inflate_reset(&state);
+        state.crc_flag = ISAL_GZIP;
+        return inside = true;
+    }
+};
+
+Gunzip::Gunzip(Source source, std::string name) : impl_(std::make_unique<Impl>()) {
+    impl_->source = std::move(source);
+    impl_->name = std::move(name);
+    isal_inflate_init(&impl_->state);
+}
+
+Gunzip::~Gunzip() = default;
+
+uint64_t Gunzip::Unpacked() const { return impl_->unpacked; }
+
+std::string_view Gunzip::Next() {
+    inflate_state& state = impl_->state;
+    std::size_t size = 0;
+    while (size == 0) {
+        if (!impl_->inside && !impl_->Begin()) return {};
+        state.next_out = impl_->out.get();
+        state.avail_out = kBlock;
+        const int code = isal_inflate(&state);
+        if (code < 0) impl_->Damaged(Explain(code));
+        size = kBlock - state.avail_out;
+        if (state.block_state == ISAL_BLOCK_FINISH)
+            impl_->inside = false;
+        else if (size == 0 && state.avail_in == 0 && !impl_->Fill())
+            impl_->Damaged("it ends too early");
+    }
+    impl_->unpacked += size;
+    return {reinterpret_cast<const char*>(impl_->out.get()), size};
+}
+
+}  // namespace foreign_panel
