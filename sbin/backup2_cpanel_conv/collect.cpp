@@ -6,6 +6,7 @@
 
 #include "sbin/backup2_cpanel_conv/collected.h"
 #include "sbin/foreign_panel/archive_reader.h"
+#include "sbin/foreign_panel/gunzip.h"
 #include "sbin/foreign_panel/values.h"
 
 namespace cpanel {
@@ -208,11 +209,14 @@ private:
     // ---- Dumps ----
 
     void Mysql(ArchiveReader& reader, const std::string& file) {
-        const std::string database = Stem(file, ".sql");
-        if (In(kOwnDatabases, First(database.empty() ? file : database)))
+        const std::string packed = Stem(file, ".gz"), plain = packed.empty() ? file : packed;
+        const std::string database = Stem(plain, ".sql");
+        if (In(kOwnDatabases, database.empty() ? file : database))
             return job_.NotNeeded("database", file);
         if (!Stem(file, ".create").empty()) return Keep("mysql/" + file, reader);
-        Dumped(from_.mysql, database, file, [&] { return job_.MysqlDump(database, From(reader)); });
+        Dumped(from_.mysql, database, file, [&] {
+            return job_.MysqlDump(database, packed.empty() ? From(reader) : Unpacked(reader, file));
+        });
     }
     void Postgresql(ArchiveReader& reader, const std::string& file) {
         if (str::EndsWith(file, "psql_users.sql") || str::EndsWith(file, "psql_grants.sql"))
@@ -238,6 +242,28 @@ private:
     static OutTree::Content From(ArchiveReader& reader) {
         return [&reader](std::string_view& bytes, uint64_t& offset) {
             return reader.Data(bytes, offset);
+        };
+    }
+
+    OutTree::Content Unpacked(ArchiveReader& reader, const std::string& file) {
+        struct State {
+            uint64_t packed = 0;
+            std::unique_ptr<Gunzip> gunzip;
+        };
+        const auto state = std::make_shared<State>();
+        state->gunzip = std::make_unique<Gunzip>(
+            [source = reader.AsSource(), counts = state.get()] {
+                const std::string_view piece = source();
+                counts->packed += piece.size();
+                return piece;
+            },
+            file);
+        return [this, state](std::string_view& bytes, uint64_t& offset) {
+            offset = state->gunzip->Unpacked();
+            bytes = state->gunzip->Next();
+            job_.budget.CountBytes(bytes.size());
+            job_.budget.CheckGrowth(state->packed, state->gunzip->Unpacked());
+            return !bytes.empty();
         };
     }
 

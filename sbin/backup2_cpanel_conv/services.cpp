@@ -20,6 +20,16 @@ void AddCertificate(Job& job, Account& account, const std::string& domain, const
     if (AddCertificate(job, domain, {domain}, pem)) account.certificates.insert(domain);
 }
 
+/// Hosts that were served with a certificate there and are not here.
+void ReportMissing(Job& job, const Collected& from, const Account& account) {
+    for (const std::string& file : from.Names("userdata")) {
+        if (!str::EndsWith(file, "_SSL")) continue;
+        const std::string domain = Domain(file.substr(0, file.size() - 4));
+        if (!domain.empty() && account.certificates.count(domain) == 0)
+            job.Lost("certificate", domain, "the archive does not hold it");
+    }
+}
+
 }  // namespace
 
 void ConvertCertificates(Job& job, const Collected& from, Account& account) {
@@ -35,6 +45,7 @@ void ConvertCertificates(Job& job, const Collected& from, Account& account) {
                            from.Text("sslcerts/" + file) + "\n" +
                            from.Text("sslcerts/" + name + ".cabundle"));
     }
+    ReportMissing(job, from, account);
 }
 
 void ConvertZones(Job& job, const Collected& from, const Account&) {

@@ -33,7 +33,7 @@ CPANEL_OBJECTS = [
     ("webdomain", "parked.example", "kind", ["alias"]), ("webdomain", "parked.example", "docroot", []),
     ("db", "bob_shop->mysql->bob", "dump", ["db/mysql.bob_shop.sql"]), ("db", "bob_shop->mysql->bob", "owner", ["bob_shop->mysql"]),
     ("db", "bob_shop->mysql->bob", "collation", ["utf8mb4_unicode_ci"]), ("db", "bob_shop->mysql->bob", "version", ["8.0.35"]),
-    ("db", "bob_cut->mysql->bob", "complete", ["no"]),
+    ("db", "bob_cut->mysql->bob", "complete", ["no"]), ("db", "bob_zip->mysql->bob", "dump", ["db/mysql.bob_zip.sql"]),
     ("db", "bob_pg->postgresql->bob", "format", ["tar"]), ("db", "bob_text->postgresql->bob", "dump", []),
     ("db", "roundcube->mysql->bob", "name", []),
     ("db.user", "bob_shop->mysql", "password", [foreign.NATIVE]), ("db.user", "bob_shop->mysql", "host", ["localhost"]),
@@ -120,7 +120,7 @@ class Case(unittest.TestCase):
 
 class Good(Case):
     def test_an_account_of_cpanel_is_carried_whichever_version_packed_it(self):
-        for name, layout, lost in (("cpmove-bob.tar.gz", "homedir/", ["/srv/elsewhere"]),
+        for name, layout, lost in (("cpmove-bob.tar.gz", "homedir/", ["/srv/elsewhere", "does not hold it"]),
                                    ("backup-1.31.2024_12-00-00_bob.tar.gz", "homedir.tar", [])):
             with self.subTest(name=name):
                 report = self.convert(CPANEL, self.archive(name), status=3)
@@ -155,6 +155,7 @@ class Good(Case):
         self.assertEqual((self.out / "data/latin-\udce9").read_text(), "odd bytes")
         self.assertEqual({tree["data/" + name].mtime_ns for name in ("public_html", "public_html/index.html", "www")}, {1706659200 * 10**9})
         dump = (self.out / "db/mysql.bob_shop.sql").read_text()
+        self.assertEqual(dump, (self.out / "db/mysql.bob_zip.sql").read_text())
         self.assertEqual(dump, foreign.DUMP.replace("COLLATE utf8mb4_0900_ai_ci", "COLLATE utf8mb4_unicode_520_ci")
                          .replace("utf8mb4_0900_as_cs", "utf8mb4_bin"))
 
