@@ -5,15 +5,21 @@ endif()
 install(DIRECTORY DESTINATION var/backup/qorvel DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
 install(DIRECTORY DESTINATION var/run DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
 
-# A program of sbin/: built into <build>/sbin, installed into sbin/, finds lib/ beside it.
-function(backup2_program name)
+# A program of a folder of the install root: built into <build>/FOLDER, finds lib/ beside it.
+function(backup2_program_in folder name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE backup2_warnings)
   set_target_properties(${name} PROPERTIES
-    RUNTIME_OUTPUT_DIRECTORY ${BACKUP2_SBIN_DIR}
+    RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${folder}
     BUILD_RPATH "$ORIGIN/../lib"
     INSTALL_RPATH "$ORIGIN/../lib")
-  install(TARGETS ${name} RUNTIME DESTINATION sbin)
+  install(TARGETS ${name} RUNTIME DESTINATION ${folder})
+endfunction()
+function(backup2_program name)
+  backup2_program_in(sbin ${name} ${ARGN})
+endfunction()
+function(backup2_cgi name)  # run by the panel
+  backup2_program_in(velcgi ${name} ${ARGN})
 endfunction()
 
 # Limits for ssh and scp. Below the install root it is only a template (docs/storage.md); packages

@@ -4,7 +4,8 @@
     vel/            each module may include the modules before it in VEL, and hides third-party
                     headers in its .cpp files
     backup_common/  sees vel; its headers, but for detail/, stand alone; no third-party headers at all
-    sbin/, panel/   see the layers below and their own folder; third-party headers in .cpp only
+    sbin/, velcgi/  see the layers below and their own folder; third-party headers in .cpp only
+    panel/          the same, but of the layers below only vel
 
 Tests and benchmarks see everything. Usage: check_layers.py [top of the tree]
 """

@@ -286,7 +286,7 @@ class OverTls(PanelCase):
         self.assertIsNotNone(self.ask(func="auth", auth=admin, username="bob", key=key).find("auth"))
         for func in ("user", "user.edit", "backup2.settings", "backup2.storage",
                      "backup2.storage.set", "backup2.storage.remove",
-                     "backup2.item.info", "backup2.user.data", "backup2.database"):
+                     "backup2.item.info", "backup2.user.data", "backup2.database", "session.take"):
             answer = self.ask(func=func, elid="bob", auth=admin)
             self.assertEqual(answer.find("error").get("type"), "func", func)
 
