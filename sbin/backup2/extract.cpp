@@ -72,8 +72,12 @@ Extraction::Result Extraction::Run(const std::string& action, const std::string&
         argv.push_back("--");
         argv.insert(argv.end(), paths.begin(), paths.end());
     }
+    return RunArchiver(std::move(argv));
+}
+
+Extraction::Result RunArchiver(std::vector<std::string> argv) {
     vel_proc::Execute archiver(std::move(argv), vel_proc::kJoinErrors);
-    Result result;
+    Extraction::Result result;
     Sort(archiver.Str(), result);
     result.status = archiver.Result();
     return result;

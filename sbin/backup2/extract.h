@@ -1,4 +1,4 @@
-/// Runs the archiver over a stored backup.
+/// Runs the archiver over a stored backup, or over an archive that lies here.
 #pragma once
 
 #include <string>
@@ -33,5 +33,8 @@ private:
     std::string local_dir_, index_;
     vel_file::TmpDir slices_;
 };
+
+/// Runs the archiver and sorts what it says. `argv` begins with its path.
+Extraction::Result RunArchiver(std::vector<std::string> argv);
 
 }  // namespace backup2_admin
