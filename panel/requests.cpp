@@ -247,6 +247,18 @@ void DatabaseAccess(const Request& r, vel_xml::XmlNode doc) {
     throw vel_err::Error("missed", "database", id);
 }
 
+/// The panel forgets it; the server keeps it.
+void RemoveDatabase(const Request& r, vel_xml::XmlNode doc) {
+    const std::string id = r.Get("elid");
+    for (const Database& database : r.store.Databases(r.Get("user"))) {
+        if (database.server + "." + database.name != id) continue;
+        r.store.RemoveDatabase(database);
+        doc.AppendChild("ok");
+        return;
+    }
+    throw vel_err::Error("missed", "database", id);
+}
+
 // ---- The table ----------------------------------------------------------------------------------
 
 struct Entry {
@@ -269,6 +281,7 @@ const std::map<std::string, Entry> kRequests = {
     {"backup2.user.restore", {UserRestore, false}},
     {"backup2.server", {ServerAccess, false}},
     {"backup2.database", {DatabaseAccess, false}},
+    {"backup2.database.remove", {RemoveDatabase, false}},
 };
 
 std::string Message(const vel_err::Error& error) {
