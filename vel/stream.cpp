@@ -69,8 +69,11 @@ ResHandle OpenPlain(const std::string& path, int flags) {
 
 ResHandle OpenForWriting(const std::string& path) {
     ResHandle fd = OpenPlain(path, O_WRONLY | O_CREAT | O_NOFOLLOW);
-    // A character device cannot be cut, and need not be.
-    if (::ftruncate(fd, 0) != 0 && errno != EINVAL) vel_err::RaiseErrno("truncate", path, errno);
+    struct stat st;
+    if (::fstat(fd, &st) != 0) vel_err::RaiseErrno("stat", path, errno);
+    // An empty file is not cut: ext4 would write all of it out before it lets go of a file that
+    // was.
+    if (st.st_size > 0 && ::ftruncate(fd, 0) != 0) vel_err::RaiseErrno("truncate", path, errno);
     return fd;
 }
 
