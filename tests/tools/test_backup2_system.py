@@ -104,7 +104,7 @@ class SystemCase(unittest.TestCase):
         # The leak checker of a sanitizer build cannot work below strace.
         done = backup2_test.run(argv, **({"ASAN_OPTIONS": "detect_leaks=0"} if prefix else {}))
         self.assertEqual(done.returncode, expect, done.stdout + done.stderr)
-        if expect:
+        if expect == 1:
             self.assertEqual(len(done.stderr.strip().splitlines()), 1, done.stderr)
         self.assertEqual([p.name for p in (self.root / "var/run").iterdir()
                           if p.name.startswith("backup2_system.")], [], "credentials left behind")
@@ -177,6 +177,31 @@ class SystemCase(unittest.TestCase):
                 self.assertEqual(self.state("cut"), before)
 
 
+    def test_accounts_of_the_document_get_rights_in_their_database_alone(self):
+        marker, document = self.make("gran_ted", "owner5"), self.system / "user.bob"
+        accounts = "".join(f'<elem><param name="name">{name}</param><param name="type">{self.server.type}</param>'
+                           f'<param name="password" form="plain">it\'s "{name}"</param>'
+                           f'<grant database="{database}">{rights}</grant></elem>' for name, database, rights in (
+                               ("reader", "gran_ted", "SELECT, SUPER, nonsense; DROP"), ("o'dd %s", "gran_ted", "all"),
+                               ("nobody", "other", "ALL PRIVILEGES")))
+        document.write_text(f'<doc><info dist="3"/><elem name="db.user">{accounts}</elem></doc>')
+        self.tool("restore", document)
+        for _ in range(2):  # the second time they are there
+            self.restore(marker, self.dump(marker))
+            self.assertEqual(self.rights("reader", "gran_ted"), "read")
+            self.assertEqual(self.rights("o'dd %s", "gran_ted"), "all")
+        self.assertEqual(self.server.sql(self.NOBODY), "")
+        # An account that is no longer the document's is a stranger's for the next one that names it.
+        self.panel.command("user remove bob")
+        self.panel.command(["user", "add", "bob", "--root", str(self.tree), "--uid", "1001"])
+        self.give("gran_ted")
+        document.write_text('<doc><info dist="3"/><elem name="db"><elem><param name="name">new</param><param '
+                            f'name="type">{self.server.type}</param><param name="dbserver">srv</param></elem></elem>'
+                            f'<elem name="db.user">{accounts}</elem></doc>')
+        shown = self.tool("restore", document, expect=3)
+        self.assertIn("account reader: it is there already", shown)
+
+
 class MariaDb(SystemCase):
     kind, DUMPER = "mariadb", "mariadb-dump"
     SPOIL = ("DELETE FROM plain; DROP VIEW few; CREATE TABLE later (a INT); DROP FUNCTION twice;"
@@ -221,6 +246,16 @@ class MariaDb(SystemCase):
             SELECT EVENT_NAME FROM information_schema.EVENTS WHERE EVENT_SCHEMA='{name}';
             SELECT DEFAULT_CHARACTER_SET_NAME FROM information_schema.SCHEMATA WHERE SCHEMA_NAME='{name}';
             """, name)
+
+    NOBODY = "SELECT User FROM mysql.user WHERE User='nobody'"
+
+    def rights(self, name, database):
+        quoted = name.replace("'", "''")
+        granted = self.server.sql(f"SHOW GRANTS FOR '{quoted}'@localhost").splitlines()
+        self.assertEqual(len(granted), 2, granted)
+        escaped = database.replace("_", "\\_")
+        return {f"GRANT SELECT ON `{escaped}`.*": "read", f"GRANT ALL PRIVILEGES ON `{escaped}`.*": "all"}[
+            granted[1].split(" TO ")[0]]
 
     def test_the_account_of_a_restore_is_locked_afterwards(self):
         marker = self.make("locked")
@@ -285,6 +320,15 @@ class Postgres(SystemCase):
             SELECT lo_from_bytea(4242, 'large object'); COMMENT ON TABLE plain IS 'noted';
             """ % MAGIC.hex(), name)
         return self.give(name, owner)
+
+    NOBODY = "SELECT rolname FROM pg_roles WHERE rolname='nobody'"
+
+    def rights(self, name, database):
+        quoted = name.replace("'", "''")
+        shown = self.server.sql("SELECT " + ", ".join(
+            f"has_table_privilege('{quoted}', 'plain', '{right}')" for right in ("SELECT", "DELETE")) +
+            f", rolsuper, rolcanlogin FROM pg_roles WHERE rolname = '{quoted}'", database)
+        return {"t|f|f|t": "read", "t|t|f|t": "all"}[shown]
 
     def state(self, name):
         return self.server.sql("""
