@@ -145,6 +145,7 @@ void Contents::Put(ArchiveReader& reader, const Entry& entry, std::vector<Use>& 
         if (!Below(target, use.offset, inner_target)) inner_target.clear();
         return PutInto(reader, entry, use, inner, inner_target);
     }
+    if (entry.type != 'd') job_.Lost("content", path, "nothing in the description leads to it");
 }
 
 void Contents::PutInto(ArchiveReader& reader, const Entry& entry, Use& use,

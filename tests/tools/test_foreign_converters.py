@@ -165,7 +165,8 @@ class Good(Case):
                 report = self.convert(PLESK, self.archive(name), status=3)
                 self.check_objects(PLESK_OBJECTS)
                 said = json.dumps(report["lost"])
-                for text in ("conf of example.com", "httpdocs/etc", "mssql", "PTR", "mailing lists", "log-in plain"):
+                for text in ("conf of example.com", "httpdocs/etc", "mssql", "PTR", "mailing lists", "log-in plain",
+                             "stray/Maildir/cur/3"):
                     self.assertIn(text, said)
                 self.assertIn("encrypted with the other panel's key", json.dumps(report["changed"]))
                 web = self.out / "data/vhosts/example.com"
