@@ -26,6 +26,14 @@ def control(settings, **command):
     urllib.request.urlopen(request, timeout=30).close()
 
 
+def kill_tree(pid):
+    """Kills the process and all that come from it."""
+    children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+    os.kill(pid, signal.SIGKILL)
+    for child in children:
+        kill_tree(int(child))
+
+
 def place_of(settings):
     return "127.0.0.1", urllib.parse.urlsplit(settings.get("endpoint") or settings["api"]).port
 
@@ -193,6 +201,19 @@ class Faults(StorageCase):
         self.assertIn(MONDAY, self.backup2("list", USER))  # still known: its files are there yet
         self.assert_fails("sftp storage", "no way in to 127.0.0.1", "refused", date=TUESDAY)
 
+    def test_a_server_killed_in_the_middle_of_an_upload(self):
+        there = self.serve("pureftpd", FTP_RATE="300000")
+        folder = pathlib.Path(there["root"])
+        self.use(ftp(there, "store"))
+        job = self.run_until(lambda: list(folder.rglob("backup2-*.part")))
+        kill_tree(int((folder.parents[1] / "pid").read_text()))
+        said = job.communicate(timeout=100)[1]
+        self.assertEqual(job.returncode, 1, said)
+        self.assertRegex(said, f"F{MONDAY}.*ftp storage|ftp storage.*F{MONDAY}")
+        self.assertEqual([p.name for p in folder.rglob("*") if p.is_file() and not p.match("backup2-*.part")], [])
+        self.add(ftp(self.serve("pureftpd"), "store"), "--replace", "--slice-size", "128K", password=PASSWORD)
+        self.assert_recovers()
+
     def test_another_host_key_stops_every_job_until_it_is_accepted(self):
         ssh = self.serve("sshd")
         self.use(sftp(ssh, "store"))
@@ -259,16 +280,24 @@ class Faults(StorageCase):
                 self.assert_recovers(MONDAY)
                 shutil.rmtree(self.local / USER)
 
-    def kill_a_run(self, is_place):
-        """Kills a backup with all its programs, in the middle of an upload."""
+    def run_until(self, is_place):
+        """A backup in the middle of an upload."""
         job = backup2_test.start(["backup2", "run", USER, "--date", MONDAY], **self.env)
-        try:
-            while not is_place():
-                self.assertIsNone(job.poll(), "it ended before its time")
-                time.sleep(0.002)
+        self.addCleanup(self.end, job)
+        while not is_place():
+            self.assertIsNone(job.poll(), "it ended before its time")
+            time.sleep(0.002)
+        return job
+
+    @staticmethod
+    def end(job):
+        """Kills it with all its programs, when it is still at work."""
+        if job.poll() is None:
             os.killpg(job.pid, signal.SIGKILL)
-        finally:
-            job.communicate()
+        job.communicate()
+
+    def kill_a_run(self, is_place):
+        self.end(self.run_until(is_place))
 
     def assert_killed_and_well(self, is_place, swept=0):
         self.change()
