@@ -65,9 +65,10 @@ int CleanUser(const std::string& user, const std::string& admin_dir, const std::
     }
 }
 
-/// Uploads in parts that a killed program left: they take room, and no listing shows them.
+/// What killed uploads left where no later upload removes it: it takes room.
 int Sweep(const Site& site) {
-    if (!backup2::IsS3Type(site.token.Type())) return vel_tool::kDone;
+    const std::string type = site.token.Type();
+    if (!backup2::IsS3Type(type) && type != "yandex") return vel_tool::kDone;
     UseStorage(site.token);
     const Done done = RunTool({"backup2_cp", "--sweep"});
     std::cout << done.output << std::flush;
