@@ -14,7 +14,7 @@ namespace {
 
 using namespace foreign_panel;
 
-constexpr std::size_t kMostText = 16 << 20, kMostTexts = 128 << 20;
+constexpr std::size_t kMostText = 16 << 20, kMostTexts = 128 << 20, kTextOverhead = 256;
 constexpr std::size_t kMostMailFolders = 200'000, kMostDatabases = 20'000, kMostOthers = 1000;
 
 bool In(const std::set<std::string>& names, const std::string& name) {
@@ -140,7 +140,7 @@ private:
         }
     }
     void KeepText(const std::string& name, const std::string& text) {
-        texts_bytes_ += name.size() + text.size();
+        texts_bytes_ += kTextOverhead + name.size() + text.size();
         if (texts_bytes_ > kMostTexts)
             throw std::runtime_error("the archive describes more than can be kept");
         from_.texts[name] = text;
@@ -192,7 +192,11 @@ private:
         if (box.empty() || entry.type == 'l' || Domain(domain).empty() ||
             domain.find('.') == std::string::npos)
             return {};
-        if (from_.mail.size() >= kMostMailFolders) return {};
+        if (from_.mail.size() >= kMostMailFolders && from_.mail.count(domain + "/" + box) == 0) {
+            job_.Lost("mailbox", box + "@" + domain,
+                      "too many mailboxes: its folder is kept, not its log-in");
+            return {};
+        }
         MailFolder& folder = from_.mail[domain + "/" + box];
         const std::string part = First(inner);
         folder.maildir = folder.maildir || part == "cur" || part == "new";

@@ -210,7 +210,12 @@ bool PostgresqlStatement(const Statement& statement, DatabaseUsers& users) {
 using Reader = bool (*)(const Statement&, DatabaseUsers&);
 
 void ReadAll(Lexer lexer, Reader read, DatabaseUsers& users, std::vector<std::string>& bad) {
-    for (Statement statement; users.size() < kMostUsers && lexer.Next(statement);) {
+    for (Statement statement; lexer.Next(statement);) {
+        if (users.size() >= kMostUsers || bad.size() >= kMostUsers) {
+            bad.push_back("everything behind the first " +
+                          str::Str(static_cast<uint64_t>(kMostUsers)));
+            return;
+        }
         try {
             if (!read(statement, users)) bad.push_back(Described(statement));
         } catch (const std::runtime_error& e) {

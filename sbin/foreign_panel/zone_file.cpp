@@ -180,8 +180,14 @@ std::vector<DnsRecord> ReadZone(const std::string& text, const std::string& zone
                                 std::vector<std::string>& bad) {
     Scanner scanner(text);
     ZoneReader reader(zone, bad);
-    for (Words line; reader.records.size() + bad.size() < kMostRecords && scanner.Next(line);)
+    for (Words line; scanner.Next(line);) {
+        if (reader.records.size() + bad.size() >= kMostRecords) {
+            bad.push_back("everything behind the first " +
+                          str::Str(static_cast<uint64_t>(kMostRecords)));
+            break;
+        }
         reader.Take(line);
+    }
     return reader.records;
 }
 
