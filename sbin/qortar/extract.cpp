@@ -96,6 +96,7 @@ void PlannedRestore::RestoreEntry(EntryReader& reader, const Record& record, Ite
                                   Writer& writer) {
     item.name = plan_.NameFor(record);
     item.mtime = record.mtime;
+    target_.Adopt(item);
     if (item.type != 'f') {
         const std::lock_guard lock(mutex_);
         headers_[item.name] = item;
@@ -169,6 +170,7 @@ void PlannedRestore::MakeFolders(Writer& writer) {
 Item PlannedRestore::WholeItem(const Record& record) {
     Item item = record.AsItem();
     item.name = plan_.NameFor(record);
+    target_.Adopt(item);
     const auto header = record.xattrs ? headers_.find(item.name) : headers_.end();
     if (header == headers_.end()) return item;
     item.xattrs = std::move(header->second.xattrs);
@@ -401,6 +403,7 @@ int StreamRestore::Run() {
     try {
         while (reader.Tar().Next(item)) {
             if (!selection_.Holds(item.name)) continue;
+            target_.Adopt(item);
             Attempt(report_, item.name, [&] {
                 options_.dry_run ? Preview(item, writer) : Restore(reader.Tar(), item, writer);
             });

@@ -41,6 +41,7 @@ Reading:
   --fetch CMD                run for each piece that is not there; %p, %f: where it must appear
   --overwrite WHEN           always, changed, newer or never
   --dry-run                  say what would be made
+  --own                      with --user: whoever owned an entry, it becomes the user's
   --json                     report as JSON
 Both:
   --root R                   where names begin
@@ -102,6 +103,7 @@ private:
     bool TakeFlag(const std::string& word) {
         if (word == "--dry-run") return options_.dry_run = true;
         if (word == "--json") return options_.json = true;
+        if (word == "--own") return options_.own = true;
         return false;
     }
 
@@ -127,6 +129,7 @@ private:
         const bool create = options_.action == Action::Create;
         if (create || options_.action == Action::Extract) Need(options_.root, "--root");
         if (create) Need(options_.save_listing, "--save-listing");
+        if (options_.own) Need(options_.user, "--user");
         if (options_.hook_dir.empty() != options_.hook_execute.empty()) {
             throw UsageError("--backup-hook and --backup-hook-execute need each other");
         }

@@ -37,6 +37,7 @@ struct Options {
     std::string fetch;         ///< --fetch: command for each slice that is not there, or ""
     Overwrite overwrite = Overwrite::Always;
     bool dry_run = false;
+    bool own = false;   ///< --own: all of it becomes the user's, whoever owned it
     bool json = false;  ///< --json: reports as JSON
 };
 

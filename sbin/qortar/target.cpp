@@ -201,6 +201,14 @@ Target::Target(const Options& options)
     groups = GroupsOf(options.user, gid);
     if (made && privileged && ::fchown(root, uid, gid) != 0) Fail("chown", errno);
     with_rights = privileged && uid != 0 && MayEnter(*this);
+    own = options.own;
+}
+
+void Target::Adopt(Item& item) const {
+    if (!own) return;
+    item.uid = uid;
+    item.gid = gid;
+    item.mode &= 01777;
 }
 
 // ---- The thread's rights ------------------------------------------------------------------------

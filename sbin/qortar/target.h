@@ -38,11 +38,14 @@ std::string NameProblem(const std::string& name);
 /// What all threads share.
 struct Target {
     explicit Target(const Options& options);  ///< opens the root, which is made when missing
+    /// With `own`: gives the entry to the user. Set-id bits go, they were another owner's word.
+    void Adopt(Item& item) const;
     vel_file::ResHandle root;
     Overwrite overwrite;
     bool privileged;           ///< may set owners
     bool for_user = false;     ///< the rules for a user's tree hold
     bool with_rights = false;  ///< and names are made with his rights
+    bool own = false;          ///< and all that is restored becomes his
     uid_t uid = 0;
     gid_t gid = 0;
     std::vector<gid_t> groups;
