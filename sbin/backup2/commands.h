@@ -17,6 +17,7 @@ void AddList(CLI::App& app, Action& chosen);
 void AddShow(CLI::App& app, Action& chosen);
 void AddFiles(CLI::App& app, Action& chosen);
 void AddRestore(CLI::App& app, Action& chosen);
+void AddReport(CLI::App& app, Action& chosen);
 void AddConvert(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);
 void AddDelete(CLI::App& app, Action& chosen);

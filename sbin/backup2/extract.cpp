@@ -23,6 +23,7 @@ void Sort(const std::string& output, Extraction::Result& result) {
                 str::StartsWith(line, kArchiver + ": ") ? line.substr(kArchiver.size() + 2) : line;
             continue;
         }
+        result.failed += line + "\n";
         const std::string first = str::GetWord(line, '\t');
         result.lines.push_back(Printable(backup2::DecodeFileName(first)) + "\t" + line);
     }

@@ -15,6 +15,7 @@ public:
     struct Result {
         int status = 0;
         std::vector<std::string> lines;  ///< "name TAB reason", fit for a terminal
+        std::string failed;              ///< the same lines as the archiver wrote them
         std::string message;             ///< the archiver's own last word, "" when it had none
         /// Throws when the archiver failed as a whole and not only for the names in `lines`.
         void ThrowIfFatal(const std::string& title) const;

@@ -13,11 +13,14 @@
 #include "vel/vel_user.h"
 
 #include "sbin/backup2/commands.h"
+#include "sbin/backup2/edition.h"
 #include "sbin/backup2/entries.h"
 #include "sbin/backup2/extract.h"
 #include "sbin/backup2/job.h"
 #include "sbin/backup2/output.h"
 #include "sbin/backup2/progress.h"
+#include "sbin/backup2/restore_report.h"
+#include "sbin/backup2/system_data.h"
 
 namespace backup2_admin {
 namespace {
@@ -27,7 +30,8 @@ Paths are relative to the user's root, as the backup holds them ("data/index.htm
 everything comes back. What is in the target and not in the backup stays.
 
 Databases come back into their servers when everything is restored into the user's own root, or
-when --databases or a path like .system/db.SERVER.DATABASE asks for them.
+when --databases or a path like .system/db.SERVER.DATABASE asks for them. With them comes the panel's
+document of the user, converted when another edition of the panel wrote it.
 
 Examples:
   backup2 restore bob 2024-01-31 --to /root/bob           the files, somewhere else
@@ -38,7 +42,7 @@ Examples:
   backup2 restore bob 2024-01-31 --dry-run --yes          what would be done)";
 
 struct Options {
-    std::string user, date, to, overwrite = "always";
+    std::string user, date, to, overwrite = "always", host_dist, report;
     std::vector<std::string> paths;
     bool dry_run = false, yes = false, with_databases = false, no_databases = false;
     bool password_stdin = false, own = false;
@@ -52,7 +56,8 @@ bool IsSystem(const std::string& path) {
 
 class Restore {
 public:
-    explicit Restore(const Options& options);
+    /// `report`: null when nothing is to be written.
+    Restore(const Options& options, RestoreReport* report);
     int Run();
 
 private:
@@ -62,6 +67,7 @@ private:
     int Databases();
 
     const Options& options_;
+    RestoreReport* const report_;
     Site site_;
     Backup backup_;
     WorkLock alone_;
@@ -70,8 +76,9 @@ private:
     std::vector<std::string> files_, system_;  // names to restore
 };
 
-Restore::Restore(const Options& options)
+Restore::Restore(const Options& options, RestoreReport* report)
     : options_(options),
+      report_(report),
       site_(AskSites(options.own, CheckUser(options.user)).front()),
       backup_(GetBackup(site_.local_dir, CheckUser(options.user), CheckDate(options.date))),
       alone_("restore", backup_.user) {
@@ -139,6 +146,7 @@ int Restore::Files() {
     const std::string rate = HumanRate(seen.bytes, seconds);
     std::cout << (rate.empty() ? "" : ", " + rate) << std::endl;
     result.ThrowIfFatal(backup_.Title());
+    if (report_) report_->AddFiles(result);
     return result.status;
 }
 
@@ -153,35 +161,39 @@ int Restore::Databases() {
     const auto result = extraction.Run("--extract", staging.Path(), more, system_);
     for (const std::string& line : result.lines) std::cout << line << "\n";
     result.ThrowIfFatal(backup_.Title());
-    int status = result.status;
+    if (report_) report_->AddFiles(result);
+    const int status = result.status;
     const std::string dumps = vel_file::ConcatPath(staging.Path(), kSystem);
     if (options_.dry_run || !vel_file::Exists(dumps)) return status;
-    for (vel_file::Dir entries(dumps, 2); entries.Next();) {
-        const Done done = RunTool({"backup2_system", "--restore", "--user", backup_.user,
-                                   "--manager", kPanel, entries.Path()});
-        std::cout << Printable(entries.Name()) << "\t"
-                  << (done.status == 0 ? "restored" : done.LastLine()) << std::endl;
-        if (done.status != 0) status = vel_tool::kFailed;
-    }
-    return status;
+    const auto done = [this](const std::string& name, const std::string& why) {
+        if (report_ && !why.empty()) report_->AddSystem(name, why);
+    };
+    return WorseStatus(status, RestoreSystem(dumps, backup_.user, options_.host_dist, done));
 }
 
 int Restore::Run() {
     ChooseParts();
     ChooseTarget();
+    if (report_) report_->Begin();
     const int files = Files();
-    const int databases = Databases();
-    if (files == vel_tool::kFailed || databases == vel_tool::kFailed) {
-        throw std::runtime_error(backup_.Title() + ": not everything came back, see above");
-    }
-    return std::max(files, databases);
+    return WorseStatus(files, Databases());
 }
 
 int RunRestore(const Options& options) {
     if (options.with_databases && options.no_databases) {
         throw vel_tool::UsageError("--databases and --no-databases exclude each other");
     }
-    return Restore(options).Run();
+    if (!options.host_dist.empty()) CheckDist(options.host_dist);
+    RestoreReport report(options.report, CheckUser(options.user));
+    RestoreReport* const written = options.dry_run ? nullptr : &report;
+    const auto restore = [&] { return Restore(options, written).Run(); };
+    const std::string type = options.paths.empty() ? "all" : "selected";
+    const int status = written ? Reported(report, type, restore) : restore();
+    if (status == vel_tool::kFailed) {
+        throw std::runtime_error(options.user + " " + options.date +
+                                 ": not everything came back, see above");
+    }
+    return status;
 }
 
 }  // namespace
@@ -202,7 +214,11 @@ void AddRestore(CLI::App& app, Action& chosen) {
     command->add_flag("--yes", options->yes, "Do not ask before the user's own files change");
     command->add_flag("--password-stdin", options->password_stdin,
                       "Read the archive password from standard input");
+    command->add_option("--host-dist", options->host_dist,
+                        "Edition that the panel's data are converted for (the panel's own)");
     command->add_flag("--private", options->own, "From the user's own storage");
+    command->add_option("--report", options->report,
+                        "Id of the report (one is made; \"backup2 report\" shows it)");
     command->footer(kExamples);
     command->callback([options, to, &chosen] {
         // An empty variable of somebody's script must not mean the user's own files.
