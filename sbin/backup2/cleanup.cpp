@@ -1,20 +1,28 @@
-/// backup2 cleanup: removes what broken copies left in users' own storages.
+/// backup2 cleanup: removes what is nobody's: backups of users who have gone, and what broken
+/// copies left in users' own storages.
 #include <iostream>
 #include <map>
+#include <stdexcept>
 
 #include <CLI/CLI.hpp>
 
+#include "vel/str.h"
 #include "vel/vel_file.h"
 #include "vel/vel_tool.h"
 
 #include "sbin/backup2/commands.h"
 #include "sbin/backup2/job.h"
 #include "sbin/backup2/private.h"
+#include "sbin/backup2/removed.h"
 
 namespace backup2_admin {
 namespace {
 
 const char kExamples[] = R"(
+A backup belongs to the user who had a number (uid) when it was made. When the panel says that he was
+removed, or that his name has another number now, his backups are deleted from the administrator's
+storage. Pinned ones stay. A panel that cannot be asked, or answers nonsense, deletes nothing.
+
 While a backup is copied, a journal names it. What a journal still names when nobody copies is half
 a copy: it is removed from the user's storage and from this machine. "backup2 copy" and the next
 "backup2 run" of the user do the same for themselves.
@@ -23,9 +31,10 @@ Examples:
   backup2 cleanup        of all users
   backup2 cleanup bob    of bob alone
 
-Exit status 3: a copy is just being made; its user was left alone.)";
+Exit status 3: something had to stay, or a copy is just being made; its user was left alone.)";
 
 const char kOwnDirs[] = "var/backup/qorvel.private";
+const std::string kImport = ".import.";
 
 /// User -> local directory of his own storage: as the panel says, and what is on this machine of
 /// users whom it knows no more.
@@ -75,18 +84,34 @@ int Sweep(const Site& site) {
     return done.status;
 }
 
+/// What an import that was killed had fetched.
+void DropImports(const std::string& admin_dir) {
+    std::map<std::string, std::string> left;  // user -> folder
+    if (!vel_file::Exists(admin_dir)) return;
+    for (vel_file::Dir entries(admin_dir, 2); entries.Next();)
+        if (str::StartsWith(entries.Name(), kImport))
+            left[entries.Name().substr(kImport.size())] = entries.Path();
+    for (const auto& [user, folder] : left) {
+        try {
+            const WorkLock alone("restore", user);
+            EndOrphans(folder);
+            vel_file::Remove(folder);
+        } catch (const Busy&) {
+            // an import that goes on
+        }
+    }
+}
+
 int Cleanup(const std::string& user) {
     const Site admin = AskSite();
     const std::string admin_dir = admin.local_dir;
-    auto dirs = OwnDirs();
-    if (!user.empty()) {
-        const auto found = dirs.find(CheckUser(user));
-        if (found == dirs.end()) throw std::runtime_error(user + " has no storage of his own");
-        dirs = {*found};
-    }
-    int status = vel_tool::kDone;
-    for (const auto& [name, dir] : dirs)
-        status = WorseStatus(status, CleanUser(name, admin_dir, dir));
+    if (!user.empty()) CheckUser(user);
+    if (admin_dir.empty()) throw std::runtime_error("the panel names no local directory");
+    int status = DeleteFormerUsers(admin, user);
+    DropImports(admin_dir);
+    for (const auto& [name, dir] : OwnDirs())
+        if (user.empty() || name == user)
+            status = WorseStatus(status, CleanUser(name, admin_dir, dir));
     if (user.empty()) status = WorseStatus(status, Sweep(admin));
     for (const auto& storage : AskOwnStorages(user))
         status = WorseStatus(status, Sweep(Site(storage)));
@@ -96,11 +121,11 @@ int Cleanup(const std::string& user) {
 }  // namespace
 
 void AddCleanup(CLI::App& app, Action& chosen) {
-    auto* command = app.add_subcommand("cleanup", "Remove what broken copies left");
+    auto* command = app.add_subcommand("cleanup", "Remove what is nobody's any more");
     const auto user = std::make_shared<std::string>();
-    command->add_option("user", *user, "Only in this user's own storage");
+    command->add_option("user", *user, "Only what was this user's");
     const auto all = std::make_shared<bool>(false);
-    command->add_flag("--all", *all, "In those of all users; the same as no name");
+    command->add_flag("--all", *all, "Of all users; the same as no name");
     command->footer(kExamples);
     command->callback([user, all, &chosen] {
         if (*all && !user->empty())

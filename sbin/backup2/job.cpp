@@ -251,6 +251,13 @@ std::string AskUserRoot(const std::string& user) {
     return AskJob(user).GetNode("/doc/files").GetProp("root");
 }
 
+std::string AskUserUid(const std::string& user) try {
+    return Panel().Query("func=user.edit&elid=?", user).value("uid");
+} catch (const vel_err::Error& error) {
+    if (error.type() != "missed") throw;
+    return "";
+}
+
 void UseStorage(const backup2::BackupToken& token) {
     if (!token) throw std::runtime_error("no storage is set up in the panel");
     vel_env::SetEnv("BACKUP_TOKEN", token.Str());

@@ -61,6 +61,9 @@ vel_client::Result AskJob(const std::string& user);
 std::vector<vel_xml::XmlNode> AskOwnStorages(const std::string& user = "");
 std::vector<std::string> AskUsers();               ///< all users of the panel, in its order
 std::string AskUserRoot(const std::string& user);  ///< "" when the panel gives none
+/// The number that the user has in the panel, "" when it does not know him: by it a backup is told
+/// from those of a former user of his name.
+std::string AskUserUid(const std::string& user);
 /// Puts the storage into BACKUP_TOKEN for the programs that are started next.
 void UseStorage(const backup2::BackupToken& token);
 

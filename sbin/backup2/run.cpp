@@ -54,6 +54,7 @@ public:
         : user_(user),
           date_(date),
           alone_("run", user),
+          uid_(AskUserUid(user)),
           settings_(kPanel, user, ""),
           leftovers_(settings_.local_dir(), user) {}
 
@@ -63,6 +64,7 @@ private:
     bool IsCustom() const { return date_ == kCustom; }
     void UseOwnStorage() const;
     void RemoveLeftovers();
+    void ChooseBase();
     void ChooseNames();
     void WriteWorkingInfo() const;
     void Archive();
@@ -72,6 +74,7 @@ private:
 
     std::string user_, date_;
     WorkLock alone_;
+    std::string uid_;
     backup2::Settings settings_;
     Leftovers leftovers_;
     std::optional<CustomBackup> custom_;
@@ -95,10 +98,7 @@ Report Job::Run() {
     // Programs of a dead run may have reported until RemoveLeftovers ended them.
     RemoveTemporaries(alone_.Dir(), ".tmp.");
     ProgressView progress("backup of " + user_, alone_.Dir());
-    base_ = IsCustom() ? "" : backup2::LookupLastFull(settings_, user_, date_);
-    if (base_ == "exists") {
-        throw std::runtime_error("the backup exists already");
-    }
+    ChooseBase();
     ChooseNames();
     WriteWorkingInfo();
     if (base_.empty()) progress.Measure(settings_.root(), settings_.folders());
@@ -140,6 +140,16 @@ void Job::RemoveLeftovers() {
     }
 }
 
+/// What a former user of this name left is no base: it is removed one day, and is none of his.
+void Job::ChooseBase() {
+    base_ = IsCustom() ? "" : backup2::LookupLastFull(settings_, user_, date_);
+    if (base_.empty()) return;
+    if (base_ == "exists") throw std::runtime_error("the backup exists already");
+    const std::string day = backup2::GetDate(vel_file::Name(base_));
+    const std::string uid = GetBackup(settings_.local_dir(), user_, day).Get("uid");
+    if (!uid.empty() && uid != uid_) base_.clear();
+}
+
 void Job::ChooseNames() {
     const std::string local = settings_.local_dir();
     if (IsCustom()) {
@@ -163,7 +173,7 @@ void Job::WriteWorkingInfo() const {
     info["type"] = IsCustom() ? "custom" : base_.empty() ? "full" : "incremental";
     info["created"] = vel_date::DateTime().AsDateTime();
     info["user"] = user_;
-    if (vel_user::Exists(user_)) info["uid"] = str::Str(int64_t{vel_user::Uid(user_)});
+    if (!uid_.empty()) info["uid"] = uid_;
     if (!base_.empty()) info["base"] = "F" + vel_file::Name(base_);
     const vel_file::Tmp complete(listing_);
     vel_file::Write(complete.Path(), str::Join(info, "\n") + "\n");
