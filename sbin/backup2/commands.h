@@ -18,6 +18,7 @@ void AddShow(CLI::App& app, Action& chosen);
 void AddFiles(CLI::App& app, Action& chosen);
 void AddRestore(CLI::App& app, Action& chosen);
 void AddReport(CLI::App& app, Action& chosen);
+void AddImport(CLI::App& app, Action& chosen);
 void AddConvert(CLI::App& app, Action& chosen);
 void AddVerify(CLI::App& app, Action& chosen);
 void AddDelete(CLI::App& app, Action& chosen);

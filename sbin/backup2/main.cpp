@@ -55,7 +55,7 @@ int Body(const std::vector<std::string>& args) {
     app.set_help_all_flag("--help-all", "The help of every command");
     app.footer(kExamples);
     Action chosen;
-    for (const auto add : {AddRun, AddList, AddShow, AddFiles, AddRestore, AddReport,
+    for (const auto add : {AddRun, AddList, AddShow, AddFiles, AddRestore, AddReport, AddImport,
                            AddConvert, AddVerify, AddDelete, AddPin, AddUnpin, AddLimit, AddCopy,
                            AddCleanup, AddStorage, AddFetchSlice}) {
         add(app, chosen);
