@@ -2,12 +2,14 @@
 import {h, s} from './dom.js';
 import {bytes} from './format.js';
 
-const WIDTH = 720;
 const HEIGHT = 168;
 const LEFT = 64;
 const BOTTOM = 24;
 const TOP = 10;
-const MOST_BARS = 120;
+const LABEL = 100;
+const WIDE = {width: 720, bars: 120};
+const NARROW = {width: 340, bars: 45};
+let plotWidth = WIDE.width;
 
 function roundUp(value) {
   let step = 1024;
@@ -18,7 +20,7 @@ function roundUp(value) {
 function grid(top) {
   return [0, 0.5, 1].map((part) => {
     const y = TOP + (1 - part) * (HEIGHT - TOP - BOTTOM);
-    return [s('line', {class: 'grid', x1: LEFT, x2: WIDTH, y1: y, y2: y}),
+    return [s('line', {class: 'grid', x1: LEFT, x2: plotWidth, y1: y, y2: y}),
       s('text', {class: 'axis', x: LEFT - 8, y: y + 4, 'text-anchor': 'end'}, part === 0 ? '0' : bytes(top * part))];
   });
 }
@@ -32,19 +34,27 @@ function bar(backup, index, width, top) {
   s('title', {}, `${backup.date}: ${backup.kind}, ${bytes(backup.size)}`));
 }
 
+/** Under the first bar and under those far enough from the last one named. */
 function dates(backups, width) {
-  const wanted = [...new Set([0, Math.floor((backups.length - 1) / 2), backups.length - 1])];
-  return wanted.map((index) => s('text', {class: 'axis', y: HEIGHT - 6, x: LEFT + index * width,
-    'text-anchor': index === 0 || width > 60 ? 'start' : 'end'}, backups[index].finished.slice(0, 10)));
+  let free = -LABEL;
+  return backups.map((backup, index) => {
+    const middle = LEFT + index * width + Math.min(width, 32) / 2;
+    if (middle - free < LABEL) return null;
+    free = middle;
+    return s('text', {class: 'axis', y: HEIGHT - 6, x: Math.min(Math.max(middle, LEFT + LABEL / 2 - 30), plotWidth - LABEL / 2),
+      'text-anchor': 'middle'}, backup.date === 'custom' ? 'custom' : backup.date);
+  });
 }
 
 /** `backups` as the server lists them; nothing for fewer than two. */
 export function sizeChart(backups) {
+  const size = window.innerWidth < 700 ? NARROW : WIDE;
+  plotWidth = size.width;
   const shown = backups.filter((backup) => backup.finished)
-    .sort((a, b) => a.finished.localeCompare(b.finished)).slice(-MOST_BARS);
+    .sort((a, b) => a.finished.localeCompare(b.finished)).slice(-size.bars);
   if (shown.length < 2) return null;
   const top = roundUp(Math.max(...shown.map((backup) => backup.size), 1024));
-  const width = (WIDTH - LEFT) / Math.max(shown.length, 12);
+  const width = (plotWidth - LEFT) / Math.max(shown.length, 12);
   const words = `${shown.length} backups from ${shown[0].date} to ${shown.at(-1).date}, the largest of ${bytes(
     Math.max(...shown.map((backup) => backup.size)))}.`;
   const kinds = {full: 'Full', incremental: 'Increment', custom: 'Custom'};
@@ -52,6 +62,6 @@ export function sizeChart(backups) {
   return h('figure', {class: 'chart card'},
     h('figcaption', {}, h('strong', {}, 'Sizes over time'),
       h('span', {class: 'legend'}, used.map((kind) => h('span', {class: `key key-${kind}`}, kinds[kind])))),
-    s('svg', {viewBox: `0 0 ${WIDTH} ${HEIGHT}`, role: 'img', 'aria-label': `Sizes over time: ${words}`},
+    s('svg', {viewBox: `0 0 ${plotWidth} ${HEIGHT}`, role: 'img', 'aria-label': `Sizes over time: ${words}`},
       grid(top).flat(), shown.map((backup, index) => bar(backup, index, width, top)), dates(shown, width)));
 }

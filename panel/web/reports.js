@@ -28,10 +28,14 @@ export async function reportsPage({session, signal}) {
       reports.map(listRow)) : h('p', {class: 'card empty'}, 'Nothing has been restored yet.')]};
 }
 
-function eventRow(event) {
-  const name = event.name.trim();
-  return h('tr', {}, h('td', {}, event.date), h('td', {}, EVENTS[event.type] ?? event.type),
-    h('td', {class: 'path'}, name), h('td', {}, event.error ?? (event.code === undefined ? '' : `code ${event.code}`)));
+const reason = (event) => event.error ?? (event.code === undefined ? '' : `code ${event.code}`);
+
+function eventTable(events) {
+  const reasons = events.some(reason);
+  const columns = ['What', 'Name', ...(reasons ? ['Reason'] : []), 'When'];
+  return table('What did not come back', columns.map((name) => ({name})), events.map((event) => h('tr', {},
+    h('td', {}, EVENTS[event.type] ?? event.type), h('td', {class: 'path'}, event.name.trim()),
+    reasons ? h('td', {}, reason(event)) : null, h('td', {}, event.date))));
 }
 
 export async function reportPage({params, signal}) {
@@ -42,6 +46,6 @@ export async function reportPage({params, signal}) {
     h('h1', {}, `Restore of ${report.owner}, ${report.date}`),
     h('p', {class: 'facts'}, h('span', {}, TYPES[report.type] ?? report.type), h('span', {}, report.finalized ? 'ended' : 'not ended'), h('span', {class: 'path'}, report.id)),
     report.events.length ? [notice('bad', h('p', {}, `${plural(report.events.length, 'item')} did not come back.`)),
-      table('What did not come back', [{name: 'When'}, {name: 'What'}, {name: 'Name'}, {name: 'Reason'}], report.events.map(eventRow))] : none,
+      eventTable(report.events)] : none,
     report.badchars ? h('p', {class: 'hint'}, 'Bytes of names that cannot be shown stand as “?”.') : null]};
 }
