@@ -251,8 +251,9 @@ private:
 
     OutTree::Content Unpacked(ArchiveReader& reader, const std::string& file) {
         struct State {
-            uint64_t packed = 0;
+            uint64_t packed = 0, unpacked = 0;
             std::unique_ptr<Gunzip> gunzip;
+            std::string block = std::string(128 << 10, '\0');
         };
         const auto state = std::make_shared<State>();
         state->gunzip = std::make_unique<Gunzip>(
@@ -263,11 +264,12 @@ private:
             },
             file);
         return [this, state](std::string_view& bytes, uint64_t& offset) {
-            offset = state->gunzip->Unpacked();
-            bytes = state->gunzip->Next();
-            job_.budget.CountBytes(bytes.size());
-            job_.budget.CheckGrowth(state->packed, state->gunzip->Unpacked());
-            return !bytes.empty();
+            const std::size_t size = state->gunzip->Read(state->block.data(), state->block.size());
+            bytes = {state->block.data(), size};
+            offset = std::exchange(state->unpacked, state->unpacked + size);
+            job_.budget.CountBytes(size);
+            job_.budget.CheckGrowth(state->packed, state->unpacked);
+            return size > 0;
         };
     }
 

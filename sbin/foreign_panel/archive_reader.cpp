@@ -91,6 +91,7 @@ ArchiveReader::ArchiveReader(Source source, std::string name, Budget& budget)
     : source_(std::move(source)), name_(std::move(name)), budget_(budget) {}
 
 ArchiveReader::~ArchiveReader() {
+    ahead_.reset();
     if (handle_) archive_read_free(handle_);
 }
 
@@ -130,7 +131,7 @@ ssize_t ArchiveReader::Feed(archive* handle, void* self, const void** bytes) {
         const int64_t unpacked = archive_filter_bytes(handle, 0);
         if (unpacked > 0)
             reader.budget_.CheckGrowth(reader.taken_, static_cast<uint64_t>(unpacked));
-        const std::string_view block = reader.gunzip_ ? reader.gunzip_->Next() : reader.Take();
+        const std::string_view block = reader.gunzip_ ? reader.TakePlain() : reader.Take();
         *bytes = block.data();
         return static_cast<ssize_t>(block.size());
     } catch (...) {
@@ -178,6 +179,18 @@ std::string_view ArchiveReader::Take() {
     return block;
 }
 
+/// A file is inflated in a thread of its own; an archive within another comes from this thread.
+std::string_view ArchiveReader::TakePlain() {
+    if (file_) {
+        if (!ahead_)
+            ahead_ = std::make_unique<ReadAhead>(
+                [this](char* to, std::size_t room) { return gunzip_->Read(to, room); });
+        return ahead_->Next();
+    }
+    plain_.resize(2 * kBlock);
+    return {plain_.data(), gunzip_->Read(plain_.data(), plain_.size())};
+}
+
 bool ArchiveReader::IsGzip() {
     if (file_) {
         std::array<char, 2> magic{};
@@ -202,7 +215,12 @@ void ArchiveReader::ReadToEnd() {
     const bool tar = (archive_format(handle_) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_TAR;
     if (tar && archive_filter_bytes(handle_, 0) <= archive_read_header_position(handle_))
         Raise("cut: it has no end mark");
-    while (gunzip_ && !gunzip_->Next().empty()) budget_.CheckGrowth(taken_, gunzip_->Unpacked());
+    if (!gunzip_) return;
+    auto unpacked = static_cast<uint64_t>(archive_filter_bytes(handle_, 0));
+    for (std::size_t size = 1; size > 0; unpacked += size) {
+        size = TakePlain().size();
+        budget_.CheckGrowth(taken_, unpacked);
+    }
 }
 
 bool ArchiveReader::Next(Entry& entry) {

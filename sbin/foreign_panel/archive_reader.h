@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <exception>
@@ -17,6 +18,7 @@
 
 #include "sbin/foreign_panel/budget.h"
 #include "sbin/foreign_panel/gunzip.h"
+#include "sbin/foreign_panel/read_ahead.h"
 
 struct archive;
 
@@ -67,20 +69,23 @@ private:
     void Open();
     bool IsGzip();
     std::string_view Take();
+    std::string_view TakePlain();
     void ReadToEnd();
     [[noreturn]] void Raise(const std::string& what);
     std::string_view ReadFile();
 
     Source source_;
     std::unique_ptr<Gunzip> gunzip_;
-    std::string_view peeked_;  // taken from the source, and not given on yet
+    std::unique_ptr<ReadAhead> ahead_;  // of an archive that is a file
+    std::string_view peeked_;           // taken from the source, and not given on yet
     std::string name_;
     Budget& budget_;
     vel_file::ResHandle file_;
     uint64_t file_size_ = 0;
-    std::string buffer_;
-    uint64_t taken_ = 0;     // bytes of the source
-    uint64_t unpacked_ = 0;  // bytes of content
+    std::string buffer_;              // of the file
+    std::string plain_;               // of the gunzip, without a thread
+    std::atomic<uint64_t> taken_{0};  // bytes of the source
+    uint64_t unpacked_ = 0;           // bytes of content
     bool opened_ = false;
     std::exception_ptr failure_;
     archive* handle_ = nullptr;

@@ -1,6 +1,7 @@
 #include "sbin/foreign_panel/gunzip.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <stdexcept>
 
 #include <isa-l/igzip_lib.h>
@@ -8,7 +9,7 @@
 namespace foreign_panel {
 namespace {
 
-constexpr std::size_t kBlock = 128 << 10;
+constexpr std::size_t kMostAtOnce = 1 << 30;
 
 const char* Explain(int code) {
     if (code == ISAL_INCORRECT_CHECKSUM) return "its sum is wrong";
@@ -21,9 +22,7 @@ struct Gunzip::Impl {
     Source source;
     std::string name;
     inflate_state state{};
-    std::unique_ptr<uint8_t[]> out{new uint8_t[kBlock]};
-    bool inside = false;
-    uint64_t unpacked = 0;
+    bool inside = false, begun = false;
 
     [[noreturn]] void Damaged(const char* why) const {
         throw std::runtime_error(name + ": damaged: " + why);
@@ -39,13 +38,13 @@ struct Gunzip::Impl {
     bool Begin() {
         while (true) {
             if (state.avail_in == 0 && !Fill()) return false;
-            if (*state.next_in != 0 || unpacked == 0) break;
+            if (*state.next_in != 0 || !begun) break;
             ++state.next_in;
             --state.avail_in;
         }
         isal_inflate_reset(&state);
         state.crc_flag = ISAL_GZIP;
-        return inside = true;
+        return inside = begun = true;
     }
 };
 
@@ -57,25 +56,21 @@ Gunzip::Gunzip(Source source, std::string name) : impl_(std::make_unique<Impl>()
 
 Gunzip::~Gunzip() = default;
 
-uint64_t Gunzip::Unpacked() const { return impl_->unpacked; }
-
-std::string_view Gunzip::Next() {
+std::size_t Gunzip::Read(char* to, std::size_t room) {
     inflate_state& state = impl_->state;
-    std::size_t size = 0;
-    while (size == 0) {
-        if (!impl_->inside && !impl_->Begin()) return {};
-        state.next_out = impl_->out.get();
-        state.avail_out = kBlock;
+    state.next_out = reinterpret_cast<uint8_t*>(to);
+    state.avail_out = static_cast<uint32_t>(std::min<std::size_t>(room, kMostAtOnce));
+    const uint32_t wanted = state.avail_out;
+    while (state.avail_out > 0) {
+        if (!impl_->inside && !impl_->Begin()) break;
         const int code = isal_inflate(&state);
         if (code < 0) impl_->Damaged(Explain(code));
-        size = kBlock - state.avail_out;
         if (state.block_state == ISAL_BLOCK_FINISH)
             impl_->inside = false;
-        else if (size == 0 && state.avail_in == 0 && !impl_->Fill())
+        else if (state.avail_out > 0 && state.avail_in == 0 && !impl_->Fill())
             impl_->Damaged("it ends too early");
     }
-    impl_->unpacked += size;
-    return {reinterpret_cast<const char*>(impl_->out.get()), size};
+    return wanted - state.avail_out;
 }
 
 }  // namespace foreign_panel

@@ -1,7 +1,7 @@
 /// gzip, checked to the last byte: libarchive's own reader passes over wrong sums.
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,11 +15,10 @@ public:
     /// `source` gives bytes that begin with a gzip header; `name` is for messages.
     Gunzip(Source source, std::string name);
     ~Gunzip();
-    /// The next plain bytes, valid until the next call; nothing at the end. Several members follow
-    /// each other; zeros may follow the last. Throws std::runtime_error "<name>: damaged: ..." for
-    /// wrong data and sums and for an end that comes too early, and what the source throws.
-    std::string_view Next();
-    uint64_t Unpacked() const;  ///< bytes given so far
+    /// Up to `room` further plain bytes; 0 at the end. Several members follow each other; zeros may
+    /// follow the last. Throws std::runtime_error "<name>: damaged: ..." for wrong data and sums
+    /// and for an end that comes too early, and what the source throws.
+    std::size_t Read(char* to, std::size_t room);
 
 private:
     struct Impl;
