@@ -6,6 +6,7 @@ import json
 import os
 import signal
 import ssl
+import subprocess
 import threading
 import time
 import unittest
@@ -13,6 +14,7 @@ import unittest
 import backup2_test
 from backup2_test import local_token, run, tree_state
 from panel import TlsPanel
+from storage_case import server
 
 USER, GONE = "www-data", "games"
 MONDAY, TUESDAY = "2024-03-04", "2024-03-05"
@@ -159,6 +161,29 @@ class Import(unittest.TestCase):
         self.bring()
         found = {name: (entry.uid, entry.gid, entry.mode) for name, entry in tree_state(new.home / "data").items()}
         self.assertEqual(found, {"own": (33, 33, 0o644), "another's": (33, 33, 0o755), "root's": (33, 33, 0o600)})
+
+    def test_databases_come_over(self):
+        old, new = self.machines()
+        keys = self.stack.enter_context(server("mariadb"))
+
+        def ask(sql, database="shop"):
+            return subprocess.run(["mariadb", f"--defaults-file={keys['options']}", "-N", database], input=sql,
+                                  text=True, capture_output=True, check=True).stdout.strip()
+
+        ask("CREATE DATABASE shop; CREATE USER shop@localhost IDENTIFIED BY 'x y'; GRANT ALL ON shop.* TO "
+            "shop@localhost", "mysql")
+        for machine in (old, new):
+            machine.run("backup2_panel", "server", "add", "maria", "--type", "mysql", "--socket", keys["socket"],
+                        "--login", keys["login"], stdin=keys["password"])
+            machine.run("backup2_panel", "db", "add", USER, "maria", "shop", "--owner", "shop", stdin="x y")
+        ask("CREATE TABLE t (s text); INSERT INTO t VALUES ('a row')")
+        old.backup2("run", USER, "--date", MONDAY)
+        ask("UPDATE t SET s = 'of Tuesday'")
+        old.backup2("run", USER, "--date", TUESDAY)
+        ask("DELETE FROM t")
+        self.assertEqual(self.bring().count("\trestored\n"), 2)
+        self.assertEqual(ask("SELECT s FROM t"), "of Tuesday")
+        self.assertFalse((new.home / ".system").exists())
 
     def test_refusals_are_told_and_touch_nothing(self):
         old, new = self.machines()
