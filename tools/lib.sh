@@ -27,6 +27,11 @@ install_packages() {
   [ -z "$made" ] || rm -f "$policy"
 }
 
+# need_node: node and npm for tests/page. A machine may have newer ones than Debian's, which exclude those.
+need_node() {
+  if ! command -v npm >/dev/null; then install_packages <(printf 'nodejs\nnpm\n'); fi
+}
+
 # build PRESET [TARGET...]: configure once, then build.
 build() {
   local preset=$1; shift

@@ -100,7 +100,7 @@ function overview(backups) {
     figure('Newest backup', last ? day(last.finished) : 'none', last ? age(day(last.finished)) : ''),
     figure('Backups', String(backups.length), plural(backups.filter((backup) => backup.kind === 'full').length, 'full one')),
     figure('Stored', bytes(backups.reduce((sum, backup) => sum + backup.size, 0)), 'in all'),
-    bad ? figure('Verified', plural(bad, 'backup'), 'cannot be relied on', 'bad') : figure('Verified', good ? day(good) : 'not yet', good ? 'nothing wrong' : ''));
+    bad ? figure('Verified', plural(bad, 'backup'), 'cannot be relied on', 'bad') : figure('Verified', good ? day(good) : 'not yet', good ? 'good' : ''));
 }
 
 function startButton(text, style, body) {

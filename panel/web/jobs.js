@@ -56,24 +56,28 @@ function progressView(job) {
   return {element: h('div', {class: 'job running'}, h('p', {class: 'job-title'}, h('strong', {}, name), ' ', step), bar, words), update};
 }
 
-function rows(lines) {
-  return lines.map((line) => {
-    const cut = line.indexOf('\t');
-    return h('tr', {}, h('td', {class: 'path'}, line.slice(0, cut)), h('td', {}, line.slice(cut + 1)));
-  });
+function cells(line, pathAt) {
+  const cut = line.indexOf('\t');
+  return [line.slice(0, cut), line.slice(cut + 1)].map((text, index) => h('td', {class: index === pathAt ? 'path' : null}, text));
 }
 
-/** The lines of a finished job: names with reasons as a table, others as text. */
-export function linesView(job, headings = ['Name', 'What happened'], caption = 'Details') {
-  const lines = job.lines ?? [];
-  const named = lines.filter((line) => line.includes('\t'));
-  const plain = lines.filter((line) => !line.includes('\t'));
-  const more = job.line_count - lines.length;
+function namedLines(job, caption, headings, pathAt) {
+  const named = (job.lines ?? []).filter((line) => line.includes('\t'));
+  const more = job.line_count - job.lines.length;
   return [
-    plain.length ? h('ul', {class: 'plain-lines'}, plain.map((line) => h('li', {}, line))) : null,
-    named.length ? table(caption, headings.map((name) => ({name})), rows(named)) : null,
+    named.length ? table(caption, headings.map((name) => ({name})), named.map((line) => h('tr', {}, cells(line, pathAt)))) : null,
     more > 0 ? h('p', {class: 'hint'}, `and ${plural(more, 'more line')}`) : null,
   ];
+}
+
+/** What a dry run says of each name. */
+export const previewView = (job) => namedLines(job, 'What the restore would do', ['Action', 'Name'], 1);
+
+/** The lines of a finished job: names with reasons as a table, others as text. */
+export function linesView(job) {
+  const plain = (job.lines ?? []).filter((line) => !line.includes('\t'));
+  return [plain.length ? h('ul', {class: 'plain-lines'}, plain.map((line) => h('li', {}, line))) : null,
+    namedLines(job, 'Details', ['Name', 'What happened'], 0)];
 }
 
 const WORDS = {done: 'finished', warnings: 'finished with warnings', failed: 'failed'};

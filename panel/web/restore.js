@@ -3,7 +3,7 @@ import {post} from './api.js';
 import {findBackup, selectionFor} from './browse.js';
 import {h, notice} from './dom.js';
 import {bytes, plural} from './format.js';
-import {linesView, outcome, watchJob} from './jobs.js';
+import {linesView, outcome, previewView, watchJob} from './jobs.js';
 
 const STEPS = ['Choose', 'Dry run', 'Confirm', 'Restore'];
 const OVERWRITE = {
@@ -117,7 +117,7 @@ class Wizard {
     const back = h('button', {class: 'button', type: 'button', onclick: () => this.choose()}, 'Back');
     const go = h('button', {class: 'button primary danger', type: 'button', onclick: () => this.restore()}, 'Restore now');
     this.show(2, 'This is what would be done', this.summary(job),
-      h('details', {}, h('summary', {}, 'Show the names'), linesView(job, ['Action', 'Name'], 'What the restore would do')),
+      h('details', {}, h('summary', {}, 'Show the names'), previewView(job)),
       notice('warn', h('p', {}, `Restoring ${this.words()} of ${this.params.date} changes the data of ${this.params.user}. Nothing has been changed so far.`)),
       h('p', {class: 'actions'}, go, back)).focus();
   }
