@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "vel/str.h"
 #include "vel/vel_env.h"
@@ -33,7 +35,9 @@ std::string ServerOfType(const std::string& type) {
 
 }  // namespace
 
-/// One walk over a document: what would be looked for once for each of its elements.
+/// What the elements of one conversion share: what each would look for by itself, and changes that
+/// would take other elements away. Those wait for the end, as the elements were all selected
+/// before.
 struct SharedWork {
     explicit SharedWork(const vel_xml::Xml& document) : xml(document) {}
 
@@ -41,9 +45,14 @@ struct SharedWork {
         if (!user) user = xml.GetNode(kUserElement);
         return *user;
     }
-    /// Each element of the user took one away: the first that was left then.
     void Finish() {
-        if (removals == 0) return;
+        // Backwards: what lies within another one goes before it.
+        for (auto change = texts.rbegin(); change != texts.rend(); ++change)
+            change->first.SetContent(change->second);
+        if (removals != 0) RemoveMarks();
+    }
+    /// Each element of the user took one away: the first that was left then.
+    void RemoveMarks() {
         std::vector<vel_xml::XmlNode> gone;
         for (const vel_xml::XmlNode& node : xml.GetNodes(kCloudLinuxParam))
             if (gone.size() < removals) gone.push_back(node);
@@ -54,6 +63,7 @@ struct SharedWork {
     vel_xml::Xml xml;
     std::optional<vel_xml::XmlNode> user;
     std::size_t removals = 0;
+    std::vector<std::pair<vel_xml::XmlNode, std::string>> texts;
 };
 
 namespace {
@@ -106,13 +116,10 @@ void Convert(const vel_xml::Xml& xml, const std::string& host_dist) {
 vel_xml::Xml DummyConverter::Convert() { return xml_; }
 DummyConverter::~DummyConverter() = default;
 
-/// Goes from each element to the next one that the document holds by then: a conversion may have
-/// taken away what lay within the element.
 vel_xml::Xml DummyConverter::ConvertElements(const std::string& kind) {
     const auto work = std::make_shared<SharedWork>(xml_);
-    vel_xml::XmlNode node = xml_.GetRoot();
-    if (node.Name() != "elem") node = node.NextInDocument("elem");
-    for (; node; node = node.NextInDocument("elem")) Pick(xml_, node, kind, work)->ConvertType();
+    for (const vel_xml::XmlNode& node : xml_.GetNodes("//elem"))
+        Pick(xml_, node, kind, work)->ConvertType();
     work->Finish();
     return xml_;
 }
@@ -179,11 +186,20 @@ void DBConv::ConvertChildren() {
         const std::string name = child.GetProp("name");
         if (kind_ == kMerun2Tavo && name == "type") {
             child.SetProp("name", "server");
-            child.SetContent(ServerOfType(child.Str()));
+            SetText(child, ServerOfType(child.Str()));
         } else if (kind_ == kTavo2Merun && name == "server") {
             child.SetProp("name", "type");
-            child.SetContent(str::Lower(child.Str()));
+            SetText(child, str::Lower(child.Str()));
         }
+    }
+}
+
+/// Elements within the child go with its old content, and may be among those to convert.
+void DBConv::SetText(vel_xml::XmlNode child, const std::string& text) const {
+    if (work_ && child.FirstChild()) {
+        work_->texts.emplace_back(child, text);
+    } else {
+        child.SetContent(text);
     }
 }
 

@@ -48,7 +48,7 @@ public:
     virtual ~DummyConverter();
 
 protected:
-    /// Converts every "elem" in document order.
+    /// Converts every "elem" that the document holds now, in document order.
     vel_xml::Xml ConvertElements(const std::string& kind);
 
     vel_xml::Xml xml_;
@@ -95,7 +95,7 @@ public:
 class BACKUP2_EXPORT UserConv : public Conv {
 public:
     /// Made on its own (`work` null) it changes the document at once; as one of many the change
-    /// waits for the end of the walk, which may stand in what goes away.
+    /// waits until all have been converted, as some may stand in what goes away.
     UserConv(const vel_xml::Xml& xml, const vel_xml::XmlNode& node, const std::string& kind,
              const std::shared_ptr<SharedWork>& work = nullptr);
     ~UserConv() override;
@@ -113,7 +113,7 @@ private:
 /// the text "mysql". An elid with too few parts loses from its end: the whole text is the part cut.
 class BACKUP2_EXPORT DBConv : public Conv {
 public:
-    /// `work` saves the search for the user's element; null: it is looked for.
+    /// As a UserConv; `work` also saves the search for the user's element.
     DBConv(const vel_xml::Xml& xml, const vel_xml::XmlNode& node, const std::string& kind,
            const std::shared_ptr<SharedWork>& work = nullptr);
     ~DBConv() override;
@@ -123,6 +123,7 @@ private:
     std::string ToMerun(std::string elid) const;
     static std::string ToTavo(std::string elid);
     void ConvertChildren();
+    void SetText(vel_xml::XmlNode child, const std::string& text) const;
 
     vel_xml::Xml xml_;
     vel_xml::XmlNode node_;

@@ -63,15 +63,18 @@ std::size_t CharacterSize(std::string_view s) {
     return overlong || surrogate || code > 0x10ffff || (code & ~1U) == 0xfffe ? 0 : size;
 }
 
-/// How many bytes at the beginning of `s`, in steps of eight, are printable ASCII.
-std::size_t PrintableBytes(std::string_view s) {
-    constexpr uint64_t kOnes = 0x0101010101010101, kHigh = kOnes * 0x80;
+/// How many bytes at the beginning of `s`, in steps of 16, are plain.
+std::size_t PlainBytes(std::string_view s) {
+    // Signed: one comparison finds control bytes and those from 0x80 on.
+    using Block __attribute__((vector_size(16))) = signed char;
     std::size_t i = 0;
-    for (; i + 8 <= s.size(); i += 8) {
-        uint64_t word = 0;
-        std::memcpy(&word, &s[i], 8);
-        // A byte below the blank borrows, which sets its high bit.
-        if (((word | (word - kOnes * ' ')) & kHigh) != 0) break;
+    for (; i + sizeof(Block) <= s.size(); i += sizeof(Block)) {
+        Block block;
+        std::memcpy(&block, &s[i], sizeof(block));
+        const auto bad = (block < ' ') & (block != '\t') & (block != '\n') & (block != '\r');
+        uint64_t words[2];
+        std::memcpy(words, &bad, sizeof(words));
+        if ((words[0] | words[1]) != 0) break;
     }
     return i;
 }
@@ -80,7 +83,7 @@ std::size_t PrintableBytes(std::string_view s) {
 std::size_t FirstBad(std::string_view s) {
     std::size_t i = 0;
     while (i < s.size()) {
-        const std::size_t skipped = PrintableBytes(s.substr(i));
+        const std::size_t skipped = PlainBytes(s.substr(i));
         const std::size_t size = skipped != 0 ? skipped : CharacterSize(s.substr(i));
         if (size == 0) break;
         i += size;
@@ -115,56 +118,62 @@ void CheckName(const std::string& name) {
 /// before any of it is built. A text that is no document passes, the parser refuses that.
 class Skimmer {
 public:
-    explicit Skimmer(std::string_view text) : text_(text) {}
+    explicit Skimmer(std::string_view text) : at_(text.data()), end_(at_ + text.size()) {}
     void Run() {
-        while ((at_ = text_.find('<', at_)) != std::string_view::npos) SkipMarkup();
+        while (SkipTo('<') && at_ != end_) {
+            if (*at_ == '/') {
+                --depth_;
+            } else if (*at_ == '!' || *at_ == '?') {
+                SkipAside();
+            } else {
+                SkipElement();
+            }
+        }
     }
 
 private:
-    void SkipMarkup();
-    void SkipElement();
-    bool Skip(std::string_view begin, std::string_view end);
-    void CountAside() {
-        if (++asides_ > kMaxAsides) Refuse("over 100000 comments and processing instructions");
+    /// Goes behind the next byte of this value, else to the end.
+    bool SkipTo(char c) {
+        const void* found = std::memchr(at_, c, static_cast<std::size_t>(end_ - at_));
+        at_ = found ? static_cast<const char*>(found) + 1 : end_;
+        return found != nullptr;
     }
+    bool Skip(std::string_view begin, std::string_view end);
+    void SkipAside();
+    void SkipElement();
 
-    std::string_view text_;
-    std::size_t at_ = 0, asides_ = 0;
+    const char* at_;
+    const char* const end_;
+    std::size_t asides_ = 0;
     int depth_ = 0;
 };
 
 /// True when `begin` stands here; then goes behind the next `end`.
 bool Skimmer::Skip(std::string_view begin, std::string_view end) {
-    if (text_.compare(at_, begin.size(), begin) != 0) return false;
-    const std::size_t found = text_.find(end, at_ + begin.size());
-    at_ = found == std::string_view::npos ? text_.size() : found + end.size();
+    const std::string_view rest(at_, static_cast<std::size_t>(end_ - at_));
+    if (rest.substr(0, begin.size()) != begin) return false;
+    const std::size_t found = rest.find(end, begin.size());
+    at_ = found == std::string_view::npos ? end_ : at_ + found + end.size();
     return true;
 }
 
-void Skimmer::SkipMarkup() {
-    if (Skip("<!--", "-->") || Skip("<?", "?>")) return CountAside();
-    if (Skip("<![CDATA[", "]]>")) return;
-    if (Skip("<!", ">")) Refuse("a document type is not accepted");
-    if (Skip("</", ">")) {
-        --depth_;
-    } else {
-        SkipElement();
-    }
+void Skimmer::SkipAside() {
+    if (Skip("![CDATA[", "]]>")) return;
+    if (!Skip("!--", "-->") && !Skip("?", "?>")) Refuse("a document type is not accepted");
+    if (++asides_ > kMaxAsides) Refuse("over 100000 comments and processing instructions");
 }
 
 void Skimmer::SkipElement() {
-    constexpr std::string_view kStops = "\"'>";
     std::size_t attributes = 0;
-    while ((at_ = text_.find_first_of(kStops, at_)) != std::string_view::npos) {
-        const char stop = text_[at_++];
-        if (stop == '>') break;
+    for (; at_ != end_ && *at_ != '>'; ++at_) {
+        const char quote = *at_;
+        if (quote != '"' && quote != '\'') continue;
         if (++attributes > kMaxAttributes) Refuse("over 10000 attributes in one element");
-        at_ = text_.find(stop, at_);
-        if (at_ == std::string_view::npos) return;
         ++at_;
+        if (!SkipTo(quote)) return;
+        --at_;  // on the quote that ends the value
     }
-    if (at_ == std::string_view::npos || text_[at_ - 2] == '/') return;
-    if (++depth_ > kMaxDepth) Refuse("over 256 levels deep");
+    if (at_ != end_ && at_[-1] != '/' && ++depth_ > kMaxDepth) Refuse("over 256 levels deep");
 }
 
 // ---- Parsing ------------------------------------------------------------------------------------
@@ -231,17 +240,19 @@ std::shared_ptr<Tree> Parse(std::string text) {
     // Usually one look at the bytes is enough: only a reference can bring in what is not there.
     const bool clean = FirstBad(text) == text.size() && text.find("&#") == std::string::npos;
     if (!clean && text.find('\0') != std::string::npos) Refuse("a NUL byte");
-    if (text.size() > kStrangersLimit) Skimmer(text).Run();  // a smaller one cannot grow too big
+    const bool skimmed = text.size() > kStrangersLimit;  // a smaller one cannot grow too big
+    if (skimmed) Skimmer(text).Run();
     auto tree = std::make_shared<Tree>();
     tree->text = std::move(text);
+    // With the NUL behind it: the parser puts its end mark over the last byte.
     const pugi::xml_parse_result result = tree->doc.load_buffer_inplace(
-        tree->text.data(), tree->text.size(), kParse, pugi::encoding_utf8);
+        tree->text.data(), tree->text.size() + 1, kParse, pugi::encoding_utf8);
     if (!result) {
         Refuse(std::string(result.description()) + " at byte " + std::to_string(result.offset));
     }
     CheckTopLevel(tree->doc);
     Inspector inspector(clean);
-    if (!tree->doc.traverse(inspector)) Refuse("over 256 levels deep");
+    if (!(clean && skimmed) && !tree->doc.traverse(inspector)) Refuse("over 256 levels deep");
     AddDeclaration(tree->doc);
     return tree;
 }
@@ -273,13 +284,6 @@ pugi::xml_node Node(void* node) {
 pugi::xml_node ElementOrNext(pugi::xml_node node) {
     while (node && node.type() != pugi::node_element) node = node.next_sibling();
     return node;
-}
-
-/// In it, or behind it; null at the end of the document.
-pugi::xml_node NextInOrder(pugi::xml_node node) {
-    if (node.first_child()) return node.first_child();
-    while (node && !node.next_sibling()) node = node.parent();
-    return node.next_sibling();
 }
 
 class TextCollector : public pugi::xml_tree_walker {
@@ -389,13 +393,6 @@ XmlNode XmlNode::Parent() const {
     const pugi::xml_node parent = Node(node_).parent();
     if (parent.type() != pugi::node_element) return {};
     return {tree_, parent.internal_object()};
-}
-
-XmlNode XmlNode::NextInDocument(const std::string& name) const {
-    pugi::xml_node node = NextInOrder(Node(node_));
-    while (node && (node.type() != pugi::node_element || name != node.name()))
-        node = NextInOrder(node);
-    return {tree_, node.internal_object()};
 }
 
 XmlNode XmlNode::AppendChild(const std::string& name) {

@@ -32,9 +32,6 @@ public:
     XmlNode FirstChild() const;  ///< elements only, here and below
     XmlNode Next() const;
     XmlNode Parent() const;
-    /// The next element of this name in document order: in it or behind it. A walk that asks each
-    /// element for the next one may change what it stands on.
-    XmlNode NextInDocument(const std::string& name) const;
     XmlNode AppendChild(const std::string& name);
     XmlNode AppendChild(const std::string& name, const std::string& text);
     XmlNode AppendChild(const XmlNode& source);  ///< a deep copy
