@@ -18,7 +18,7 @@ let expected = [];  // statuses of answers that the browser may complain about
 
 async function open(user, options = {}) {
   const context = await browser.newContext({ignoreHTTPSErrors: true, viewport: {width: 1280, height: 860}, bypassCSP: false,
-    colorScheme: 'light', acceptDownloads: true, ...options});
+    colorScheme: 'light', reducedMotion: 'reduce', acceptDownloads: true, ...options});
   const page = await context.newPage();
   page.setDefaultTimeout(10000);
   await page.addInitScript(() => {
