@@ -6,11 +6,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include "vel/str.h"
 #include "vel/vel_file.h"
 #include "vel/vel_tool.h"
 
 #include "sbin/backup2/commands.h"
+#include "sbin/backup2/import_place.h"
 #include "sbin/backup2/job.h"
 #include "sbin/backup2/private.h"
 #include "sbin/backup2/removed.h"
@@ -34,7 +34,6 @@ Examples:
 Exit status 3: something had to stay, or a copy is just being made; its user was left alone.)";
 
 const char kOwnDirs[] = "var/backup/qorvel.private";
-const std::string kImport = ".import.";
 
 /// User -> local directory of his own storage: as the panel says, and what is on this machine of
 /// users whom it knows no more.
@@ -84,31 +83,13 @@ int Sweep(const Site& site) {
     return done.status;
 }
 
-/// What an import that was killed had fetched.
-void DropImports(const std::string& admin_dir) {
-    std::map<std::string, std::string> left;  // user -> folder
-    if (!vel_file::Exists(admin_dir)) return;
-    for (vel_file::Dir entries(admin_dir, 2); entries.Next();)
-        if (str::StartsWith(entries.Name(), kImport))
-            left[entries.Name().substr(kImport.size())] = entries.Path();
-    for (const auto& [user, folder] : left) {
-        try {
-            const WorkLock alone("restore", user);
-            EndOrphans(folder);
-            vel_file::Remove(folder);
-        } catch (const Busy&) {
-            // an import that goes on
-        }
-    }
-}
-
 int Cleanup(const std::string& user) {
     const Site admin = AskSite();
     const std::string admin_dir = admin.local_dir;
     if (!user.empty()) CheckUser(user);
     if (admin_dir.empty()) throw std::runtime_error("the panel names no local directory");
     int status = DeleteFormerUsers(admin, user);
-    DropImports(admin_dir);
+    DropImportDirs(admin_dir);
     for (const auto& [name, dir] : OwnDirs())
         if (user.empty() || name == user)
             status = WorseStatus(status, CleanUser(name, admin_dir, dir));

@@ -17,7 +17,6 @@
 #include "vel/vel_file.h"
 #include "vel/vel_proc.h"
 #include "vel/vel_tool.h"
-#include "vel/vel_user.h"
 #include "vel/vel_xml.h"
 
 #include "backup_common/backup2_misc.h"
@@ -26,6 +25,7 @@
 #include "sbin/backup2/extract.h"
 #include "sbin/backup2/folder_on_signal.h"
 #include "sbin/backup2/foreign_archive.h"
+#include "sbin/backup2/import_place.h"
 #include "sbin/backup2/job.h"
 #include "sbin/backup2/output.h"
 #include "sbin/backup2/progress.h"
@@ -231,29 +231,14 @@ private:
     int status_ = vel_tool::kDone;
 };
 
-std::string NeedRoot(const std::string& user) {
-    const std::string root = AskUserRoot(CheckUser(user));
-    if (root.empty()) throw std::runtime_error(user + " has no root in the panel");
-    if (!vel_user::Exists(user)) throw std::runtime_error(user + " has no account on this machine");
-    return root;
-}
-
-vel_file::TmpDir WorkDir(const std::string& user) {
-    const std::string local_dir = AskSite().local_dir;
-    vel_file::MkDir(local_dir);
-    const std::string path = vel_file::ConcatPath(local_dir, ".import." + user);
-    EndOrphans(path);
-    return vel_file::TmpDir::At(path);
-}
-
 Import::Import(const FileImport& options, std::string file, RestoreReport& report)
     : options_(options),
       report_(report),
       file_(std::move(file)),
-      root_(NeedRoot(options.user)),
+      root_(NeedImportRoot(options.user)),
       servers_(ChooseServers(options.servers)),
       alone_("restore", options.user),
-      work_(WorkDir(options.user)),
+      work_(MakeImportDir(options.user)),
       work_on_signal_(work_.Path()),
       converted_(vel_file::ConcatPath(work_.Path(), "converted")) {}
 

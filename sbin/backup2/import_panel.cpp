@@ -1,17 +1,12 @@
 #include "sbin/backup2/import_panel.h"
 
-#include <unistd.h>
-
-#include <ctime>
 #include <iostream>
-#include <optional>
 #include <set>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
 
 #include "vel/str.h"
-#include "vel/vel_err.h"
 #include "vel/vel_file.h"
 #include "vel/vel_proc.h"
 #include "vel/vel_rpc/fetch_file.h"
@@ -22,6 +17,7 @@
 #include "sbin/backup2/entries.h"
 #include "sbin/backup2/extract.h"
 #include "sbin/backup2/folder_on_signal.h"
+#include "sbin/backup2/import_place.h"
 #include "sbin/backup2/job.h"
 #include "sbin/backup2/other_panel.h"
 #include "sbin/backup2/output.h"
@@ -121,28 +117,13 @@ private:
     TopLevel full_, increment_;
 };
 
-std::string NeedRoot(const std::string& user) {
-    const std::string root = AskUserRoot(CheckUser(user));
-    if (root.empty()) throw std::runtime_error(user + " has no root in the panel");
-    if (!vel_user::Exists(user)) throw std::runtime_error(user + " has no account on this machine");
-    return root;
-}
-
-vel_file::TmpDir WorkDir(const std::string& user) {
-    const std::string local_dir = AskSite().local_dir;
-    vel_file::MkDir(local_dir);
-    const std::string path = vel_file::ConcatPath(local_dir, ".import." + user);
-    EndOrphans(path);
-    return vel_file::TmpDir::At(path);
-}
-
 Import::Import(const PanelImport& options, const std::string& password, RestoreReport& report)
     : options_(options),
       report_(report),
-      root_(NeedRoot(options.user)),
+      root_(NeedImportRoot(options.user)),
       panel_(options.from, options.admin, password, options.user),
       alone_("restore", options.user),
-      work_(WorkDir(options.user)),
+      work_(MakeImportDir(options.user)),
       folder_on_signal_(work_.Path()) {}
 
 /// False when another backup became the newest there meanwhile.
