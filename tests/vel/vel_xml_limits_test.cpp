@@ -14,10 +14,20 @@
 
 namespace {
 
+#ifdef __has_feature
+#if __has_feature(address_sanitizer)
+#define BACKUP2_SANITIZED
+#endif
+#endif
+
 using vel_xml::Xml;
 
 constexpr int64_t kMiB = 1 << 20;
+#if defined(__SANITIZE_ADDRESS__) || defined(BACKUP2_SANITIZED)
+constexpr int64_t kMost = 64 * kMiB;  // with the sanitizer's own
+#else
 constexpr int64_t kMost = 32 * kMiB;
+#endif
 
 std::string Repeat(const std::string& text, std::size_t count) {
     std::string out;
