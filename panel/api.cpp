@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <deque>
 #include <map>
+#include <mutex>
 #include <semaphore>
 #include <set>
 #include <utility>
@@ -40,6 +42,7 @@ constexpr std::size_t kLongestPath = 4096;
 constexpr std::size_t kLongestSearch = 200;
 constexpr std::size_t kLongestSecret = 1024;
 constexpr int64_t kMostRows = 1000;
+constexpr std::size_t kDownloadsAnHour = 200;  // each opens a session of the panel's protocol
 
 /// Why a request is not answered with what it asked for.
 struct Refusal {
@@ -168,7 +171,7 @@ void Send(httplib::Response& out, int status, const Json& json) {
 }
 
 void Send(httplib::Response& out, const Refusal& refusal) {
-    if (refusal.status == 429) out.set_header("Retry-After", "300");
+    if (refusal.code == "tries") out.set_header("Retry-After", "300");
     Send(out, refusal.status, {{"error", {{"code", refusal.code}, {"message", refusal.message}}}});
 }
 
@@ -231,6 +234,26 @@ struct Sum {
     }
 };
 
+/// How often each user did something lately. Safe to use from several threads.
+class Allowance {
+public:
+    /// False when he did it `most` times within the hour.
+    bool Take(const std::string& user, std::size_t most) {
+        const std::lock_guard lock(mutex_);
+        auto& times = times_[user];
+        const auto now = Clock::now();
+        while (!times.empty() && times.front() + std::chrono::hours(1) <= now) times.pop_front();
+        if (times.size() >= most) return false;
+        times.push_back(now);
+        return true;
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    std::mutex mutex_;
+    std::map<std::string, std::deque<Clock::time_point>> times_;  // of known users only
+};
+
 }  // namespace
 
 // ---- The requests -------------------------------------------------------------------------------
@@ -277,6 +300,7 @@ private:
     WebSessions web_;
     Programs programs_;
     Jobs jobs_;
+    Allowance downloads_;
     std::counting_semaphore<2> password_checks_{2};  // each takes a core and 16 MiB for a while
 };
 
@@ -519,6 +543,8 @@ Json Api::Impl::Download(Call& call) {
     const std::string owner = Owner(call), part = call.Text("part");
     if (kParts.count(part) == 0) throw Wrong("There is no such part.");
     call.store.GetUser(owner);
+    if (!downloads_.Take(call.user.name, kDownloadsAnHour))
+        throw Refusal{429, "downloads", "Too many downloads. Try again in an hour."};
     return {{"url", "/velcgi/backup2_download?auth=" + protocol_.Open(owner) + "&part=" + part}};
 }
 

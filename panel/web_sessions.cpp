@@ -10,6 +10,7 @@ namespace {
 constexpr std::chrono::minutes kIdle{30};
 constexpr std::chrono::hours kLongest{12};
 constexpr std::size_t kMaxEntries = 10000;
+constexpr std::ptrdiff_t kMostOfUser = 50;
 constexpr std::size_t kIdBytes = 32;
 
 std::string Digest(const std::string& text) {
@@ -25,10 +26,23 @@ bool WebSessions::Over(const Entry& entry) {
     return entry.used + kIdle <= now || entry.opened + kLongest <= now;
 }
 
+/// Nobody's log-ins take the room of others.
+void WebSessions::DropOldestOf(const std::string& user) {
+    auto oldest = entries_.end();
+    std::ptrdiff_t count = 0;
+    for (auto at = entries_.begin(); at != entries_.end(); ++at) {
+        if (at->second.user != user) continue;
+        ++count;
+        if (oldest == entries_.end() || at->second.used < oldest->second.used) oldest = at;
+    }
+    if (count >= kMostOfUser) entries_.erase(oldest);
+}
+
 std::string WebSessions::Open(const panel::User& user) {
     const std::string id = str::hex::Encode(str::Random(kIdBytes));
     const std::lock_guard lock(mutex_);
     std::erase_if(entries_, [](const auto& item) { return Over(item.second); });
+    DropOldestOf(user.name);
     if (entries_.size() >= kMaxEntries) throw vel_err::Error("auth", "limit");
     entries_[Digest(id)] = {user.name, user.password_hash, Clock::now(), Clock::now()};
     return id;

@@ -15,7 +15,7 @@ namespace panel {
 class WebSessions {
 public:
     /// A new session's id for the cookie (64 hex digits). Throws vel_err::Error("auth", "limit")
-    /// when too many are open.
+    /// when too many are open. Of one user's fifty the one that was used longest ago ends.
     std::string Open(const User& user);
     /// The session's user, "" for an unknown id and for one that was not used for half an hour or
     /// is twelve hours old.
@@ -35,6 +35,7 @@ private:
         Clock::time_point opened, used;
     };
     static bool Over(const Entry& entry);
+    void DropOldestOf(const std::string& user);
 
     std::mutex mutex_;
     std::map<std::string, Entry> entries_;  // by the digest of the id

@@ -1,6 +1,7 @@
 // Uses the page in Chromium as people do. What to use comes as JSON on standard input (test_page.py);
 // every step stands for itself in the output, and a failed one leaves a picture.
 import assert from 'node:assert/strict';
+import {execFileSync} from 'node:child_process';
 import {createHash} from 'node:crypto';
 import {existsSync, mkdirSync, readFileSync, rmSync, statSync, writeFileSync} from 'node:fs';
 import {gunzipSync} from 'node:zlib';
@@ -187,6 +188,21 @@ await step('what could not come back stands in the report, and opening marks it 
   await page.goto(`${facts.url}/#/reports`);
   await page.getByRole('row').filter({hasText: '1 failure'}).getByText('viewed').waitFor();
   rmSync(`${home}/data/photos/a.jpg`, {recursive: true});
+});
+
+await step('a database comes back alone', async () => {
+  const sql = (words) => execFileSync(facts.mariadb[0], [...facts.mariadb.slice(1), words], {encoding: 'utf8'});
+  sql('DELETE FROM shop.orders WHERE name = "first"');
+  writeFileSync(`${home}/data/later.txt`, 'newer than the backup');
+  await page.goto(`${facts.url}/#/backup/${anna}/${tuesday}`);
+  await page.getByRole('checkbox', {name: /shop.*on main/}).check();
+  await accessible(page, 'databases');
+  await page.getByRole('link', {name: 'Restore what is chosen'}).click();
+  await page.getByRole('button', {name: 'Try it without changing anything'}).click();
+  await page.getByRole('button', {name: 'Restore now'}).click();
+  await page.getByRole('heading', {name: 'Restored', exact: true}).waitFor();
+  assert.equal(sql('SELECT name FROM shop.orders ORDER BY name'), 'first\nsecond\n');
+  assert.equal(readFileSync(`${home}/data/later.txt`, 'utf8'), 'newer than the backup');
 });
 
 await step('a backup that was started shows its progress, also after the page was loaded again', async () => {

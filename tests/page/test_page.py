@@ -52,6 +52,7 @@ class Site:
 
     def __init__(self, stack):
         self.root = stack.enter_context(backup2_test.install_root())
+        self.root.chmod(0o711)  # the database server is another account
         for place in ("store", "own"):
             (self.root / place).mkdir()
         self.tell("storage", "set", "--slice-size", "1M", secret=local_token(self.root / "store", "pass"))
@@ -61,18 +62,29 @@ class Site:
             self.tell("user", "add", name, "--root", str(home), secret=PASSWORDS[name])
         self.tell("storage", "set", "--user", ANNA, secret=local_token(self.root / "own"))
         self.tell("user", "add", "chief", "--admin", "--uid", "0", secret=PASSWORDS["chief"])
+        self.add_database(self.serve(stack, "mariadb"))
         self.hold = self.slow_openssl()
-        work = self.root / "panel"
-        settings = self.server("start", work)
-        stack.callback(self.server, "stop", work)
+        settings = self.serve(stack, "panel")
         self.url, self.port = settings["url"], int(settings["port"])
         self.fill()
 
-    def server(self, verb, work):
+    def server(self, name, verb):
         path = f"{self.root / 'bin'}:{os.environ['PATH']}"
-        done = subprocess.run([SERVERS / "panel", verb, work], check=True, capture_output=True, text=True,
+        done = subprocess.run([SERVERS / name, verb, self.root / name], check=True, capture_output=True, text=True,
                               env=backup2_test.environment(PATH=path))
         return dict(line.split("=", 1) for line in done.stdout.splitlines() if "=" in line)
+
+    def serve(self, stack, name):
+        stack.callback(self.server, name, "stop")
+        return self.server(name, "start")
+
+    def add_database(self, settings):
+        self.mariadb = ["mariadb", f"--defaults-file={settings['options']}", "-N", "-e"]
+        subprocess.run([*self.mariadb, "CREATE DATABASE shop; CREATE TABLE shop.orders (name TEXT); "
+                        "INSERT INTO shop.orders VALUES ('first'), ('second');"], check=True)
+        self.tell("server", "add", "main", "--type", "mysql", "--socket", settings["socket"],
+                  "--login", settings["login"], secret=settings["password"])
+        self.tell("db", "add", ANNA, "main", "shop")
 
     def slow_openssl(self):
         """A program of this name, by which slices are encrypted, waits while the file is there."""
@@ -140,7 +152,7 @@ class Page(unittest.TestCase):
         os.makedirs(shots, exist_ok=True)
         facts = {"url": self.site.url, "anna": ANNA, "bert": BERT, "passwords": PASSWORDS, "shots": shots,
                  "monday": MONDAY, "tuesday": TUESDAY, "home": str(self.site.homes[ANNA]),
-                 "hold": str(self.site.hold), "chromium": shutil.which("chromium")}
+                 "hold": str(self.site.hold), "mariadb": self.site.mariadb, "chromium": shutil.which("chromium")}
         done = subprocess.run(["node", HERE / "page.mjs"], input=json.dumps(facts), text=True, capture_output=True,
                               timeout=300, check=False, env=backup2_test.environment(HOME=str(self.site.root)))
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
