@@ -4,7 +4,6 @@
 #include <sys/file.h>
 #include <sys/vfs.h>
 
-#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -645,10 +644,12 @@ class KeyFile {
 public:
     explicit KeyFile(const std::string& key)
         // Absolute: it is to be found, and removed, wherever the program has gone meanwhile.
-        : file_(Absolute(vel_file::ConcatPath("tmp", "tmpfile"))) {
-        vel_file::Attrs(0400, 0).Set(file_.Path());
-        vel_file::Write(file_.Path(), AsKeyFile(key));
-        alive_ = Lock(file_.Path(), LOCK_SH);
+        : file_(Absolute(vel_file::ConcatPath("tmp", "tmpfile"))),
+          alive_(Open(file_.Path(), O_RDWR)) {
+        if (!alive_) vel_err::RaiseErrno("open", file_.Path(), errno);
+        Lock(alive_, LOCK_SH);  // before its mode makes it a key, so that nobody takes it for dead
+        vel_file::Attrs(0400, 0).Set(alive_);
+        vel_file::WriteAll(alive_, AsKeyFile(key), file_.Path());
         try {
             Sweep(vel_file::SplitPath(file_.Path()).dir);
         } catch (const std::exception& e) {  // another process sweeps, too
@@ -658,29 +659,29 @@ public:
     const std::string& Path() const { return file_.Path(); }
 
 private:
-    /// No descriptor when another one holds the lock.
-    static vel_file::ResHandle Lock(const std::string& path, int kind) {
-        constexpr int kPlain = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
-        const vel_file::ResHandle fd(::open(path.c_str(), kPlain));
-        return fd && ::flock(fd, kind | LOCK_NB) == 0 ? fd : vel_file::ResHandle();
+    static vel_file::ResHandle Open(const std::string& path, int access) {
+        constexpr int kPlain = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+        return vel_file::ResHandle(::open(path.c_str(), access | kPlain));
     }
-    /// Looks like a key, and was there before its owner, if it is alive, would have locked it.
-    static bool IsOldKey(const vel_file::Info& file) {
-        constexpr int kYoungSeconds = 60;
-        return file.IsFile() && file.Stat().st_uid == 0 && (file.Stat().st_mode & 07777) == 0400 &&
-               ::time(nullptr) - file.Stat().st_mtime > kYoungSeconds;
+    /// False when another one holds the lock.
+    static bool Lock(int fd, int kind) { return ::flock(fd, kind | LOCK_NB) == 0; }
+    static bool IsDeadKey(const vel_file::Dir& entry) {
+        if (!str::StartsWith(entry.Name(), ".tmp.") || !entry.IsFile()) return false;
+        const vel_file::Info file = entry.Info(2);
+        if (file.Stat().st_uid != 0 || (file.Stat().st_mode & 07777) != 0400) return false;
+        const vel_file::ResHandle fd = Open(entry.Path(), O_RDONLY);
+        return fd && Lock(fd, LOCK_EX);
     }
     static void Sweep(const std::string& folder) {
         std::list<std::string> dead;
         for (vel_file::Dir entries(folder, 2); entries.Next();) {
-            if (!str::StartsWith(entries.Name(), ".tmp.") || !IsOldKey(entries.Info(2))) continue;
-            if (Lock(entries.Path(), LOCK_EX)) dead.push_back(entries.Path());
+            if (IsDeadKey(entries)) dead.push_back(entries.Path());
         }
         for (const std::string& path : dead) vel_file::RemoveFile(path);
     }
 
     const vel_file::Tmp file_;
-    vel_file::ResHandle alive_;
+    const vel_file::ResHandle alive_;
 };
 
 /// A directory of any server that takes our key.
