@@ -33,9 +33,7 @@ public:
     void List(std::list<std::string>& out, const std::string& dir) override;
     void RealMkDir(const std::string& full_path) override { client_.MkPath(full_path); }
     void RmDir(const std::string& dir) override;
-    int Sweep(const std::string& dir, int hours) override {
-        return client_.AbortStale(FullDir(dir), hours);
-    }
+    int Sweep(const std::string& dir, int hours) override;
 
 private:
     std::string Full(const std::string& name) const { return vel_file::ConcatPath(base_, name); }
@@ -90,6 +88,16 @@ void StorageTemplate<Client>::RmDir(const std::string& dir) {
         if (left.empty()) client_.RmDir(FullDir(parent));
     } catch (const std::exception& e) {
         log_.Write(6, "Cannot remove '%s': %s", dir, e.what());
+    }
+}
+
+/// A client need not know of unfinished uploads.
+template <class Client>
+int StorageTemplate<Client>::Sweep(const std::string& dir, int hours) {
+    if constexpr (requires { client_.AbortStale(base_, hours); }) {
+        return client_.AbortStale(FullDir(dir), hours);
+    } else {
+        return Storage::Sweep(dir, hours);
     }
 }
 

@@ -28,10 +28,6 @@ public:
     void MkPath(const std::string& path) { Call("mkpath", path); }
     void RmDir(const std::string& path) { Call("rmdir", path); }
     void DropToken() { Call("drop", "token"); }
-    int AbortStale(const std::string& path, int hours) {
-        Call("sweep", path);
-        return hours;
-    }
 
 private:
     static void Call(const std::string& operation, const std::string& path) {
