@@ -56,26 +56,29 @@ std::string NumberInList(const std::string& user) {
     return "";
 }
 
-/// The number that the user has now, "" when he has gone: three requests must agree on it.
-std::string AskUid(const std::string& user) {
-    const auto form = AskForm(user);
+/// What the form says about the user's number, or that he has gone, is only believed when two more
+/// requests agree with it.
+void Confirm(const vel_client::Result& form, const std::string& user) {
     const std::string uid = form.value(kUid), listed = NumberInList(user);
     const bool gone = !form.GetRoot().FirstChild() && listed.empty();
     const bool there = IsNumber(uid) && form.value("name") == user && listed == uid;
     if (gone == there || HasJob(user) != there) ThrowNonsense();
-    return uid;
 }
 
 /// One user's backups, all of them, in the order of their dates.
 class FormerUser {
 public:
     FormerUser(std::string user, std::vector<Backup> backups)
-        : user_(std::move(user)), backups_(std::move(backups)), uid_(AskUid(user_)) {}
+        : user_(std::move(user)),
+          backups_(std::move(backups)),
+          form_(AskForm(user_)),
+          uid_(form_.value(kUid)) {}
 
     int Delete() {
         if (std::none_of(backups_.begin(), backups_.end(),
                          [this](const Backup& backup) { return IsFormer(backup); }))
             return vel_tool::kDone;
+        Confirm(form_, user_);
         const WorkLock alone("delete", user_);
         int status = vel_tool::kDone;
         for (const Backup& backup : backups_)
@@ -117,7 +120,8 @@ private:
 
     std::string user_;
     std::vector<Backup> backups_;
-    std::string uid_;
+    vel_client::Result form_;
+    std::string uid_;  // that he has now, "" when he has gone
 };
 
 }  // namespace
