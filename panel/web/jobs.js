@@ -5,7 +5,7 @@ import {bytes, moment, plural, seconds} from './format.js';
 
 const PAUSE_MS = 500;
 const TITLES = {run: 'Backup', restore: 'Restore', preview: 'Dry run', verify: 'Verification', check: 'Storage test'};
-const STEPS = {backup: 'Saving files', create: 'Saving files', upload: 'Storing', restore: 'Bringing files back',
+const STEPS = {archive: 'Saving files', upload: 'Storing', restore: 'Bringing files back',
   download: 'Fetching', verify: 'Checking', measure: 'Measuring'};
 
 export function jobTitle(job) {

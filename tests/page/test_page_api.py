@@ -1,0 +1,101 @@
+"""The JSON interface of the panel's page, as nobody should use it."""
+
+import itertools
+import json
+import unittest
+import urllib.parse
+
+from page.page_site import ANNA, BERT, MARK, MONDAY, PASSWORDS, PageCase
+
+
+class PageApi(PageCase):
+    def test_one_user_gets_no_byte_of_another(self):
+        cookie, token = self.log_in(ANNA)
+        bert_cookie, bert_token = self.log_in(BERT)
+        job = json.loads(self.ask("POST", "/api/run", {"custom": True}, bert_cookie, X_CSRF_Token=bert_token)[2])["id"]
+        names = [BERT, "%67ames", "games#", "games%00", "Games", "../games", "./games", "games/", "-games", " games",
+                 "www-data#/../games", "*", "", "chief", "games#mail"]
+        paths = ["/srv", "..", "../games/data", "data/../../games", "%2e%2e/games", "data%00x", "data//many", "/etc/passwd",
+                 ".system/user.games", "data/%2e%2e/%2e%2e/games/data", "games"]
+        requests = [("GET", f"/api/{page}?user={urllib.parse.quote(name, safe='%')}&date={date}", None)
+                    for page in ("backups", "files", "reports", "storages", "jobs") for name in names for date in (MONDAY, "custom")]
+        requests += [("GET", f"/api/files?user={urllib.parse.quote(name, safe='%')}&date={MONDAY}&folder={urllib.parse.quote(path, safe='%')}", None)
+                     for name in names for path in paths]
+        requests += [("POST", f"/api/reports/{form}", {"user": BERT}) for form in ("zebra-report", "zebra-report.xml", "./zebra-report", "%7aebra-report", "--json")]
+        requests += [("GET", f"/api/files?date={MONDAY}&folder={urllib.parse.quote(path, safe='%')}&search={search}", None)
+                     for path in paths for search in ("", "zebra", "/")]
+        requests += [("POST", f"/api/{page}", {"user": name, "date": date, "what": "all", "overwrite": "always", "part": "1", "preview": True})
+                     for page in ("run", "restore", "download", "storage-check", "verify", "pin") for name in names[:8] for date in (MONDAY, "../x")]
+        requests += [("POST", "/api/restore", {"date": MONDAY, "what": "paths", "overwrite": "always", "preview": True, "paths": [path]}) for path in paths]
+        requests += [("GET", f"/api/jobs/{form}", None) for form in (job, job.upper(), job + "/", "../jobs/" + job, job + "%00")]
+        requests += [("GET", f"/api/{form}", None) for form in ("users", "backups?all=yes", "jobs?all=yes", "reports?all=yes", "../api/users", "%75sers", "users/", "files?all=yes")]
+        requests += [("GET", form, None) for form in ("/assets/../../var/backup2_panel.db", "/assets/%2e%2e/store.cpp", "//etc/passwd", "/var/backup2_panel.db")]
+        leaked = [body for method, path, values in requests
+                 for status, headers, body in [self.ask(method, path, values, cookie, X_CSRF_Token=token)]
+                 if MARK in body or b'"user":"games"' in body or b"SQLite" in body or b"root:" in body]
+        self.assertEqual(leaked, [])
+        self.assertGreater(len(requests), 450)
+        for method, path in (("GET", f"/api/files?date={MONDAY}&search=zebra"), ("GET", "/api/reports"), ("POST", "/api/reports/zebra-report")):
+            self.assertIn(MARK, self.ask(method, path, {} if method == "POST" else None, bert_cookie, X_CSRF_Token=bert_token)[2])
+        jobs = json.loads(self.ask("GET", "/api/jobs", cookie=bert_cookie)[2])
+        self.assertEqual([one["id"] for one in jobs], [job])  # nobody began anything for him
+
+    def test_a_request_needs_cookie_token_origin_and_a_body_of_json(self):
+        cookie, token = self.log_in(ANNA)
+        good = {"cookie": cookie, "X_CSRF_Token": token}
+        cases = [("no cookie", 401, {**good, "cookie": ""}), ("another's token", 403, {**good, "X_CSRF_Token": "0" * 64}),
+                 ("no token", 403, {"cookie": cookie}), ("foreign origin", 403, {**good, "Origin": "https://evil.example"}),
+                 ("foreign site", 403, {**good, "Sec_Fetch_Site": "cross-site"}), ("a form", 400, {**good, "Content_Type": "text/plain"}),
+                 ("right", 200, {**good, "Origin": f"https://127.0.0.1:{self.site.port}", "Sec_Fetch_Site": "same-origin"})]
+        for name, status, headers in cases:
+            self.assertEqual(self.ask("POST", "/api/download", {"part": "1"}, **headers)[0], status, name)
+        for body in ("", "[]", "{", "[" * 5000, '{"part": ["1"]}', b"\xff\xfe"):
+            self.assertEqual(self.ask("POST", "/api/download", body, **good)[0], 400, body[:9])
+        self.assertIn(self.ask("POST", "/api/download", "x" * 70000, **good)[0], (400, 413))
+        self.assertEqual(self.ask("GET", "/api/download", **good)[0], 404)  # nothing that changes answers GET
+        session = {"part": "1"}
+        url = json.loads(self.ask("POST", "/api/download", session, **good)[2])["url"]
+        stolen = urllib.parse.parse_qs(urllib.parse.urlparse(url).query)["auth"][0]
+        self.assertEqual(self.ask("GET", "/api/backups", cookie=f"__Host-backup2={stolen}")[0], 401)
+        self.assertEqual(self.ask("POST", "/api/logout", {}, **good)[0], 200)
+        self.assertEqual(self.ask("GET", "/api/backups", cookie=cookie)[0], 401)
+
+    def test_a_new_password_ends_the_sessions_of_the_old_one(self):
+        cookie, _ = self.log_in("chief")
+        self.site.tell("user", "password", "chief", secret="a new one")
+        self.addCleanup(self.site.tell, "user", "password", "chief", secret=PASSWORDS["chief"])
+        self.assertEqual(self.ask("GET", "/api/users", cookie=cookie)[0], 401)
+
+    def test_every_answer_keeps_browsers_on_their_guard(self):
+        for path in ("/", "/assets/app.js", "/api/session", "/api/nothing"):
+            _, headers, _ = self.ask("GET", path)
+            policy = headers["Content-Security-Policy"]
+            self.assertIn("default-src 'none'", policy)
+            self.assertIn("frame-ancestors 'none'", policy)
+            self.assertNotIn("unsafe", policy)
+            self.assertEqual(headers["X-Content-Type-Options"], "nosniff")
+            self.assertEqual(headers["Referrer-Policy"], "no-referrer")
+            self.assertEqual(headers["Cache-Control"], "no-store" if path.startswith("/api") else "no-cache")
+        tag = self.ask("GET", "/")[1]["ETag"]
+        self.assertEqual(self.ask("GET", "/", If_None_Match=tag)[0], 304)
+
+    def test_guessing_a_password_ends_soon_and_for_this_name_only(self):
+        self.site.tell("user", "add", "victim", "--root", "/srv/victim", "--uid", "1999", secret="x")
+        guess = lambda name: self.ask("POST", "/api/login", {"user": name, "password": "guess"})[0]
+        self.assertEqual([guess("victim") for _ in range(7)], [401] * 5 + [429] * 2)
+        self.assertEqual(self.ask("POST", "/api/login", {"user": "victim", "password": "x"})[0], 429)
+        self.log_in(BERT)
+
+    def test_a_user_has_one_job_at_a_time(self):
+        cookie, token = self.log_in(ANNA)
+        body = {"date": MONDAY, "what": "all", "overwrite": "always", "preview": True}
+        answers = [self.ask("POST", "/api/restore", body, cookie, X_CSRF_Token=token) for _ in range(3)]
+        self.assertEqual([status for status, _, _ in answers], [200, 409, 409])
+        job = json.loads(answers[0][2])["id"]
+        for _ in itertools.count():
+            if not json.loads(self.ask("GET", f"/api/jobs/{job}", cookie=cookie)[2])["running"]:
+                break
+
+
+if __name__ == "__main__":
+    unittest.main()
