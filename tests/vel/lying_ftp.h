@@ -14,10 +14,11 @@
 #include <thread>
 #include <vector>
 
-/// An honest server says what `Replies` holds by default; a command without a reply gets 500. In a
-/// reply "%" is where the passive port goes (its number, or "high,low" after a "227"). One that
-/// begins with "-" ends the connection afterwards; an empty one is never given. Data of "~" are ten
-/// bytes a second without an end, and an upload is not read then; "!" resets the data connection.
+/// An honest server says what `Replies` holds by default, for a whole command or for its first
+/// word; a command without a reply gets 500. In a reply "%" is where the passive port goes (its
+/// number, or "high,low" after a "227"). One that begins with "-" ends the connection afterwards;
+/// an empty one is never given. Data of "~" are ten bytes a second without an end, and an upload is
+/// not read then; "!" resets the data connection.
 struct LyingFtp {
     using Replies = std::map<std::string, std::string>;
 
@@ -84,7 +85,7 @@ private:
         if (verb == "EPSV" || verb == "PASV") Renew();
         if (verb == "EPRT")
             peer_port_ = std::atoi(&command[command.rfind('|', command.size() - 2) + 1]);
-        if (!Reply(fd, verb)) return false;
+        if (!Reply(fd, replies_.count(command) > 0 ? command : verb)) return false;
         const bool data = replies_.count(verb) > 0 && replies_[verb].find("150") == 0;
         if (!data) return true;
         Transfer(verb == "STOR");

@@ -186,6 +186,12 @@ TEST(Ftp, ReplacesWhereTheServerDoesNot) {
     ASSERT_TRUE(Put(ftp, "/x", "old"));
     ASSERT_TRUE(Put(ftp, "/x", "new"));
     EXPECT_EQ(Get(ftp, "/x"), "new");
+    ftp.MkPath("/d");
+    ASSERT_TRUE(Put(ftp, "/d/y", "kept"));
+    EXPECT_NE(Failure([&] { Put(ftp, "/d", "in place of a folder"); }), "none");
+    EXPECT_EQ(Get(ftp, "/d/y"), "kept");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(server["root"]), {}), 2)
+        << "nothing is left";
 }
 
 TEST(Ftp, SpeaksTheNewestTlsWhereTheServerInsists) {
@@ -238,7 +244,11 @@ const Lie kLies[] = {
     {"failed at the end", {}, "", "put", "451 Broken", "451 Broken"},
     {"no end", {}, "", "put", "network|", ""},
     {"gone after the data", {}, "", "put", "network|", "-"},
-    {"rename refused", {{"RNTO", "553 No"}}, "", "put", "553 No"},
+    {"rename refused, and the old file stays",
+     {{"RNTO", "553 No"}, {"DELE /d/x", "-"}},
+     "",
+     "put",
+     "553 No"},
     {"cut download", {}, "1234", "get", "network|"},
     {"cut download, size unknown", {{"SIZE", "500 What?"}}, "1234", "get", "426 Cut", "426 Cut"},
     {"cut download, connection gone", {{"SIZE", "500 No"}}, "1234", "get", "network|", "-"},

@@ -176,14 +176,21 @@ std::string Ftp::Impl::StoredSize(const std::string& step, const std::string& pa
     return reply.ok ? "213 " + str::Str(counter.Bytes()) : reply.text;
 }
 
-/// Where the server does not replace a file, it is removed first.
+/// Where the server does not replace a file, that one makes way, and comes back when the new one
+/// cannot take its place.
 void Ftp::Impl::Rename(const std::string& step, const std::string& from, const std::string& to) {
-    const std::vector<std::string> commands{"RNFR " + from, "RNTO " + to};
-    FtpReply reply = session.Command(step, commands);
-    if (!reply.ok && session.Command(step, {"DELE " + to}).ok) {
-        reply = session.Command(step, commands);
-    }
-    if (!reply.ok) Refuse(step, reply.text);
+    const auto move = [&](const std::string& what, const std::string& where) {
+        return session.Command(step, {"RNFR " + what, "RNTO " + where});
+    };
+    FtpReply reply = move(from, to);
+    if (reply.ok) return;
+    const std::string old = Join(Place(to).folder, TemporaryName(to + str::Random(8)));
+    const bool is_folder = session.Enter(step, to).ok;
+    if (is_folder || !move(to, old).ok) Refuse(step, reply.text);
+    reply = move(from, to);
+    if (reply.ok) return Forget(old);
+    if (!move(old, to).ok) logger.Write(4, "%s: what was there lies as %s", step, old);
+    Refuse(step, reply.text);
 }
 
 void Ftp::Impl::Forget(const std::string& temporary) noexcept {
