@@ -75,7 +75,7 @@ void PrintEvents(const StoredReport& report) {
     for (const ReportEvent& event : report.events) {
         const auto word = kWords.find(event.type);
         std::string name = str::Trim(event.name);
-        str::Append(name, event.error, ": ");
+        if (!event.error.empty()) name += ": " + event.error;
         table.Add({event.date, word == kWords.end() ? event.type : word->second, event.code, name});
     }
     std::cout << table.Str();

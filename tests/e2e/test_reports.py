@@ -66,7 +66,7 @@ class Reports(StorageCase):
         self.assertEqual(([event["name"] for event in report["events"]], report["type"], report["viewed"]),
                          (["/plain"], "selected", False))
         shown = self.backup2("report", "r1")
-        self.assertIn("/plain", shown)
+        self.assertRegex(shown, r"file +/plain\n")
         self.restore("--report", "r1", "data/a")
         self.assertIn("Everything came back", self.backup2("report", "r1"))
         # Without an id one is made, and told.
