@@ -337,6 +337,7 @@ await step('an administrator finds users and sees everybody\'s backups', async (
 await step('dark colours come with the system or by choice, with contrast enough', async () => {
   const dark = await open('', {colorScheme: 'dark'});
   const ground = () => dark.evaluate(() => getComputedStyle(document.body).backgroundColor);
+  await heading(dark, 'Log in');
   const night = await ground();
   await shot(dark, 'login-dark');
   await dark.getByLabel('Colours').selectOption('light');
