@@ -2,63 +2,19 @@
 
 import contextlib
 import os
-import pathlib
 import re
 import shutil
 import stat
 import subprocess
-import tempfile
 import unittest
 
 import backup2_test
+from database import Database
 from panel import Panel
+from storage_case import server
 
-SERVERS = pathlib.Path(__file__).resolve().parents[1] / "servers"
 OWNER_PASSWORD = "ow'n\"er \\ #;1:x"
 MAGIC = bytes(range(256)) * 5
-
-
-class Server:
-    """A throw-away server, shared by the tests of one class; each uses databases of its own."""
-
-    def __init__(self, kind):
-        self.kind = kind
-        self.work = tempfile.mkdtemp(prefix="backup2-db-")
-        os.chmod(self.work, 0o755)
-        try:
-            shown = self._script("start")
-        except BaseException:
-            self.stop()
-            raise
-        self.settings = dict(line.split("=", 1) for line in shown.splitlines())
-        self.type = "mysql" if kind == "mariadb" else "postgresql"
-
-    def _script(self, action):
-        done = subprocess.run([str(SERVERS / self.kind), action, self.work], text=True, timeout=120,
-                              stdout=subprocess.PIPE, check=False)
-        if done.returncode == 77:
-            raise unittest.SkipTest(f"{self.kind} is not installed")
-        if done.returncode:
-            raise AssertionError(f"{self.kind} {action}: status {done.returncode}")
-        return done.stdout
-
-    def stop(self):
-        self._script("stop")
-        shutil.rmtree(self.work)
-
-    def sql(self, text, database=""):
-        """Runs statements as the administrator; what they print, one line a row."""
-        if self.kind == "mariadb":
-            argv = ["mariadb", "--defaults-file=" + self.settings["options"], "-N", "-r",
-                    "--default-character-set=utf8mb4", database]
-        else:
-            argv = ["psql", "-X", "-q", "-A", "-t", "-w", "-v", "ON_ERROR_STOP=1", "-U", "admin",
-                    "-h", self.settings["socket"], "-p", "5432", "-d", database or "postgres"]
-        env = backup2_test.environment(PGPASSFILE=self.settings.get("pgpass", "/dev/null"))
-        done = subprocess.run(argv, input=text.encode(), env=env, capture_output=True, check=False)
-        if done.returncode:
-            raise AssertionError(done.stderr.decode(errors="replace"))
-        return done.stdout.decode(errors="surrogateescape").strip()
 
 
 class SystemCase(unittest.TestCase):
@@ -68,8 +24,7 @@ class SystemCase(unittest.TestCase):
     def setUpClass(cls):
         if cls.kind is None:
             raise unittest.SkipTest("the cases are in the classes below")
-        cls.server = Server(cls.kind)
-        cls.addClassCleanup(cls.server.stop)
+        cls.server = Database(cls.kind, cls.enterClassContext(server(cls.kind)))
         # The panel's log-in has a password with everything that option files and shells dislike.
         cls.quoted = OWNER_PASSWORD.replace("'", "''")
         if cls.kind == "mariadb":
@@ -377,17 +332,6 @@ class Markers(unittest.TestCase):
     def tool(self, action, path):
         return backup2_test.run(["backup2_system", "--" + action, "--user", "bob", "--manager",
                                  "qorvel", path], timeout=20)
-
-    def test_the_users_document_is_written_and_emptied(self):
-        marker = self.system / "user.bob"
-        marker.touch()
-        self.assertEqual(self.tool("start", marker).returncode, 0)
-        self.assertIn('name="user.edit"', marker.read_text())
-        restored = self.tool("restore", marker)
-        self.assertEqual(restored.returncode, 0)
-        self.assertIn("taken over", restored.stdout)
-        self.assertEqual(self.tool("end", marker).returncode, 0)
-        self.assertEqual(marker.read_text(), "")
 
     def test_credentials_of_a_killed_run_are_swept(self):
         with subprocess.Popen(["true"]) as ended:
