@@ -14,13 +14,13 @@ const std::string kAdmin = "var/backup/qorvel/bob/", kOwn = "var/backup/qorvel.p
 class PrivateCopies : public testing::Test {
 protected:
     PrivateCopies() {
-        SetTool("");
+        SetTool();
         fs::create_directories("store");
     }
     /// Adds a line to "calls": "limits" or "<what> <path> <BACKUP_STORAGE> <slices there>", with T
     /// for the temporary folder, A for the administrator's and P for the private one, J for
     /// "2024-01-". Slices hold their own names.
-    static void SetTool(const std::string& more) {
+    static void SetTool() {
         MakeTool("backup2_cp",
                  "for last; do :; done; slices=\n"
                  "case $last in */.private/*) [ \"$(cat $last)\" = \"${last##*/}\" ] || exit 8;\n"
@@ -30,7 +30,7 @@ protected:
                      "|P/|;s|--put --no-delete|keep|;s|--put|data|;" +
                      "s|--server --path P/ --date|limits|;s|2024-01-|J|g' >>calls\n" +
                      "[ $1 != --server ] || exit 3\n" +
-                     "[ \"$BACKUP_TOKEN\" = 'type=local;path=own' ] || exit 9\n" + more);
+                     "[ \"$BACKUP_TOKEN\" = 'type=local;path=own' ] || exit 9");
     }
     /// A backup of bob with these slices, indexes and other info files.
     static void MakeBackup(const std::string& date, const std::string& info,
@@ -39,11 +39,6 @@ protected:
         for (const auto& name : slices) MakeFile("store/bob/" + date + "/" + name, name);
         for (const auto& name : records) MakeFile(kAdmin + date + "/" + name, "");
         MakeFile(kAdmin + date + "/" + date + ".bob.info", info);
-    }
-    static void MakePlain(const std::string& date, char mark, const std::string& more) {
-        const std::string slice = mark + date + ".bob.tgz";
-        MakeBackup(date, "last-slice=bob/" + date + "/" + slice + "\n" + more, {slice},
-                   {date + ".bob.tgz"});
     }
     /// What the tool was called for, and the journal's text; or why it failed.
     static std::string Copy(const std::string& date, const std::string& user = "bob") {
@@ -85,57 +80,6 @@ TEST_F(PrivateCopies, SlicesGoInOrderOneAtATimeThenTheRecords) {
     EXPECT_TRUE(log_.Has(
         8, "CopyToPrivate admin_local_dir = var/backup/qorvel, date = 2024-01-31 user = bob"));
     EXPECT_TRUE(log_.Mentions("Limits of the storage of 'bob' finished with error 3"));
-}
-
-TEST_F(PrivateCopies, CustomAndEncryptedNamesFindTheirPlainIndex) {
-    MakeBackup("custom", "key_hash=x\nlast-slice=bob/custom/C2024-01-31.bob.tgz.aes\n",
-               {"C2024-01-31.bob.tgz.aes"}, {"custom.bob.tgz"});
-    EXPECT_EQ(Copy("custom"),
-              "limits custom --storage bob \n"
-              "data T/custom/CJ31.bob.tgz.aes bob 1\n"
-              "keep A/custom/custom.bob.tgz bob\n"
-              "keep P/custom/custom.bob.info bob\n");
-    MakePlain("2024-01-30", 'F', "key_hash=x\n");  // which says encrypted, and the name does not
-    EXPECT_NE(Copy("2024-01-30").find("data T/J30/FJ30.bob.tgz bob 1\n"), std::string::npos);
-    EXPECT_TRUE(log_.Mentions("F2024-01-30.bob.tgz' has neither the archive's ending"));
-}
-
-TEST_F(PrivateCopies, MissingOrUnfinishedBaseIsCopiedFirst) {
-    MakePlain("2024-01-28", 'F', "");
-    const std::string only = "limits J31", first = "limits J28";
-    for (const std::string base :
-         {"F2024-01-28.bob.tgz", "bob/2024-01-28/F2024-01-28.bob.tgz.aes"}) {
-        MakePlain("2024-01-31", 'I', "base=" + base + "\n");
-        fs::remove_all(kOwn);
-        const auto begins = [](const std::string& with) {
-            return str::StartsWith(Copy("2024-01-31"), with);
-        };
-        EXPECT_TRUE(begins(first));
-        EXPECT_NE(ReadFile("calls").find(only), std::string::npos) << "and then the increment";
-        EXPECT_TRUE(begins(only)) << "it is there";
-        const std::string folder = kOwn + "2024-01-28/";
-        fs::rename(folder + "2024-01-28.bob.tgz", folder + "F2024-01-28.bob.tgz");
-        EXPECT_TRUE(begins(only)) << "under its own name";
-        Cleanup(kOwn, "type=local;path=own", "bob", "2024-01-28", false);
-        EXPECT_TRUE(begins(first)) << "its copying was cut";
-        EXPECT_EQ(ReadFile(kOwn + ".cleanup"), "");
-    }
-}
-
-TEST_F(PrivateCopies, FailureLeavesTheJournalLine) {
-    const std::string line = "type=local;path=own\t2024-01-31.bob\n";
-    MakePlain("2024-01-31", 'F', "");
-    for (const std::string call : {"*.private/bob/*", "*--no-delete*.tgz", "*.info"}) {
-        fs::remove_all(kOwn);
-        SetTool("case $* in " + call + ") echo no room >&2; exit 4;; esac");
-        EXPECT_EQ(Copy("2024-01-31"), "Failed to upload file to user storage\n" + line) << call;
-    }
-    EXPECT_TRUE(log_.Mentions("bob.info' finished with error 4. Output: no room"));
-    fs::remove("store/bob/2024-01-31/F2024-01-31.bob.tgz");
-    EXPECT_NE(Copy("2024-01-31").find("\n" + line + line), std::string::npos);
-    EXPECT_EQ(ReadFile("calls"), "limits J31 --storage bob \n") << "nothing fetched nor stored";
-    MakeBackup("2024-01-30", "type=full\n", {}, {});
-    EXPECT_EQ(Copy("2024-01-30"), "limits J30 --storage bob \n" + line + line) << "no archives";
 }
 
 TEST_F(PrivateCopies, ForeignNamesAreRefusedBeforeAnythingHappens) {

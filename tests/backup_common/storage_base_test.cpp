@@ -72,18 +72,6 @@ TEST_F(StorageBase, MissingFileIsAnErrorAndNoRoomAnAnswer) {
     EXPECT_FALSE(storage_.Put(kArchive, in_) || storage_.Put("a.info", in_));
 }
 
-TEST_F(StorageBase, EncoderThatFailsIsReported) {
-    WriteFile(in_, big_);
-    for (const bool room : {true, false}) {
-        FakePrograms programs;
-        programs.Add("openssl", "head -c 100000 /dev/zero; exit 1");
-        storage_.room = room;
-        EXPECT_EQ(Failure([&] { storage_.Put(kArchive, in_); }), "Fail to encode") << room;
-    }
-    storage_.down = true;
-    EXPECT_EQ(Failure([&] { storage_.Put(kArchive, in_); }), "connection_lost");
-}
-
 TEST_F(StorageBase, DeadDecoderIsTheCauseWhateverTheBackEndSays) {
     storage_.files[kArchive] = big_;
     WriteFile(out_, "old");
@@ -114,14 +102,6 @@ TEST_F(StorageBase, FailedDownloadKeepsTheLocalFile) {
     }
     EXPECT_EQ(ReadFile(out_), "old");
     EXPECT_EQ(dir_.Names(), std::vector<std::string>({"in", "out"}));
-}
-
-TEST_F(StorageBase, DirectoryIsAskedForOnceEvenWhenItFailed) {
-    for (const char* dir : {"bob", "bob", "bob/"}) storage_.MkDir(dir);
-    storage_.dirs_fail = true;
-    EXPECT_EQ(Failure([&] { storage_.MkDir("eve"); }), "mkdir_failed");
-    storage_.MkDir("eve");
-    EXPECT_EQ(storage_.dirs, std::vector<std::string>({"/b/bob", "/b/bob/", "/b/eve"}));
 }
 
 TEST_F(StorageBase, SizeOfAnEncryptedFileIsEstimated) {

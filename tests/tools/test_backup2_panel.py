@@ -22,11 +22,9 @@ def text(document, path):
 
 
 class PanelCase(unittest.TestCase):
-    options = ()
-
     def setUp(self):
         self.root = self.enterContext(backup2_test.install_root())
-        self.panel = self.enterContext(Panel(*self.options))
+        self.panel = self.enterContext(Panel())
 
     def add_bob(self):
         self.panel.command("user add bob --root /srv/bob --uid 1001 --folder data --folder mail "
@@ -68,29 +66,6 @@ class Answers(PanelCase):
         self.assertEqual(info.find("storage").get("slice_size"), "100M")
         self.assertIsNone(info.find("keep"))
         self.assertEqual(text(self.panel.ask(func="user.edit", elid="bob"), "plan"), "small")
-
-    def test_settings_storages_users_and_databases(self):
-        self.add_all()
-        settings = self.panel.ask(func="backup2.settings")
-        self.assertEqual(text(settings, "storage"), TOKEN)
-        self.assertEqual(text(settings, "local_dir"), f"{self.root}/var/backup/qorvel")
-        for parameters in ({"elid": "bob"}, {}):
-            own = self.panel.ask(func="backup2.storage", **parameters).findall("storage")
-            self.assertEqual([(n.text, n.get("user"), n.get("local_dir"), n.get("size_limit"))
-                              for n in own],
-                             [("type=ftp;url=host", "bob",
-                               f"{self.root}/var/backup/qorvel.private/bob", "2G")])
-        self.assertEqual([n.text for n in self.panel.ask(func="user").findall("elem/name")], ["bob"])
-        self.assertEqual(text(self.panel.ask(func="user.edit", elid="bob"), "uid"), "1001")
-        access = self.panel.ask(func="backup2.database", elid="my.shop.2", user="bob")
-        self.assertEqual({n.tag: n.text or "" for n in access}, {
-            "type": "mysql", "socket": "/run/s", "host": "", "port": "", "login": "root",
-            "password": "pa'ss \"1\"#\\", "owner": "shopper", "owner_password": "owner's",
-            "database": "shop.2"})
-        data = self.panel.ask(func="backup2.user.data", elid="bob")
-        self.assertEqual(data.find("elem[@name='user.edit']").get("elid"), "bob")
-        self.assertEqual([n.get("elid") for n in data.findall("elem[@name='db']/elem")],
-                         ["junk->mysql->bob", "shop.2->mysql->bob"])
 
     def test_what_is_not_there_is_told_apart(self):
         self.add_all()

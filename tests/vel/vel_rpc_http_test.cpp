@@ -112,27 +112,6 @@ TEST_F(HttpCore, RedirectsAndErrorsAreAnswersAndNeverReachTheSink) {
     EXPECT_EQ(Http("Cloud").Send(Ask(server)).body.size(), std::size_t{64} << 10);
 }
 
-TEST_F(HttpCore, BodiesArriveAsTheyWereGiven) {
-    const EvilServer server({{Answer("200 OK", "ok")}});
-    Http http("Cloud");
-    const std::string bytes = RandomBytes(3 << 20, 2);
-    for (const bool streamed : {false, true}) {
-        for (const bool sized : {false, true}) {
-            std::istringstream source(bytes);
-            Request request = Ask(server);
-            request.method = "PUT";
-            if (!streamed) request.body = bytes;
-            if (streamed) request.source = &source;
-            if (sized) request.size = bytes.size();
-            EXPECT_EQ(http.Send(request).body, "ok");
-            const std::string sent = server.Requests().back();
-            const bool chunked = sent.find("Transfer-Encoding: chunked") != std::string::npos;
-            EXPECT_EQ(chunked, streamed && !sized);
-            EXPECT_TRUE(chunked || sent.ends_with("\r\n\r\n" + bytes));
-        }
-    }
-}
-
 TEST_F(HttpCore, WhatTheSourceAndTheSinkThrowPasses) {
     const EvilServer server({{Answer("200 OK", "0123456789")}});
     Request request = Ask(server);

@@ -95,21 +95,6 @@ TEST(Xml, BlanksAndMarkupInTextsStayAsTheyWere) {
     EXPECT_EQ(Xml::FromString(xml.Str()).GetRoot().Str(), "   x <&\n<");
 }
 
-TEST(Xml, WalkingSeesElementsOnly) {
-    const Xml xml = Xml::FromString("<r>t<!-- c --><a/>t<?p i?><b><c/></b>t</r>");
-    XmlNode node = xml.GetRoot().FirstChild();
-    EXPECT_EQ(node.Name(), "a");
-    EXPECT_EQ(node.Next().Name(), "b");
-    EXPECT_EQ(node.Next().FirstChild().Parent().Name(), "b");
-    EXPECT_FALSE(node.Next().Next());
-    EXPECT_FALSE(xml.GetRoot().Parent());
-    XmlNode null = node.FirstChild();
-    EXPECT_EQ(null.Name() + null.Str() + null.GetProp("x"), "");
-    null.SetProp("a", "b").SetContent("x");
-    EXPECT_FALSE(null.AppendChild("y"));
-    EXPECT_FALSE(null.Next());
-}
-
 TEST(Xml, XPathFindsElementsInDocumentOrder) {
     Xml xml = Xml::FromString("<r><i n='1'><i n='2'/></i><j/><i n='3'>t</i></r>");
     std::string order;
@@ -155,21 +140,6 @@ TEST(Xml, CopiesShareOneTreeAndDeepCopiesDoNot) {
     kept.Unlink();
     EXPECT_FALSE(kept);
     EXPECT_EQ(same.Str(), kHead + "<doc/>");
-}
-
-TEST(Xml, FilesAreReplacedAndReadBack) {
-    const WorkDir work;
-    Xml xml;
-    xml.GetRoot().AppendChild("a", "x").SetProp("p", "\"");
-    for (const bool formatted : {true, false}) {
-        xml.Save("doc.xml", formatted);
-        Xml back;
-        back.LoadFromFile("doc.xml");
-        EXPECT_EQ(back.GetNode("/doc/a[@p='\"']").Str(), "x") << formatted;
-    }
-    std::ofstream("bad.xml") << "<a>";
-    const std::string failure = Failure([] { Xml().LoadFromFile("bad.xml"); });
-    EXPECT_NE(failure.find("bad.xml"), std::string::npos) << failure;
 }
 
 }  // namespace
