@@ -1,5 +1,4 @@
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -54,18 +53,6 @@ TEST_F(InfoFiles, LinksInTheirPlaceAreRefused) {
     EXPECT_EQ(Failure([&] { GetInfoFile(user_, "bob", "2024-01-31"); }), refused);
     EXPECT_EQ(Failure([&] { CheckLinkPath(info); }), refused);
     EXPECT_EQ(Found(user_, "", ""), Names());
-}
-
-TEST_F(InfoFiles, LinesAreKeysAndValues) {
-    const std::string path = user_ + "/a.info";
-    MakeFile(path, "type=full\n\nbase=a=b\nalone\nlast-slice=bob/d/x.tgz.part2\n");
-    using Map = std::map<std::string, std::string>;
-    EXPECT_EQ(GetInfo(path), Map({{"type", "full"},
-                                  {"base", "a=b"},
-                                  {"alone", ""},
-                                  {"last-slice", "bob/d/x.tgz.part2"}}));
-    EXPECT_EQ(GetLastSliceLocalPath(path), "bob/d/x.tgz.part2");
-    EXPECT_THROW(GetInfo(user_ + "/missing.info"), vel_err::Error);
 }
 
 TEST_F(InfoFiles, SearchFindsBothLayoutsOfOneUserAndDate) {
@@ -128,17 +115,13 @@ TEST_F(InfoFiles, LinkNeverEmptiesAnExistingFile) {
 
 /// Status of a child that tries to mark the directory: 0 marked, 1 busy.
 int MarkInAnotherProcess(const std::string& dir) {
-    const pid_t child = ::fork();
-    if (child == 0) {
+    return WaitForChild(StartChild([&] {
         const std::string failure = Failure([&] {
             const Lock lock(dir);
             ::_exit(0);  // as a killed process ends
         });
-        ::_exit(failure == "lock busy" ? 1 : 2);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WEXITSTATUS(status);
+        return failure == "lock busy" ? 1 : 2;
+    }));
 }
 
 TEST_F(InfoFiles, DirectoryInUseIsMarkedForOtherProcesses) {

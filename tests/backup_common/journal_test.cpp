@@ -1,6 +1,5 @@
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -15,22 +14,14 @@ namespace {
 class Journal : public testing::Test {
 protected:
     std::string Text() const { return ReadFile(path_); }
-    void AddAndRemove(const std::string& name, int times) const {
+    int AddAndRemove(const std::string& name, int times) const {
         for (int i = 0; i < times; ++i) {
             Cleanup(dir_, "type=local", name, "2024-01-31", false).RemoveItem();
         }
+        return 0;
     }
-    /// Another process does it; one that throws dies of it.
     pid_t Start(const std::string& name, int times) const {
-        const pid_t pid = ::fork();
-        if (pid != 0) return pid;
-        AddAndRemove(name, times);
-        ::_exit(0);
-    }
-    static int Wait(pid_t pid) {
-        int status = -1;
-        EXPECT_EQ(::waitpid(pid, &status, 0), pid);
-        return status;
+        return StartChild([&] { return AddAndRemove(name, times); });
     }
 
     FdCheck descriptors_;
@@ -129,14 +120,16 @@ TEST_F(Journal, ManyProcessesKeepEachOthersLinesAndKilledOnesTheirOwn) {
         const pid_t victim = Start("bob", 1000000);
         ::usleep(static_cast<useconds_t>(1000 + round * 531));
         ::kill(victim, SIGKILL);
-        Wait(victim);
+        WaitForChild(victim);
         found += Text().find(".bob\n") != std::string::npos;
     }
-    for (const pid_t writer : writers) EXPECT_EQ(Wait(writer), 0);
+    for (const pid_t writer : writers) EXPECT_EQ(WaitForChild(writer), 0);
     EXPECT_TRUE(str::Replace(Text(), "type=local\t2024-01-31.bob\n", "") == before);
     EXPECT_GT(found, 0) << "none was killed at work";
     AddAndRemove("bob", 1);
     EXPECT_TRUE(Text() == before) << "the next one takes left lines along";
+    const fs::directory_iterator all(dir_);
+    EXPECT_EQ(std::distance(begin(all), end(all)), 1) << "left-overs of killed writers";
 }
 
 TEST(CheckDate, NormalisesDatesOnly) {

@@ -1,11 +1,14 @@
-/// A server on loopback that gives prepared answers and ends connections the way it is told.
+/// A server on loopback, or on a Unix socket, that gives prepared answers and ends connections the
+/// way it is told.
 #pragma once
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -30,18 +33,19 @@ inline std::string Answer(const std::string& status, const std::string& body = "
 class EvilServer {
 public:
     explicit EvilServer(std::vector<EvilAnswer> answers) : answers_(std::move(answers)) {
-        listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        auto* const any = reinterpret_cast<sockaddr*>(&address);
-        if (::bind(listener_, any, size) != 0 || ::listen(listener_, 8) != 0 ||
-            ::getsockname(listener_, any, &size) != 0) {
-            throw std::runtime_error("the server cannot listen");
-        }
+        Listen(address);
         port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this] { Serve(); });
+    }
+    EvilServer(std::vector<EvilAnswer> answers, const std::string& path)
+        : answers_(std::move(answers)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, path.c_str());
+        ::unlink(address.sun_path);
+        Listen(address);
     }
     EvilServer(const EvilServer&) = delete;
     EvilServer& operator=(const EvilServer&) = delete;
@@ -59,8 +63,19 @@ public:
     }
 
 private:
+    template <class Address>
+    void Listen(Address& address) {
+        auto* const any = reinterpret_cast<sockaddr*>(&address);
+        socklen_t size = sizeof address;
+        listener_ = ::socket(any->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (::bind(listener_, any, size) != 0 || ::listen(listener_, 8) != 0 ||
+            ::getsockname(listener_, any, &size) != 0) {
+            throw std::runtime_error("the server cannot listen");
+        }
+        thread_ = std::thread([this] { Serve(); });
+    }
     void Serve() {
-        for (std::size_t i = 0; !stop_; i += i + 1 < answers_.size() ? 1 : 0) {
+        for (std::size_t i = 0; !stop_ && !answers_.empty(); i += i + 1 < answers_.size() ? 1 : 0) {
             const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0) return;
             const timeval limit{0, 100'000};

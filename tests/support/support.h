@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <optional>
 #include <random>
@@ -125,6 +126,25 @@ public:
 private:
     const std::map<int, std::string> before_;
 };
+
+/// Starts a child whose exit status is what `work` returns, 99 when that throws.
+inline pid_t StartChild(const std::function<int()>& work) {
+    const pid_t pid = ::fork();
+    if (pid != 0) return pid;
+    int status = 99;
+    try {
+        status = work();
+    } catch (const std::exception&) {
+    }
+    ::_exit(status);
+}
+
+/// The child's exit status, 128 and the signal for one that was killed.
+inline int WaitForChild(pid_t pid) {
+    int status = 0;
+    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 /// Fails the test when this process has a child at its end, running or not reaped.
 class ChildCheck {

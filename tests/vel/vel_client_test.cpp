@@ -27,7 +27,7 @@ TEST_F(Client, ValuesTravelEncodedInTheBody) {
     const auto answer = Local().Query("func=x&elid=?&b=?&c=?", "a&b?", "", "\xff \n=");
     EXPECT_EQ(answer.value("a"), "1");
     EXPECT_EQ(answer.value("none"), "");
-    const std::string& request = panel.Requests().at(0);
+    const std::string request = panel.Requests().at(0);
     EXPECT_TRUE(request.starts_with("POST / HTTP/1.1\r\n")) << request;
     EXPECT_NE(request.find("User-Agent: unit\r\n"), std::string::npos) << request;
     EXPECT_TRUE(request.ends_with("\r\n\r\nfunc=x&elid=a%26b%3F&b=&c=%FF%20%0A%3D")) << request;
