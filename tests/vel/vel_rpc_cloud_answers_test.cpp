@@ -160,7 +160,7 @@ TEST_P(YandexOnly, WhatTheServiceDoesLaterIsWaitedFor) {
 }
 
 TEST_P(YandexOnly, WhatKilledUploadsLeftIsSweptAndNothingElse) {
-    const std::string left = "upload-0123456789abcdef";
+    const std::string left = "backup2-upload-0123456789abcdef";
     for (const char* name : {"/a/b/c/", "/a/", "/other/"}) {
         ASSERT_EQ(Put(*cloud_, name + left, "half"), 201);
         ASSERT_EQ(Put(*cloud_, name + ("x" + left), "a name of the user's"), 201);
