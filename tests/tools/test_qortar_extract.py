@@ -13,7 +13,6 @@ import os
 import pathlib
 import shutil
 import signal
-import stat
 import subprocess
 import tarfile
 import tempfile
@@ -155,18 +154,6 @@ class RoundTrip(Case):
         self.assertEqual(done.returncode, 1)
         self.assertIn("nobody-such", done.stdout)
         self.assertEqual(len(os.getxattr(self.root / "file", "system.posix_acl_access")), 4 + 5 * 8)
-
-    def test_one_file_needs_only_its_slices(self):
-        packed = Packed(self.store, tar_of_tree(self.tree), member=65536, cut=100003)
-        name = "small/d3/file3.txt"
-        number = packed.places[name][1]
-        for path in packed.slices[:number - 1] + packed.slices[number + 1:]:
-            path.unlink()
-        done = self.qortar("--extract", packed, name)
-        self.assertEqual((done.returncode, done.stdout), (0, ""), done.stderr)
-        wanted = {path: self.state[path] for path in ("small", "small/d3", name)}
-        self.assertEqual(tree_state(self.root)["small"].mtime_ns, wanted["small"].mtime_ns)
-        self.assertEqual(tree_state(self.root)[name], wanted[name])
 
     def test_a_hard_link_alone_brings_its_content(self):
         packed = Packed(self.store, tar_of_tree(self.tree))
@@ -508,12 +495,6 @@ class Policies(Case):
             self.assertEqual((done.returncode, done.stdout), (1, "no\\nsuch\tis not in the archive\n"))
             self.assertEqual((self.root / "d/older").read_text(), "archive")
             self.assertEqual((self.root / "d/newer").read_text(), "present")
-
-    def test_what_was_never_saved_is_a_warning(self):
-        self.packed.lines.append(["f", "600", 0, 0, 5, "1.000000000", "0.000000000", 1, 1, 0, 0, 0, "u", "d/locked", ""])
-        self.packed.write()
-        done = self.qortar("--extract", self.packed)
-        self.assertEqual((done.returncode, done.stdout.split("\t")[0]), (3, "d/locked"))
 
 
 if __name__ == "__main__":
