@@ -140,11 +140,5 @@ TEST_F(SettingsTest, FolderSwappedDuringTheJobCostsNobodyAFile) {
     EXPECT_TRUE(log_.Mentions("Cannot remove '" + root_ + "/.system'"));
 }
 
-TEST_F(SettingsTest, PanelsErrorLeavesNothing) {
-    const FakePanel panel({HttpAnswer("<doc><error type=\"missed\" object=\"user\"/></doc>")});
-    EXPECT_EQ(Failure([] { Settings("panel", "eve", ""); }), "missed user");
-    EXPECT_FALSE(fs::exists(local_));
-}
-
 }  // namespace
 }  // namespace backup2

@@ -8,9 +8,6 @@
 
 #include "vel/test.h"
 #include "vel/vel_env.h"
-#include "vel/vel_err.h"
-#include "vel/vel_hash.h"
-#include "vel/vel_user.h"
 
 #include "tests/vel/fixtures.h"
 
@@ -42,24 +39,6 @@ TEST(Str, DecodersTakeNonsenseWithoutFailing) {
     EXPECT_EQ(str::badchars::Unescape("\\q\\400\\07\\", '\\'), "\\q\\400\\07\\");
 }
 
-TEST(Str, WordsAreCutAtTheDelimiter) {
-    const struct {
-        std::string text, delimiter, word, rest, last, before;
-    } cases[] = {{"a://b://c", "://", "a", "b://c", "c", "a://b"},
-                 {"abc", "/", "abc", "", "abc", ""},
-                 {"/a", "/", "", "a", "a", ""},
-                 {"a/", "/", "a", "", "", "a"},
-                 {"abc", "", "abc", "", "abc", ""},
-                 {"", "/", "", "", "", ""}};
-    for (const auto& c : cases) {
-        std::string left = c.text, right = c.text;
-        EXPECT_EQ(str::GetWord(left, c.delimiter), c.word) << c.text;
-        EXPECT_EQ(left, c.rest) << c.text;
-        EXPECT_EQ(str::RGetWord(right, c.delimiter), c.last) << c.text;
-        EXPECT_EQ(right, c.before) << c.text;
-    }
-}
-
 TEST(Str, NumbersAreReadLenientlyAndSaturate) {
     const int64_t max = std::numeric_limits<int64_t>::max(), min = -max - 1;
     const std::pair<std::string, int64_t> cases[] = {{"", 0},
@@ -77,21 +56,6 @@ TEST(Str, NumbersAreReadLenientlyAndSaturate) {
         EXPECT_EQ(str::Int64(text), want) << text;
         EXPECT_EQ(str::Int(text), std::clamp<int64_t>(want, INT_MIN, INT_MAX)) << text;
     }
-}
-
-TEST(Str, PairsSurviveJoinAndSplit) {
-    const std::map<std::string, std::string> pairs = {{"a", "1=2"}, {"b", ""}, {"c", " x "}};
-    std::map<std::string, std::string> back = {{"a", "old"}};
-    str::Split(str::Join(pairs, ";"), ";", back);
-    EXPECT_EQ(back, pairs);
-
-    std::map<std::string, std::string> odd;
-    str::Split(";;a;b=1;;b=2;", ";", odd);
-    EXPECT_EQ(odd, (std::map<std::string, std::string>{{"a", ""}, {"b", "2"}}));
-
-    std::vector<std::string> list;
-    str::Split("::a:::b::", "::", list);
-    EXPECT_EQ(list, (std::vector<std::string>{"a", ":b"}));
 }
 
 TEST(Test, DatesAndAddressesAreExact) {

@@ -20,30 +20,6 @@ TEST(Date, OnlyDaysOfTheCalendarAreTaken) {
     }
 }
 
-TEST(Date, DaysAreCountedOverMonthsAndLeapYears) {
-    const struct {
-        std::string from;
-        int days;
-        std::string to;
-        int weekday;
-    } cases[] = {{"2024-02-28", 1, "2024-02-29", 4}, {"2024-03-01", -1, "2024-02-29", 4},
-                 {"2023-12-31", 1, "2024-01-01", 1}, {"1970-01-04", -7, "1969-12-28", 0},
-                 {"2024-01-07", 0, "2024-01-07", 0}, {"2024-01-31", 366, "2025-01-31", 5}};
-    for (const auto& c : cases) {
-        Date date(c.from);
-        EXPECT_EQ(date.AddDays(c.days).AsDate(), c.to) << c.from;
-        EXPECT_EQ(date.weekday(), c.weekday) << c.from;
-    }
-}
-
-TEST(Date, LeavingTheCalendarThrowsAndKeepsTheDay) {
-    Date last("9999-12-31");
-    EXPECT_THROW(last.AddDays(1), vel_err::Error);
-    EXPECT_THROW(last.AddDays(-2147483647), vel_err::Error);
-    EXPECT_EQ(last.AsDate(), "9999-12-31");
-    EXPECT_LT(Date("2024-2-9"), Date("2024-02-10"));
-}
-
 TEST(DateTime, TextsAreReadAndOrdered) {
     const char* ordered[] = {"",
                              "0000-01-01",

@@ -1,14 +1,11 @@
 #include "vel/vel_xml.h"
 
-#include <fstream>
-#include <functional>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "vel/vel_err.h"
 
-#include "tests/support/work_dir.h"
 #include "tests/vel/fixtures.h"
 
 namespace {
