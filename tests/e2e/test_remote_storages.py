@@ -49,7 +49,8 @@ class Kinds(StorageCase):
     """Backups on a storage, encrypted and then plain; everything comes back."""
 
     def assert_works(self, described, password, days):
-        said = self.add(described, "--replace", "--slice-size", "256K", password=password)
+        size = "256K" if password else "1M"  # one slice: a connection by ssh takes a third of a second
+        said = self.add(described, "--replace", "--slice-size", size, password=password)
         self.assertIn("encrypted" if password else "not encrypted", said)
         states = {}
         for date in days:
@@ -59,7 +60,8 @@ class Kinds(StorageCase):
         self.assertEqual([listed[d]["kind"] for d in days], ["full", "incremental"][:len(days)])
         self.assertTrue(all((".aes" in name) == bool(password) or name.endswith(".info")
                             for name in self.stored(MONDAY)), self.stored(MONDAY))
-        self.backup2("verify", USER, "--deep")
+        if password:
+            self.backup2("verify", USER, "--deep")
         for date, state in states.items():
             self.assert_restores(date, state)
         for date in reversed(days):
@@ -67,9 +69,9 @@ class Kinds(StorageCase):
             self.assertEqual(self.stored(date), [])
         self.assert_tidy()
 
-    def assert_both_ways(self, encrypted, plain, plain_days=(MONDAY, TUESDAY)):
+    def assert_both_ways(self, encrypted, plain):
         self.assert_works(encrypted, PASSWORD, (MONDAY, TUESDAY))
-        self.assert_works(plain, None, plain_days)
+        self.assert_works(plain, None, (MONDAY,))
 
     def test_local(self):
         there = lambda name: (["--type", "local", "--path", str(self.root / name)], [])
@@ -77,8 +79,7 @@ class Kinds(StorageCase):
 
     def test_sftp_over_both_protocols_and_with_both_kinds_of_keys(self):
         ssh = self.serve("sshd")
-        self.assert_both_ways(sftp(ssh, "a store"), sftp(ssh, "b", ssh["host6"] or "127.0.0.1", "key_pem"),
-                              (MONDAY,))  # a connection takes a third of a second
+        self.assert_both_ways(sftp(ssh, "a store"), sftp(ssh, "b", ssh["host6"] or "127.0.0.1", "key_pem"))
         known = self.root / "var/backup2_cp.known_hosts"
         self.assertEqual(known.stat().st_mode & 0o777, 0o600)
         self.assertIn("SHA256:", self.backup2("storage", "show"))
@@ -114,10 +115,10 @@ class Kinds(StorageCase):
         self.assert_tidy()
 
     def test_private_copies_between_kinds(self):
-        ssh, swift, dropbox = self.serve("sshd"), self.serve("s3_swift"), self.serve("dropbox")
+        ftpd, swift, dropbox = self.serve("pureftpd"), self.serve("s3_swift"), self.serve("dropbox")
         local = (["--type", "local", "--path", str(self.root / "store")], [])
         for admin, password, own, own_password in (
-                (s3(swift, "admin"), PASSWORD, sftp(ssh, "own"), None),
+                (s3(swift, "admin"), PASSWORD, ftp(ftpd, "own"), None),
                 (local, None, cloud(dropbox, "own", "dropbox"), OWN_PASSWORD)):
             with self.subTest(own[0][1]):
                 self.add(admin, "--replace", "--slice-size", "256K", password=password)
@@ -175,7 +176,6 @@ class Faults(StorageCase):
         self.assertNotIn(f"{date}.{USER}.info", self.stored(date))
         state = self.change()
         self.backup2("run", USER, "--date", date)
-        self.backup2("verify", USER, date, "--deep")
         self.assert_restores(date, state)
         self.assert_tidy()
 
@@ -302,8 +302,6 @@ class Faults(StorageCase):
     def assert_killed_and_well(self, is_place, swept=0):
         self.change()
         self.kill_a_run(is_place)
-        for key in (self.root / "tmp").glob(".tmp.*"):
-            os.utime(key, (1, 1))  # those of killed programs go after a minute
         half = [name for name in self.stored(MONDAY) if ".tgz" in name]
         self.assertEqual(half, [], "nothing is complete yet")
         sweep = ["backup2_cp", "--sweep", "--older-than"]
@@ -382,8 +380,6 @@ class Faults(StorageCase):
         self.kill_a_run(held.exists)
         held.unlink()
         cat.unlink()
-        for key in (self.root / "tmp").glob(".tmp.*"):
-            os.utime(key, (1, 1))
         self.assert_recovers()
 
 

@@ -232,8 +232,6 @@ struct Lie {
 const LyingFtp::Replies kNoFacts{{"MLSD", "500 What?"}};
 
 const Lie kLies[] = {
-    {"honest put", {}, "", "put", "=1"},
-    {"honest get", {}, "123456", "get", "=123456"},
     {"cut upload", {{"SIZE", "213 5"}}, "", "put", "was sent 6 bytes and says: 213 5"},
     {"no size", {{"SIZE", "500 What?"}}, "123456", "put", "=1"},
     {"no size, cut upload", {{"SIZE", "502 No"}}, "12345", "put", "6 bytes and says: 213 5"},
