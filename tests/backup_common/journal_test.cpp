@@ -78,21 +78,6 @@ TEST_F(Journal, RemovalTakesEqualLinesAndNoOthers) {
     }
 }
 
-TEST_F(Journal, LinesWithoutSenseAreKeptApartAndCanBeDropped) {
-    EXPECT_TRUE(ReadCleanups(dir_).empty());
-    DropCleanup(dir_, "x");
-    EXPECT_FALSE(fs::exists(path_)) << "nothing to drop, nothing made";
-    MakeFile(path_, "no tab.x\n\nt\t2024-01-31\nt\t.bob\nt\t2024-01-31.#\nt\tcustom.bob");
-    const auto pending = ReadCleanups(dir_);
-    ASSERT_EQ(pending.size(), 5u);
-    for (const PendingCleanup& item : pending) {
-        const bool good = item.line == "t\tcustom.bob";
-        EXPECT_EQ(item.token + item.date + item.name, good ? "tcustombob" : "") << item.line;
-        DropCleanup(dir_, item.line);
-    }
-    EXPECT_EQ(Text(), "\n");
-}
-
 TEST_F(Journal, NothingButAFileIsUsedInItsPlace) {
     MakeFile(dir_ + "/precious", "kept");
     const auto refused = [&](const std::string& what) {

@@ -56,17 +56,6 @@ TEST_F(Client, ErrorAnswersBecomeErrors) {
     }
 }
 
-TEST_F(Client, AMissingOrDeadPanelIsNamed) {
-    const WorkDir work;
-    const auto query = [this] { Local().WaitLocked(true).Query("func=x&key=?", "secret"); };
-    const std::string missing = Failure(query);
-    EXPECT_NE(missing.find("panel: no socket var/run/panel.sock"), std::string::npos) << missing;
-    { const FakePanel panel({}); }  // its socket stays, nobody listens
-    const std::string dead = Failure(query);
-    EXPECT_TRUE(dead.starts_with("panel|unreachable|panel: ")) << dead;
-    EXPECT_EQ((missing + dead).find("secret"), std::string::npos);
-}
-
 TEST_F(Client, ALockedPanelIsAskedAgainUntilTheWaitIsOver) {
     const WorkDir work;
     const std::string locked = HttpAnswer("<doc><error type='locked'/></doc>");

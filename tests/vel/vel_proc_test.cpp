@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -173,17 +172,6 @@ TEST_F(Proc, ChildGetsThreeDescriptorsAndCleanSignals) {
     // The shell's own listing is the fourth.
     EXPECT_EQ(fds, "/proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 /proc/self/fd/3\n");
     EXPECT_EQ(masks, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
-}
-
-TEST_F(Proc, LimitsHoldForTheChildAlone) {
-    Execute run("ulimit -n; ulimit -Hc", 0);
-    run.SetLimit(RLIMIT_NOFILE, 77).SetLimit(RLIMIT_CORE, 0);
-    EXPECT_EQ(run.Str(), "77\n0\n");
-    rlimit own{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &own), 0);
-    EXPECT_NE(own.rlim_cur, 77U);
-    Execute beyond({"true"}, 0);  // what the kernel refuses even root
-    EXPECT_EQ(beyond.SetLimit(RLIMIT_NOFILE, UINT64_MAX).Result(), 127);
 }
 
 TEST_F(Proc, SomebodyLeftWithTheOutputDoesNotHoldItsEndUp) {
