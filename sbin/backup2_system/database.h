@@ -53,6 +53,10 @@ bool HasDatabase(const Access& access);
 bool HasAccount(const Access& access, const std::string& name);
 }  // namespace postgresql
 
+/// Whether restores make databases or accounts of such names for themselves: who had one of them
+/// would get what others restore.
+bool IsServiceName(const std::string& name);
+
 /// The words of `rights` that are in `known` (lower case), joined by ", ". "all privileges" stands
 /// for itself when it is known.
 std::string KnownRights(const std::string& rights, const std::vector<std::string>& known);

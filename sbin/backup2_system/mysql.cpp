@@ -29,6 +29,7 @@ const vel_log::Module logger("backup2_system");
 constexpr char kEndMark[] = "\n-- Dump completed";
 constexpr std::size_t kEndMarkRoom = 128;  // the mark, a date, a line end
 constexpr std::size_t kChunk = 64 * 1024;
+constexpr std::size_t kDefinerRoom = 2048;  // no account's name is longer; matching takes stack
 
 struct Login {
     std::string login, password;
@@ -144,8 +145,9 @@ void CopyWithoutDefiners(std::istream& in, std::ostream& out) {
         std::string piece(buffer.data(), static_cast<std::size_t>(in.gcount()) - (whole ? 1 : 0));
         if (in.fail() && in.gcount() > 0) in.clear();  // the buffer was too small for the line
         if (line_start && (piece.rfind("/*!", 0) == 0 || piece.rfind("CREATE DEFINER=", 0) == 0)) {
-            piece = std::regex_replace(piece, kViewDefiner, "$1");
-            piece = std::regex_replace(piece, kDefiner, "$1");
+            std::string head = piece.substr(0, kDefinerRoom);
+            head = std::regex_replace(head, kViewDefiner, "$1");
+            piece.replace(0, kDefinerRoom, std::regex_replace(head, kDefiner, "$1"));
         }
         out << piece;
         if (whole) out << '\n';

@@ -6,6 +6,14 @@
 
 namespace backup2_system {
 
+bool IsServiceName(const std::string& name) {
+    static const std::vector<std::string> kBeginnings = {"b2_scratch_", "b2_restore_", "b2_owner_",
+                                                         "b2_new_", "b2_old_"};
+    return std::any_of(kBeginnings.begin(), kBeginnings.end(), [&name](const auto& beginning) {
+        return str::StartsWith(str::Lower(name), beginning);
+    });
+}
+
 std::string KnownRights(const std::string& rights, const std::vector<std::string>& known) {
     std::vector<std::string> words;
     str::Split(str::Lower(rights), ",", words);

@@ -54,7 +54,7 @@ public:
         for (vel_xml::XmlNode elem : document_.GetNodes(kAccounts)) {
             const std::string name = ParamOf(elem, "name");
             if (!IsStrangersAccount(ParamOf(elem, "type"), name)) continue;
-            found_.push_back("account " + name + ": " + kStrange);
+            found_.push_back("account " + name + ": " + ProblemOfAccount(name));
             elem.Unlink();
         }
         return std::move(found_);
@@ -62,6 +62,11 @@ public:
 
 private:
     static constexpr char kStrange[] = "it is there already and not the user's";
+    static constexpr char kServices[] = "restores use such names themselves";
+
+    static std::string ProblemOfAccount(const std::string& name) {
+        return IsServiceName(name) ? kServices : kStrange;
+    }
 
     /// The servers that the document's databases lie on; null when the panel does not know it.
     const Access* Server(const std::string& name) {
@@ -80,6 +85,7 @@ private:
         const Access* known = Server(server);
         if (known == nullptr) return "the panel knows no server " + server;
         if (known->type != TypeOf(elem)) return "the server is of another type";
+        if (IsServiceName(name)) return kServices;
         if (databases_.count(server + "." + name) != 0) return "";
         Access access = *known;
         access.database = name;
@@ -93,12 +99,13 @@ private:
     void DropStrangeOwner(const vel_xml::XmlNode& elem, const std::string& type) {
         const std::string owner = OwnerOf(elem);
         if (owner.empty() || !IsStrangersAccount(type, owner)) return;
-        found_.push_back("account " + owner + ": " + kStrange);
+        found_.push_back("account " + owner + ": " + ProblemOfAccount(owner));
         for (auto node = elem.FirstChild(); node; node = node.Next())
             if (node.GetProp("name") == "owner") node.SetContent("");
     }
 
     bool IsStrangersAccount(const std::string& type, const std::string& name) {
+        if (IsServiceName(name)) return true;
         if (accounts_.count(type + " " + name) != 0) return false;
         for (const auto& [server, access] : servers_) {
             if (access.type != type) continue;
