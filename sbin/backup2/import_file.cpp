@@ -39,6 +39,7 @@ constexpr char kTree[] = "data";
 constexpr char kDumps[] = "db";
 constexpr char kEndMark[] = "\n-- Dump completed";
 constexpr off_t kEndMarkRoom = 128;
+constexpr std::size_t kMostLost = 200;  // lines of the restore report: each is written at once
 
 std::string ParamOf(const vel_xml::XmlNode& elem, const std::string& name) {
     for (auto node = elem.FirstChild(); node; node = node.Next())
@@ -60,9 +61,23 @@ std::string ConverterFor(const FileImport& import, const std::string& file) {
     return found->second;
 }
 
-/// Runs the converter and shows its report. True when nothing was lost.
-bool Convert(const FileImport& import, const std::string& file,
-             const std::vector<std::string>& more) {
+/// What the converter's report calls lost, for the report of the import.
+std::vector<std::string> LostLines(const std::string& output) {
+    std::vector<std::string> lines, lost;
+    str::Split(output, "\n", lines);
+    for (std::string& line : lines)
+        if (str::GetWord(line, '\t') == "lost") lost.push_back(str::Replace(line, "\t", ": "));
+    return lost;
+}
+
+struct Conversion {
+    bool complete = false;
+    std::vector<std::string> lost;
+};
+
+/// Runs the converter and shows its report.
+Conversion Convert(const FileImport& import, const std::string& file,
+                   const std::vector<std::string>& more) {
     std::vector<std::string> argv = {ConverterFor(import, file), file};
     argv.insert(argv.end(), more.begin(), more.end());
     argv.insert(argv.end(), {"--user", import.user});
@@ -78,7 +93,7 @@ bool Convert(const FileImport& import, const std::string& file,
         done.ThrowIfFailed(Printable(import.file));
     }
     std::cout << done.output << std::flush;
-    return done.status == vel_tool::kDone;
+    return {done.status == vel_tool::kDone, LostLines(done.output)};
 }
 
 // ---- Databases ----------------------------------------------------------------------------------
@@ -217,6 +232,7 @@ public:
     int Run();
 
 private:
+    void ReportLost(const std::vector<std::string>& lost);
     void Files();
     int System();
 
@@ -241,6 +257,16 @@ Import::Import(const FileImport& options, std::string file, RestoreReport& repor
       work_(MakeImportDir(options.user)),
       work_on_signal_(work_.Path()),
       converted_(vel_file::ConcatPath(work_.Path(), "converted")) {}
+
+void Import::ReportLost(const std::vector<std::string>& lost) {
+    const std::size_t named = std::min(lost.size(), kMostLost);
+    for (std::size_t i = 0; i < named; ++i)
+        report_.AddFailure("not in a form that comes over: " + lost[i], vel_tool::kWarnings);
+    if (named < lost.size())
+        report_.AddFailure("and " + str::Str(static_cast<uint64_t>(lost.size() - named)) +
+                               " more, which the import has printed",
+                           vel_tool::kWarnings);
+}
 
 /// The tree becomes an archive, which the archiver unpacks as it does with a backup: with the
 /// user's rights, beneath his root, through no link.
@@ -284,9 +310,10 @@ int Import::System() {
 }
 
 int Import::Run() {
-    if (!Convert(options_, file_, {converted_, "--owner", options_.user}))
-        status_ = vel_tool::kWarnings;
+    const Conversion conversion = Convert(options_, file_, {converted_, "--owner", options_.user});
+    if (!conversion.complete) status_ = vel_tool::kWarnings;
     report_.Begin();
+    ReportLost(conversion.lost);
     Files();
     const int system = System();
     return WorseStatus(status_, system);
@@ -301,7 +328,8 @@ int ImportFile(const FileImport& import) {
     if (!vel_file::Info(file).IsFile())
         throw std::runtime_error(Printable(import.file) + " is no file");
     if (import.dry_run)
-        return Convert(import, file, {"--dry-run"}) ? vel_tool::kDone : vel_tool::kWarnings;
+        return Convert(import, file, {"--dry-run"}).complete ? vel_tool::kDone
+                                                             : vel_tool::kWarnings;
     RestoreReport report(import.report, import.user);
     const int status =
         Reported(report, "import", [&] { return Import(import, file, report).Run(); });
