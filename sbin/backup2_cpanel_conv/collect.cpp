@@ -235,6 +235,8 @@ private:
     void Dumped(std::map<std::string, std::optional<Dump>>& into, const std::string& database,
                 const std::string& file, const Make& make) {
         if (!IsName(database)) return job_.Lost("database", file, "its name cannot be used here");
+        if (into.count(database) > 0)
+            return job_.Lost("database", file, "is there several times: the first one counts");
         if (into.size() >= kMostDatabases)
             throw std::runtime_error("the archive holds too many databases");
         try {

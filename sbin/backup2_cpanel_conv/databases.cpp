@@ -60,7 +60,7 @@ private:
         if (!IsName(name)) return job_.Lost("database user", name, "its name cannot be used here");
         PanelObject object = job_.document.Add("db.user", name + "->" + type_);
         object.Param("name", name).Param("type", type_);
-        job_.Secret(object, FromDatabase(user.password), "database user", name);
+        job_.Secret(object, FromDatabase(user.password, type_), "database user", name);
         for (const std::string& host : user.hosts) object.Param("host", Line(host));
         for (const Grant& grant : user.grants) AddGrant(object, name, grant);
         job_.Carried("database user", name);

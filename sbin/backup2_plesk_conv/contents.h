@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,10 @@ public:
     /// All mailboxes of a domain in one: folders NAME/ or NAME/Maildir/.
     void DomainMail(const vel_xml::XmlNode& node, const Subscription& of,
                     const std::string& domain);
+    /// False when a database of this type and name was asked for before.
+    bool IsFirst(const std::string& type, const std::string& name) {
+        return databases_.insert(type + " " + name).second;
+    }
     void Dump(const vel_xml::XmlNode& node, const Subscription& of, const std::string& type,
               const std::string& name, const foreign_panel::PanelObject& object);
 
@@ -59,6 +64,7 @@ private:
     const Backup& backup_;
     std::map<std::string, std::vector<Use>> uses_;  // by the file in the archive
     std::map<std::string, Box> boxes_;              // by address
+    std::set<std::string> databases_;
 };
 
 }  // namespace plesk

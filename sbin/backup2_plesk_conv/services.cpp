@@ -58,7 +58,7 @@ private:
     }
     void User(const XmlNode& node) {
         const std::string name = str::Lower(node.GetProp("name")), address = Whole(name);
-        if (address.empty() || name.find('@') != std::string::npos)
+        if (address.empty() || name.find_first_of("@/") != std::string::npos || name[0] == '.')
             return job_.Lost("mailbox", name + "@" + domain_, "no address");
         const XmlNode preferences = Child(node, "preferences"), box = Child(preferences, "mailbox");
         const bool has_box = box && box.GetProp("enabled") != "false";
@@ -148,6 +148,8 @@ private:
         if (!IsName(name)) return job_.Lost("database", name, "its name cannot be used here");
         if (type != "mysql" && type != "postgresql")
             return job_.Lost("database", name, "of a kind that is not known here: " + Line(type));
+        if (!contents_.IsFirst(type, name))
+            return job_.Lost("database", name, "is there several times: the first one counts");
         std::string owner;
         for (const std::vector<XmlNode>& group : {Children(node, "dbuser"), shared}) {
             for (const XmlNode& user : group) {
@@ -177,22 +179,22 @@ private:
     void User(const Found& user) {
         PanelObject object = job_.document.Add("db.user", user.name + "->" + user.type);
         object.Param("name", user.name).Param("type", user.type);
-        job_.Secret(object, Password(user.node), "database user", user.name);
+        job_.Secret(object, Password(user), "database user", user.name + " (" + user.type + ")");
         for (const XmlNode& host : Children(user.node, "accesshost"))
             object.Param("host", Line(host.Str()));
         for (const std::string& database : user.databases)
             object.Grant(database, "", "ALL PRIVILEGES");
         job_.Carried("database user", user.name);
     }
-    /// Plain, or as the server keeps it.
-    static foreign_panel::Password Password(const XmlNode& node) {
-        const foreign_panel::Password password = PasswordOf(node);
+    /// Plain, or as a server of this type keeps it.
+    static foreign_panel::Password Password(const Found& user) {
+        const foreign_panel::Password password = PasswordOf(user.node);
         if (password.form == "plain" || password.text.empty()) {
-            const std::string text = str::Trim(Child(node, "password").Str());
-            const foreign_panel::Password native = FromDatabase(text);
+            const std::string text = str::Trim(Child(user.node, "password").Str());
+            const foreign_panel::Password native = FromDatabase(text, user.type);
             return native.form.empty() ? password : native;
         }
-        return FromDatabase(password.text);
+        return FromDatabase(password.text, user.type);
     }
 
     Job& job_;

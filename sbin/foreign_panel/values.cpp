@@ -151,14 +151,16 @@ Password FromShadow(const std::string& field) {
     return password;
 }
 
-Password FromDatabase(const std::string& text) {
+Password FromDatabase(const std::string& text, const std::string& type) {
     Password password;
     const auto is_hex = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; };
-    if (text.size() == 41 && text[0] == '*' && AllOf(text.substr(1), is_hex)) {
+    const bool mysql = type == "mysql";
+    if (mysql && text.size() == 41 && text[0] == '*' && AllOf(text.substr(1), is_hex)) {
         password.form = "mysql_native";
-    } else if (text.size() == 35 && str::StartsWith(text, "md5") && AllOf(text.substr(3), is_hex)) {
+    } else if (!mysql && text.size() == 35 && str::StartsWith(text, "md5") &&
+               AllOf(text.substr(3), is_hex)) {
         password.form = "postgresql_md5";
-    } else if (str::StartsWith(text, "SCRAM-SHA-256$") && text.size() <= 500 &&
+    } else if (!mysql && str::StartsWith(text, "SCRAM-SHA-256$") && text.size() <= 500 &&
                AllOf(text, IsGraph)) {
         password.form = "scram";
     } else {

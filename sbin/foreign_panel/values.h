@@ -34,7 +34,7 @@ struct Password {
 };
 /// The second field of a shadow file.
 Password FromShadow(const std::string& field);
-/// What a MySQL or PostgreSQL server keeps.
-Password FromDatabase(const std::string& text);
+/// What a server of this type (mysql, postgresql) keeps.
+Password FromDatabase(const std::string& text, const std::string& type);
 
 }  // namespace foreign_panel

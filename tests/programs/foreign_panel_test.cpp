@@ -103,11 +103,12 @@ TEST(ForeignValues, PasswordsAreToldByTheirForm) {
         EXPECT_EQ(password.locked, one.locked) << one.text;
         EXPECT_EQ(password.problem.empty(), !one.form.empty()) << one.text;
     }
-    EXPECT_EQ(FromDatabase("*" + std::string(40, 'A')).form, "mysql_native");
-    EXPECT_EQ(FromDatabase("md5" + std::string(32, 'a')).form, "postgresql_md5");
-    EXPECT_EQ(FromDatabase("SCRAM-SHA-256$4096:x$y:z").form, "scram");
+    EXPECT_EQ(FromDatabase("*" + std::string(40, 'A'), "mysql").form, "mysql_native");
+    EXPECT_EQ(FromDatabase("*" + std::string(40, 'A'), "postgresql").form, "");
+    EXPECT_EQ(FromDatabase("md5" + std::string(32, 'a'), "postgresql").form, "postgresql_md5");
+    EXPECT_EQ(FromDatabase("SCRAM-SHA-256$4096:x$y:z", "postgresql").form, "scram");
     for (const char* bad : {"", "5d2e19393cc5ef67", "$A$005$x", "md5xyz"})
-        EXPECT_EQ(FromDatabase(bad).form, "") << bad;
+        EXPECT_EQ(FromDatabase(bad, "mysql").form, "") << bad;
 }
 
 TEST(ForeignZone, RecordsHaveAbsoluteNamesHoweverTheyAreWritten) {
