@@ -1,6 +1,8 @@
 """What comes from elsewhere: panel data of the other edition, archives of other panels."""
 
 import contextlib
+import gzip
+import hashlib
 import os
 import pathlib
 import shutil
@@ -49,9 +51,9 @@ class DatabaseServers:
         return subprocess.run(["mariadb", f"--defaults-file={self.keys['mariadb']['options']}", "-N", database],
                               input=sql, text=True, capture_output=True, check=True).stdout.strip()
 
-    def postgres(self, sql, database="postgres", program="psql", text=True):
+    def postgres(self, sql, database="postgres", program="psql", text=True, form="-Ft"):
         keys = self.keys["postgres"]
-        words = ["-XAtqw", "-v", "ON_ERROR_STOP=1"] if program == "psql" else ["-w", "-Ft"]
+        words = ["-XAtqw", "-v", "ON_ERROR_STOP=1"] if program == "psql" else ["-w", form]
         done = subprocess.run([program, *words, "-h", keys["socket"], "-p", keys["port"], "-U", keys["login"],
                                "-d", database], input=sql, text=text, capture_output=True, check=False,
                               env=os.environ | {"PGPASSFILE": keys["pgpass"]})
@@ -64,11 +66,12 @@ class DatabaseServers:
         for name in self.maria(f"SELECT SCHEMA_NAME FROM information_schema.SCHEMATA WHERE SCHEMA_NAME NOT IN ({kept})").split():
             self.maria(f"DROP DATABASE `{name}`")
         for account in self.maria("SELECT CONCAT(QUOTE(User),'@',QUOTE(Host)) FROM mysql.user WHERE User LIKE 'bob%' "
-                                  "OR User LIKE 'b2%'").splitlines():
+                                  "OR User LIKE 'b2%' OR User IN ('shop_u', 'all_u')").splitlines():
             self.maria(f"DROP USER {account}")
-        for name in self.postgres("SELECT datname FROM pg_database WHERE datname LIKE 'bob%'").split():
+        for name in self.postgres("SELECT datname FROM pg_database WHERE datname LIKE 'bob%' OR datname = 'pg'").split():
             self.postgres(f'DROP DATABASE "{name}"')
-        for name in self.postgres("SELECT rolname FROM pg_roles WHERE rolname LIKE 'bob%' OR rolname LIKE 'b2%'").split():
+        for name in self.postgres("SELECT rolname FROM pg_roles WHERE rolname LIKE 'bob%' OR rolname LIKE 'b2%' "
+                                  "OR rolname = 'all_u'").split():
             self.postgres(f'DROP ROLE "{name}"')
 
 
@@ -131,12 +134,16 @@ class Elsewhere(unittest.TestCase):
 
     # ---- Archives of other panels ---------------------------------------------------------------
 
-    def archive(self):
-        """A cpmove archive whose dumps are real ones."""
+    def postgres_dump(self, form):
         self.servers.postgres('CREATE ROLE bob_pg; CREATE DATABASE bob_pg OWNER bob_pg;'.replace("; ", ";\n"))
         self.servers.postgres("SET ROLE bob_pg; CREATE TABLE t (s text); INSERT INTO t VALUES ('a''b')", "bob_pg")
-        dump = self.servers.postgres(b"", "bob_pg", "pg_dump", text=False)
+        dump = self.servers.postgres(b"", "bob_pg", "pg_dump", text=False, form=form)
         self.servers.clear()
+        return dump
+
+    def archive(self):
+        """A cpmove archive whose dumps are real ones."""
+        dump = self.postgres_dump("-Ft")
         path = self.root / "cpmove-bob.tar.gz"
         path.write_bytes(make_foreign.cpanel_new(
             lambda items: [one for one in items if one[0].name != "psql/bob_pg.tar"] +
@@ -165,6 +172,52 @@ class Elsewhere(unittest.TestCase):
         self.assertIn("bob_cut", self.backup2("report", self.backup2("report").split("\n")[1].split()[0]))
         self.backup2("import", archive, USER, expect=1)  # once more: his own are replaced
         self.check_databases()
+
+    def test_a_subscription_becomes_files_databases_and_accounts(self):
+        dump = make_foreign.pack(make_foreign.tar([make_foreign.item("pg.dump", self.postgres_dump("-Fc"))]))
+        archive = self.root / "backup.tar"
+        archive.write_bytes(make_foreign.tar([(i, d) if "postgresql" not in i.name else make_foreign.item(i.name, dump)
+                                              for i, d in make_foreign.plesk_new_items()]))
+        for _ in range(2):  # once more: his own are replaced
+            shown = self.backup2("import", archive, USER, expect=3)
+            self.assertIn("db.maria.shop\trestored\ndb.pg.pg\trestored", shown)
+            self.assertIn("all_u (postgresql)\tneeds a new password", shown)
+            self.assertEqual(self.servers.maria("SELECT name FROM shop.t"), "utf8mb4_0900_ai_ci stays in data")
+            self.assertIn("ON `shop`.* TO `shop_u`@`%`", self.servers.maria("SHOW GRANTS FOR shop_u@'%'"))
+            self.assertEqual(self.servers.postgres("SELECT s FROM t", "pg"), "a'b")
+        web = self.home / "data/vhosts/example.com"
+        self.assertEqual((web / "httpdocs/index.html").read_text(), "hello")
+        self.assertEqual(os.readlink(web / "httpdocs/up"), "../addon.example")
+        self.assertEqual((self.home / "data/mail/example.com/info/cur/1").read_text(), "Subject: a\n")
+        elids = {elem.get("elid") for elem in self.data().findall("elem/elem")}
+        self.assertLessEqual({f"shop->mysql->{USER}", f"pg->postgresql->{USER}", "info@example.com", "cert1"}, elids)
+        # What did not come over stands in the report, too.
+        self.assertIn("maillists", self.backup2("report", self.backup2("report").split("\n")[1].split()[0]))
+
+    def test_names_that_restores_use_themselves_are_nobodys(self):
+        """Who had them would get the rights in the database of somebody else that is restored next."""
+        mark = hashlib.sha256(b"victim").hexdigest()[:16]
+        archive = self.root / "cpmove-bob.tar.gz"
+        archive.write_bytes(make_foreign.cpanel_with(
+            make_foreign.item(f"mysql/b2_scratch_{mark}.sql", make_foreign.DUMP),
+            make_foreign.item("psql_users.sql", f"CREATE USER b2_owner_{mark} WITH PASSWORD 'md5{'ab' * 16}';\n"),
+            make_foreign.item("psql_grants.sql", f"GRANT b2_owner_{mark} TO b2_owner_{mark};\n"),
+            make_foreign.item("mysql.sql", f"GRANT USAGE ON *.* TO 'b2_restore_{mark}'@'localhost' IDENTIFIED BY PASSWORD "
+                              f"'{make_foreign.NATIVE}';\nGRANT ALL ON bob_shop.* TO 'b2_restore_{mark}'@'localhost';\n")))
+        shown = self.backup2("import", archive, USER, expect=1)
+        for name in (f"database maria.b2_scratch_{mark}", f"account b2_restore_{mark}", f"account b2_owner_{mark}"):
+            self.assertIn(f"left out: {name}: restores use such names themselves", shown)
+        self.assertEqual(self.servers.maria(f"SELECT User FROM mysql.user WHERE User LIKE 'b2%{mark}'"), "")
+        self.assertEqual(self.servers.maria(f"SHOW DATABASES LIKE 'b2%{mark}'"), "")
+        self.assertNotIn(mark, "".join(elem.get("elid") for elem in self.data().findall("elem/elem")))
+
+    def test_a_definer_that_no_server_has_is_an_error_of_the_dump(self):
+        dump = make_foreign.DUMP.replace("INSERT", f"/*!50003 CREATE*/ /*!50017 DEFINER=`{'a' * 60000}`@`h`*/ ;\nINSERT")
+        archive = self.root / "cpmove-bob.tar.gz"
+        archive.write_bytes(make_foreign.cpanel_text("mysql/bob_shop.sql", dump))
+        shown = self.backup2("import", archive, USER, expect=1)
+        self.assertIn("bob_shop: load: ", shown)
+        self.assertNotIn("signal", shown)
 
     def check_tree(self):
         index = self.home / "data/public_html/index.html"
@@ -221,7 +274,7 @@ class Elsewhere(unittest.TestCase):
                 path.write_bytes(make_foreign.GOOD[name]())
                 self.assertIn("an archive of " + panel, self.backup2("import", path, USER, "--dry-run", expect=3))
         for data, status in ((b"no archive", 1), (make_foreign.tar([make_foreign.item("a/b", "c")]), 2),
-                             (make_foreign.cpanel_new()[:2000], 1)):
+                             (make_foreign.cpanel_new()[:2000], 1), (gzip.compress(make_foreign.cpanel_new()), 1)):
             path.write_bytes(data)
             self.backup2("import", path, USER, expect=status)
         self.backup2("import", self.root / "missing", USER, expect=1)
