@@ -44,7 +44,7 @@ std::string AbsoluteLocalDir() {
 
 void AppendSession(const Request& r, vel_xml::XmlNode doc, const User& user) {
     doc.AppendChild("auth")
-        .SetProp("id", r.sessions.Open(user.name))
+        .SetProp("id", r.sessions.Open(user))
         .SetProp("user", user.name)
         .SetProp("level", user.admin ? "admin" : "user");
 }
@@ -53,13 +53,13 @@ void AppendSession(const Request& r, vel_xml::XmlNode doc, const User& user) {
 /// the same for an unknown name, a wrong password and a used key.
 void Auth(const Request& r, vel_xml::XmlNode doc) {
     const std::string name = r.Get("username"), key = r.Get("key");
-    r.sessions.CheckTries(name, r.address);
+    Sessions::Try attempt(r.sessions, name, r.address);
     const auto user = r.store.FindUser(name);
     const bool known = key.empty()
                            ? CheckPassword(r.Get("password"), user ? user->password_hash : "")
                            : r.sessions.TakeKey(key, name, r.Get("auth"));
     if (!user || !known) {
-        r.sessions.Failed(name, r.address);
+        attempt.Failed();
         logger.Write(4, "Refused log-in from %s", r.address);
         throw vel_err::Error("auth", "refused");
     }
@@ -68,7 +68,7 @@ void Auth(const Request& r, vel_xml::XmlNode doc) {
 
 void NewKey(const Request& r, vel_xml::XmlNode doc) {
     const std::string session = r.Get("auth");
-    const auto issuer = r.store.FindUser(r.sessions.User(session));
+    const auto issuer = r.sessions.Holder(session, r.store);
     if (!issuer || !issuer->admin) throw vel_err::Error("auth", "refused");
     const User user = r.store.GetUser(r.Get("username"));
     r.sessions.AddKey(r.Get("key"), user.name, session);
@@ -77,7 +77,7 @@ void NewKey(const Request& r, vel_xml::XmlNode doc) {
 
 /// For programs that serve one request of a session, as whom it was opened.
 void TakeSession(const Request& r, vel_xml::XmlNode doc) {
-    const auto user = r.store.FindUser(r.sessions.Take(r.Get("auth")));
+    const auto user = r.sessions.Take(r.Get("auth"), r.store);
     if (!user) throw vel_err::Error("auth", "refused");
     doc.AppendChild("user", user->name);
     doc.AppendChild("uid", std::to_string(user->uid));
