@@ -90,6 +90,18 @@ std::string Owner(const Call& call) {
     return name;
 }
 
+/// Nothing that a former user of his name had; an administrator sees that, too.
+bool IsHis(const Call& call, const std::string& owner, const std::string& uid) {
+    const bool same = uid.empty() || uid == std::to_string(call.user.uid);
+    return call.user.admin || (owner == call.user.name && same);
+}
+
+/// The same, for the program.
+std::vector<std::string> HisOnly(const Call& call, std::vector<std::string> words) {
+    if (!call.user.admin) words.push_back("--uid=" + std::to_string(call.user.uid));
+    return words;
+}
+
 std::string Date(const Call& call) {
     const std::string date = call.Text("date");
     if (date != "custom" && !test::Date(date)) throw Wrong("The date is not one of a backup.");
@@ -294,7 +306,10 @@ private:
     Json Ask(const Call& call, const std::vector<std::string>& words) {
         return Parsed(programs_.Ask(call.user.name, words));
     }
-    Json Start(const JobRequest& request) { return {{"id", jobs_.Start(request)}}; }
+    Json Start(const Call& call, JobRequest request) {
+        if (const auto user = call.store.FindUser(request.user)) request.uid = user->uid;
+        return {{"id", jobs_.Start(request)}};
+    }
 
     Sessions& protocol_;
     WebSessions web_;
@@ -358,13 +373,13 @@ Json Api::Impl::Login(Call& call) {
     const std::string password = call.Text("password");
     std::string name = call.Text("user");
     if (!IsId(name) || password.size() > kLongestSecret) name.clear();
-    protocol_.CheckTries(name, call.http.remote_addr);
+    Sessions::Try attempt(protocol_, name, call.http.remote_addr);
     if (!password_checks_.try_acquire_for(std::chrono::seconds(5))) throw vel_err::Error("busy");
     const auto user = call.store.FindUser(name);
     const bool known = CheckPassword(password, user ? user->password_hash : "");
     password_checks_.release();
     if (!user || !known) {
-        protocol_.Failed(name, call.http.remote_addr);
+        attempt.Failed();
         logger.Write(4, "Refused log-in from %s", call.http.remote_addr);
         throw Refusal{401, "auth", "The name or the password is wrong."};
     }
@@ -416,10 +431,14 @@ Json Api::Impl::Backups(Call& call) {
     if (call.user.admin && call.Flag("all"))
         return {{"backups", Ask(call, {"list", "--json"})}, {"own", nullptr}};
     const std::string owner = Owner(call);
+    const auto list = [&](std::vector<std::string> words) {
+        words = HisOnly(call, std::move(words));
+        words.insert(words.end(), {"--", owner});
+        return words;
+    };
     Json own = nullptr;
-    if (call.store.FindStorage(owner))
-        own = Ask(call, {"list", "--json", "--private", "--", owner});
-    return {{"backups", Ask(call, {"list", "--json", "--", owner})}, {"own", own}};
+    if (call.store.FindStorage(owner)) own = Ask(call, list({"list", "--json", "--private"}));
+    return {{"backups", Ask(call, list({"list", "--json"}))}, {"own", own}};
 }
 
 Json Api::Impl::Files(Call& call) {
@@ -431,6 +450,7 @@ Json Api::Impl::Files(Call& call) {
         "--limit=" + std::to_string(Number(call, "limit", kMostRows, kMostRows))};
     if (!search.empty()) words.push_back("--search=" + search);
     if (call.Flag("own")) words.push_back("--private");
+    words = HisOnly(call, std::move(words));
     words.insert(words.end(), {"--", Owner(call), Date(call)});
     if (!folder.empty()) words.push_back(Argument(Path(folder)));
     return Ask(call, words);
@@ -442,13 +462,15 @@ Json Api::Impl::Reports(Call& call) {
     const std::string owner = Owner(call);
     Json rows = Json::array();
     for (Json& report : Ask(call, {"report", "--json"}))
-        if (all || report.value("owner", "") == owner) rows.push_back(std::move(report));
+        if (all ||
+            (report.value("owner", "") == owner && IsHis(call, owner, report.value("uid", ""))))
+            rows.push_back(std::move(report));
     return rows;
 }
 
 Json Api::Impl::Report(Call& call) {
     for (const Json& report : Ask(call, {"report", "--json"})) {
-        const bool his = call.user.admin || report.value("owner", "") == call.user.name;
+        const bool his = IsHis(call, report.value("owner", ""), report.value("uid", ""));
         if (his && report.value("id", "") == call.id)
             return Ask(call, {"report", "--json", "--", call.id});
     }
@@ -474,7 +496,7 @@ Json Api::Impl::CheckStorage(Call& call) {
     const std::string owner = main ? "" : Owner(call);
     std::vector<std::string> words = {"storage", "check"};
     if (!main) words.insert(words.end(), {"--", owner});
-    return Start({owner, "check", "", "", words});
+    return Start(call, {owner, "check", "", "", words});
 }
 
 Json Api::Impl::Pin(Call& call) {
@@ -488,7 +510,7 @@ Json Api::Impl::Run(Call& call) {
     std::vector<std::string> words = {"run"};
     if (call.Flag("custom")) words.push_back("--custom");
     words.insert(words.end(), {"--", owner});
-    return Start({owner, "run", "", "", words});
+    return Start(call, {owner, "run", "", "", words});
 }
 
 Json Api::Impl::Verify(Call& call) {
@@ -496,7 +518,7 @@ Json Api::Impl::Verify(Call& call) {
     std::vector<std::string> words = {"verify"};
     if (call.Flag("deep")) words.push_back("--deep");
     words.insert(words.end(), {"--", owner, date});
-    return Start({owner, "verify", date, "", words});
+    return Start(call, {owner, "verify", date, "", words});
 }
 
 /// Always into the user's own root. A preview changes nothing.
@@ -513,6 +535,7 @@ Json Api::Impl::Restore(Call& call) {
     if (!preview) words.push_back("--report=" + report);
     if (what == "files") words.push_back("--no-databases");
     if (call.Flag("own")) words.push_back("--private");
+    words = HisOnly(call, std::move(words));
     words.insert(words.end(), {"--", owner, date});
     if (what == "paths") {
         const auto paths = Paths(call);
@@ -520,20 +543,21 @@ Json Api::Impl::Restore(Call& call) {
     } else if (what != "all" && what != "files") {
         throw Wrong("What is to come back?");
     }
-    return Start({owner, preview ? "preview" : "restore", date, report, words});
+    return Start(call, {owner, preview ? "preview" : "restore", date, report, words});
 }
 
 Json Api::Impl::JobsOf(Call& call) {
     const bool all = call.user.admin && call.Flag("all");
     const std::string owner = Owner(call);
     Json rows = Json::array();
-    for (const JobState& job : jobs_.Of(all ? "" : owner)) rows.push_back(View(job));
+    for (const JobState& job : jobs_.Of(all ? "" : owner))
+        if (IsHis(call, job.user, std::to_string(job.uid))) rows.push_back(View(job));
     return rows;
 }
 
 Json Api::Impl::JobNamed(Call& call) {
     const auto job = jobs_.Find(call.id);
-    if (!job || (!call.user.admin && job->user != call.user.name)) throw Missed("job");
+    if (!job || !IsHis(call, job->user, std::to_string(job->uid))) throw Missed("job");
     return View(*job);
 }
 
@@ -542,10 +566,10 @@ Json Api::Impl::Download(Call& call) {
     static const std::set<std::string> kParts = {"1", "2", "listing"};
     const std::string owner = Owner(call), part = call.Text("part");
     if (kParts.count(part) == 0) throw Wrong("There is no such part.");
-    call.store.GetUser(owner);
+    const User user = call.store.GetUser(owner);
     if (!downloads_.Take(call.user.name, kDownloadsAnHour))
         throw Refusal{429, "downloads", "Too many downloads. Try again in an hour."};
-    return {{"url", "/velcgi/backup2_download?auth=" + protocol_.Open(owner) + "&part=" + part}};
+    return {{"url", "/velcgi/backup2_download?auth=" + protocol_.Open(user) + "&part=" + part}};
 }
 
 // ---- The door -----------------------------------------------------------------------------------

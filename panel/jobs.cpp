@@ -73,6 +73,7 @@ Jobs::Job::Job(const JobRequest& request)
     : progress_(vel_file::ConcatPath(kProgressDir, "progress")), reports_(progress_.Path()) {
     state_.id = str::hex::Encode(str::Random(16));
     state_.user = request.user;
+    state_.uid = request.uid;
     state_.kind = request.kind;
     state_.date = request.date;
     state_.report = request.report;

@@ -18,11 +18,13 @@ struct JobRequest {
     std::string date;                ///< of the backup, "" when it is about none
     std::string report;              ///< id of the report that a restore will write, else ""
     std::vector<std::string> words;  ///< behind "backup2"
+    int64_t uid = 0;                 ///< the user's number
 };
 
 /// What is known of a job at one moment.
 struct JobState {
     std::string id, user, kind, date, report;
+    int64_t uid = 0;
     bool running = true;
     int status = 0;                     ///< exit status, once it does not run any more
     int64_t started = 0, finished = 0;  ///< seconds since the epoch

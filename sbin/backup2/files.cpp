@@ -28,7 +28,7 @@ Examples:
   backup2 files bob 2024-01-31 --search invoice)";
 
 struct Options {
-    std::string user, date, folder, search;
+    std::string user, uid, date, folder, search;
     std::size_t offset = 0, limit = 1000;
     bool own = false, json = false;
 };
@@ -172,7 +172,7 @@ int Files(Options options) {
     const std::string user = CheckUser(options.user);
     options.folder = FolderName(options.folder);
     const Site site = AskSites(options.own, user).front();
-    const Backup backup = GetBackup(site.local_dir, user, CheckDate(options.date));
+    const Backup backup = GetBackup(site.local_dir, user, CheckDate(options.date), options.uid);
     backup.CheckRecord();
     UseStorage(site.token);
     const auto in_use = Protect(backup);
@@ -194,6 +194,7 @@ void AddFiles(CLI::App& app, Action& chosen) {
     command->add_option("--search", options->search, "Everything below it whose name holds this");
     command->add_option("--offset", options->offset, "Leave out so many at the beginning");
     command->add_option("--limit", options->limit, "Show at most so many (1000)");
+    command->add_option("--uid", options->uid, kUidHelp);
     command->add_flag("--private", options->own, "The copy in the user's own storage");
     command->add_flag("--json", options->json, "Report as JSON");
     command->footer(kExamples);

@@ -288,6 +288,11 @@ std::string Backup::StoredIndex(const backup2::BackupToken& token) const {
     return backup2::GetPath(recorded.empty() ? backup2::GetName(token, IndexPath()) : recorded);
 }
 
+bool Backup::MadeFor(const std::string& uid) const {
+    const std::string recorded = Get("uid");
+    return uid.empty() || recorded.empty() || recorded == uid;
+}
+
 void Backup::CheckRecord() const {
     const std::string own = date + "." + user + ".tgz", index = vel_file::Name(Get("index"));
     const std::string archive = Archive();
@@ -364,11 +369,12 @@ std::vector<Backup> FindBackups(const std::string& local_dir, const std::string&
     return backups;
 }
 
-Backup GetBackup(const std::string& local_dir, const std::string& user, const std::string& date) {
+Backup GetBackup(const std::string& local_dir, const std::string& user, const std::string& date,
+                 const std::string& uid) {
     const std::string path = backup2::GetInfoFile(local_dir, user, date);
     if (vel_file::Exists(path)) {
         Backup backup = ReadBackup(path);
-        if (backup.info.count("finished")) return backup;
+        if (backup.info.count("finished") && backup.MadeFor(uid)) return backup;
     }
     throw vel_err::Error("missed", "backup", user + " " + date);
 }

@@ -29,6 +29,9 @@ inline constexpr char kCustom[] = "custom";
 std::string CheckUser(const std::string& user);
 /// "custom", or the day in the form YYYY-MM-DD ("" is today). Throws vel_tool::UsageError.
 std::string CheckDate(const std::string& date);
+/// Help of the option --uid for those who act for one user, who must not see what a former one of
+/// his name had.
+inline constexpr char kUidHelp[] = "Nothing that was made for another number of the user";
 /// One line of standard input, without its line end: how a password gets in.
 std::string ReadSecret();
 /// An error in words for people.
@@ -86,6 +89,8 @@ struct Backup {
     std::string Get(const std::string& key) const;  ///< "" when the info file has no such key
     std::string Title() const { return user + " " + date; }
     std::string Kind() const { return Get("type"); }
+    /// False when it records another number of its user; "" is anybody's.
+    bool MadeFor(const std::string& uid) const;
     bool Usable() const;  ///< neither marked as deleted nor damaged
     bool Deleted() const { return info.count("deleted") != 0; }
     bool Pinned() const { return info.count("pinned") != 0; }
@@ -105,8 +110,10 @@ struct Backup {
 /// backup yet and is left out.
 std::vector<Backup> FindBackups(const std::string& local_dir, const std::string& user,
                                 const std::string& date);
-/// Throws vel_err::Error("missed", "backup", "<user> <date>") when there is none.
-Backup GetBackup(const std::string& local_dir, const std::string& user, const std::string& date);
+/// Throws vel_err::Error("missed", "backup", "<user> <date>") when there is none, and none MadeFor
+/// this number.
+Backup GetBackup(const std::string& local_dir, const std::string& user, const std::string& date,
+                 const std::string& uid = "");
 Backup ReadBackup(const std::string& info_path);
 /// Changes the info file on the storage and then here, in one step each and under its lock.
 /// `change` gets a copy. Needs UseStorage. Both are as before when `change` or the upload throws.

@@ -23,7 +23,7 @@ Examples:
   backup2 list --json | jq '.[] | select(.kind == "full")')";
 
 struct Options {
-    std::string user;
+    std::string user, uid;
     bool own = false, json = false;
 };
 
@@ -86,6 +86,7 @@ int List(const Options& options) {
         {"USER", "DATE", "KIND", "BASE", "SIZE", "SLICES", "STORAGE", "FINISHED", "VERIFIED"});
     for (const Site& site : AskSites(options.own, user)) {
         for (const Backup& backup : FindBackups(site.local_dir, user, "")) {
+            if (!backup.MadeFor(options.uid)) continue;
             rows.push_back(Json(backup, site.token.Type(), verified));
             AddRow(table, backup, site.token.Type(), verified);
         }
@@ -106,6 +107,7 @@ void AddList(CLI::App& app, Action& chosen) {
     auto* command = app.add_subcommand("list", "Show the backups that there are");
     const auto options = std::make_shared<Options>();
     command->add_option("user", options->user, "Only the backups of this user");
+    command->add_option("--uid", options->uid, kUidHelp);
     command->add_flag("--private", options->own, "The copies in users' own storages");
     command->add_flag("--json", options->json, "Report as JSON");
     command->footer(kExamples);

@@ -30,13 +30,10 @@ std::string State(const StoredReport& report) {
 }
 
 nlohmann::json Head(const StoredReport& report) {
-    return {{"id", report.id},
-            {"owner", report.owner},
-            {"date", report.date},
-            {"type", report.type},
-            {"finalized", report.finalized},
-            {"viewed", report.viewed},
-            {"badchars", report.badchars}};
+    return {{"id", report.id},         {"owner", report.owner},
+            {"uid", report.uid},       {"date", report.date},
+            {"type", report.type},     {"finalized", report.finalized},
+            {"viewed", report.viewed}, {"badchars", report.badchars}};
 }
 
 nlohmann::json Json(const ReportEvent& event) {

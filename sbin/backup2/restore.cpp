@@ -42,7 +42,7 @@ Examples:
   backup2 restore bob 2024-01-31 --dry-run --yes          what would be done)";
 
 struct Options {
-    std::string user, date, to, overwrite = "always", host_dist, report;
+    std::string user, uid, date, to, overwrite = "always", host_dist, report;
     std::vector<std::string> paths;
     bool dry_run = false, yes = false, with_databases = false, no_databases = false;
     bool password_stdin = false, own = false;
@@ -80,7 +80,8 @@ Restore::Restore(const Options& options, RestoreReport* report)
     : options_(options),
       report_(report),
       site_(AskSites(options.own, CheckUser(options.user)).front()),
-      backup_(GetBackup(site_.local_dir, CheckUser(options.user), CheckDate(options.date))),
+      backup_(GetBackup(site_.local_dir, CheckUser(options.user), CheckDate(options.date),
+                        options.uid)),
       alone_("restore", backup_.user) {
     if (options.password_stdin) {
         site_.token.SetParam("arch_password", str::base64::Encode(ReadSecret()));
@@ -216,6 +217,7 @@ void AddRestore(CLI::App& app, Action& chosen) {
                       "Read the archive password from standard input");
     command->add_option("--host-dist", options->host_dist,
                         "Edition that the panel's data are converted for (the panel's own)");
+    command->add_option("--uid", options->uid, kUidHelp);
     command->add_flag("--private", options->own, "From the user's own storage");
     command->add_option("--report", options->report,
                         "Id of the report (one is made; \"backup2 report\" shows it)");

@@ -109,17 +109,26 @@ void RestoreReport::Write(const std::function<void()>& write) try {
     if (trouble_.empty()) trouble_ = "the report " + id_ + " is not complete: " + Reason(error);
 }
 
+void RestoreReport::CheckOwner(const std::string& uid) const {
+    const vel_xml::XmlNode root = Load(id_).GetRoot();
+    const std::string former = root.GetProp("owner"), former_uid = root.GetProp("uid");
+    if (!former.empty() && former != owner_)
+        throw vel_tool::UsageError("the report " + id_ + " belongs to " + former);
+    if (!former_uid.empty() && !uid.empty() && former_uid != uid)
+        throw vel_tool::UsageError("the report " + id_ + " belongs to a former " + former);
+}
+
 void RestoreReport::Begin() {
     if (begun_) return;
     begun_ = true;
     Write([this] {
         const bool exists = vel_file::Exists(backup2::GetReportFile(id_));
-        const std::string former = exists ? Load(id_).GetRoot().GetProp("owner") : "";
-        if (!former.empty() && former != owner_)
-            throw vel_tool::UsageError("the report " + id_ + " belongs to " + former);
+        const std::string uid = AskUserUid(owner_);
+        if (exists) CheckOwner(uid);
         backup2::SaveFileReport(owner_, id_, "", 0);
         const vel_xml::Xml xml = Load(id_);
         xml.GetRoot().SetProp("owner", owner_).SetProp("date", vel_date::DateTime().AsDateTime());
+        if (!uid.empty()) xml.GetRoot().SetProp("uid", uid);
         xml.Save(backup2::GetReportFile(id_), false);
     });
 }
@@ -191,6 +200,7 @@ StoredReport ReadReport(const std::string& id, const vel_xml::Xml& xml) {
     StoredReport report;
     report.id = id;
     report.owner = root.GetProp("owner");
+    report.uid = root.GetProp("uid");
     report.date = root.GetProp("date");
     report.type = root.GetProp("type");
     report.finalized = root.GetProp("finalized") == kYes;

@@ -20,7 +20,8 @@ public:
     RestoreReport(const std::string& id, const std::string& owner);
 
     /// Makes the file, or goes on in one of this id that nobody has viewed. Throws
-    /// vel_tool::UsageError when it is another user's. The other functions call it when nobody did.
+    /// vel_tool::UsageError when it is another user's, or a former one's of his name. The other
+    /// functions call it when nobody did.
     void Begin();
     /// What the archiver could not restore.
     void AddFiles(const Extraction::Result& result);
@@ -36,6 +37,7 @@ public:
 
 private:
     void Write(const std::function<void()>& write);
+    void CheckOwner(const std::string& uid) const;
 
     std::string id_, owner_, trouble_;
     bool begun_ = false;
@@ -55,7 +57,7 @@ struct ReportEvent {
 };
 
 struct StoredReport {
-    std::string id, owner, date, type;  ///< "" for what it does not say
+    std::string id, owner, uid, date, type;  ///< "" for what it does not say
     bool finalized = false, viewed = false, badchars = false;
     std::vector<ReportEvent> events;
 };

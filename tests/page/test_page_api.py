@@ -1,6 +1,8 @@
 """The JSON interface of the panel's page, as nobody should use it."""
 
+import concurrent.futures
 import json
+import os
 import time
 import unittest
 import urllib.parse
@@ -84,7 +86,55 @@ class PageApi(PageCase):
         guess = lambda name: self.ask("POST", "/api/login", {"user": name, "password": "guess"})[0]
         self.assertEqual([guess("victim") for _ in range(7)], [401] * 5 + [429] * 2)
         self.assertEqual(self.ask("POST", "/api/login", {"user": "victim", "password": "x"})[0], 429)
+        # Another name that only reads like this one at that address; many tries at once.
+        form = {"Content_Type": "application/x-www-form-urlencoded"}
+        sign_in = lambda name: self.ask("POST", "/", urllib.parse.urlencode({"func": "auth", "username": name, "password": "x"}), **form)[2]
+        for _ in range(6):
+            sign_in(BERT + "\n127.0.0.1")
         self.log_in(BERT)
+        with concurrent.futures.ThreadPoolExecutor(20) as crowd:
+            answers = list(crowd.map(sign_in, ["another"] * 40))
+        self.assertEqual(sum(b'"refused"' in answer for answer in answers), 5)
+
+    def test_a_user_has_nothing_of_a_former_one_of_his_name(self):
+        name, home = "backup", self.site.root / "www/backup"  # an account that every Debian has
+        add = lambda uid, password: self.site.tell("user", "add", name, "--root", str(home), "--uid", uid, secret=password)
+        sign_in = lambda password: self.ask("POST", "/api/login", {"user": name, "password": password})
+        (home / "data").mkdir(parents=True)
+        (home / "data/zebra.txt").write_bytes(MARK)
+        for path in (home, home / "data", home / "data/zebra.txt"):
+            os.chown(path, 34, 34)
+        add("34", "the former's")
+        self.addCleanup(self.site.tell, "user", "remove", name)
+        self.site.backup2("run", name, "--date", MONDAY)
+        self.site.backup2("restore", name, MONDAY, "--yes", "--report", "former")
+        _, headers, body = sign_in("the former's")
+        former = {"cookie": headers["Set-Cookie"].split(";")[0], "X_CSRF_Token": json.loads(body)["csrf"]}
+        self.assertEqual(len(json.loads(self.ask("GET", "/api/backups", **former)[2])["backups"]), 1)
+        download = json.loads(self.ask("POST", "/api/download", {"part": "1"}, **former)[2])["url"]
+        preview = {"date": MONDAY, "what": "files", "overwrite": "always", "preview": True}
+        job = json.loads(self.ask("POST", "/api/restore", preview, **former)[2])["id"]
+        self.wait_for_job(job, former["cookie"])
+        self.site.tell("user", "remove", name)
+        (home / "data/zebra.txt").unlink()
+        add("4712", "the new one's")
+        self.assertEqual(self.ask("GET", "/api/backups", **former)[0], 401)
+        self.assertEqual(self.ask("GET", download)[0], 403)
+        _, headers, body = sign_in("the new one's")
+        new = {"cookie": headers["Set-Cookie"].split(";")[0], "X_CSRF_Token": json.loads(body)["csrf"]}
+        self.assertEqual(json.loads(self.ask("GET", "/api/backups", **new)[2])["backups"], [])
+        for page in ("reports", "jobs"):
+            self.assertEqual(json.loads(self.ask("GET", f"/api/{page}", **new)[2]), [])
+        for method, page, status in (("GET", f"files?date={MONDAY}", 422), ("POST", "reports/former", 404), ("GET", f"jobs/{job}", 404)):
+            self.assertEqual(self.ask(method, f"/api/{page}", {} if method == "POST" else None, **new)[0], status, page)
+        restore = json.loads(self.ask("POST", "/api/restore", {**preview, "preview": False}, **new)[2])["id"]
+        self.assertEqual(self.wait_for_job(restore, new["cookie"])["status"], 1)
+        self.assertEqual(list((home / "data").iterdir()), [])
+
+    def wait_for_job(self, job, cookie):
+        while (state := json.loads(self.ask("GET", f"/api/jobs/{job}", cookie=cookie)[2]))["running"]:
+            time.sleep(0.1)
+        return state
 
     def test_a_user_has_one_job_at_a_time(self):
         cookie, token = self.log_in(ANNA)
@@ -98,8 +148,7 @@ class PageApi(PageCase):
         finally:
             self.site.hold.unlink()
         job = json.loads(body)["id"]
-        while json.loads(self.ask("GET", f"/api/jobs/{job}", cookie=cookie)[2])["running"]:
-            time.sleep(0.1)
+        self.wait_for_job(job, cookie)
         self.assertEqual(post("restore", restore)[0], 200)
 
 
