@@ -10,11 +10,14 @@
 #include <atomic>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <utility>
 
 #include <httplib.h>
+#include <netdb.h>
 
 #include "vel/res_handle.h"
 #include "vel/str.h"
@@ -34,7 +37,8 @@ const vel_log::Module logger("panel");
 
 constexpr int kIoTimeoutMs = 10000;
 constexpr int kAnyPort = 1;      // the library wants a port even for a unix socket
-constexpr int kTlsThreads = 32;  // a download holds one as long as it lasts
+constexpr int kTlsThreads = 64;  // a download holds one as long as it lasts
+constexpr int kTlsThreadsOfAddress = 48;
 constexpr int kTlsWriteSeconds = 60;
 
 bool PeerIsRoot(int fd) {
@@ -188,9 +192,54 @@ std::unique_ptr<httplib::Server> BindLocal() {
     return server;
 }
 
+/// Counts the connections of each address: nobody keeps others out by holding all threads with
+/// requests that never end.
+class Guests {
+public:
+    /// False when the address of `fd` holds its share. What is counted is so until `ssl` is freed.
+    static bool Welcome(SSL* ssl, int fd) {
+        static const int place = ::SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, &Leave);
+        if (::SSL_get_ex_data(ssl, place) != nullptr) return true;  // a later handshake
+        auto address = std::make_unique<std::string>(AddressOf(fd));
+        const std::lock_guard lock(Mutex());
+        if (Counts()[*address] >= kTlsThreadsOfAddress) return false;
+        if (::SSL_set_ex_data(ssl, place, address.get()) != 1) return false;
+        ++Counts()[*address.release()];
+        return true;
+    }
+
+private:
+    static std::string AddressOf(int fd) {
+        sockaddr_storage peer{};
+        socklen_t size = sizeof(peer);
+        char text[NI_MAXHOST] = "";
+        auto* address = reinterpret_cast<sockaddr*>(&peer);
+        if (::getpeername(fd, address, &size) == 0)
+            ::getnameinfo(address, size, text, sizeof(text), nullptr, 0, NI_NUMERICHOST);
+        return text;
+    }
+    static void Leave(void*, void* noted, CRYPTO_EX_DATA*, int, long, void*) {
+        if (noted == nullptr) return;
+        const std::unique_ptr<std::string> address(static_cast<std::string*>(noted));
+        const std::lock_guard lock(Mutex());
+        if (--Counts()[*address] == 0) Counts().erase(*address);
+    }
+    static std::mutex& Mutex() {
+        static std::mutex mutex;
+        return mutex;
+    }
+    static std::map<std::string, int>& Counts() {
+        static std::map<std::string, int> counts;
+        return counts;
+    }
+};
+
 /// A connection is served by the thread that shakes hands with it, from then to its end.
 void NoteConnection(const SSL* ssl, int where, int) {
-    if ((where & SSL_CB_HANDSHAKE_START) != 0) Cgi::SetConnection(::SSL_get_fd(ssl));
+    if ((where & SSL_CB_HANDSHAKE_START) == 0) return;
+    const int fd = ::SSL_get_fd(ssl);
+    Cgi::SetConnection(fd);
+    if (!Guests::Welcome(const_cast<SSL*>(ssl), fd)) ::shutdown(fd, SHUT_RDWR);
 }
 
 std::unique_ptr<httplib::Server> BindTls(const ServeOptions& options) {
