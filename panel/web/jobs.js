@@ -4,6 +4,8 @@ import {announce, h, icon, notice, table} from './dom.js';
 import {bytes, moment, plural, seconds} from './format.js';
 
 const PAUSE_MS = 500;
+const LOST_TRIES = 60;
+const LOST_PAUSE_MS = 2000;
 const TITLES = {run: 'Backup', restore: 'Restore', preview: 'Dry run', verify: 'Verification', check: 'Storage test'};
 const STEPS = {archive: 'Saving files', upload: 'Storing', restore: 'Bringing files back',
   download: 'Fetching', verify: 'Checking', measure: 'Measuring'};
@@ -91,16 +93,30 @@ export function resultView(job) {
     linesView(job));
 }
 
-const pause = (signal) => new Promise((resolve) => {
-  const timer = setTimeout(resolve, PAUSE_MS);
+const pause = (signal, milliseconds = PAUSE_MS) => new Promise((resolve) => {
+  const timer = setTimeout(resolve, milliseconds);
   signal?.addEventListener('abort', () => { clearTimeout(timer); resolve(); }, {once: true});
 });
+
+/** Asks again while the server is out of reach or busy: the job goes on meanwhile. */
+async function patiently(ask, signal) {
+  for (let tries = 0; ; tries += 1) {
+    try {
+      return await ask();
+    } catch (error) {
+      const passing = error.status === 0 || error.status >= 502;
+      if (!passing || tries >= LOST_TRIES) throw error;
+      await pause(signal, LOST_PAUSE_MS);
+      if (signal?.aborted) return null;
+    }
+  }
+}
 
 /** Shows the job inside `place` until it has ended; gives its last state, null when left. */
 export async function watchJob(id, place, signal, showResult = true) {
   let view = null;
   for (;;) {
-    const job = await get(`jobs/${id}`, {}, signal);
+    const job = await patiently(() => get(`jobs/${id}`, {}, signal), signal);
     if (signal?.aborted) return null;
     if (!job.running) {
       announce(`${jobTitle(job)} ${WORDS[outcome(job)]}`);
