@@ -27,6 +27,7 @@ public:
     DatabaseUsers users;
 
     void Convert(const Collected& from) {
+        FindOwners();
         for (const auto& [name, dump] : dumps_) {
             PanelObject object = AddDatabase(name);
             const std::string& made = from.Text("mysql/" + name + ".create");
@@ -45,16 +46,19 @@ private:
         return object;
     }
     /// The first user with all rights, but for the account's own log-in, which has them on all.
-    std::string Owner(const std::string& database) const {
-        std::string owner;
+    void FindOwners() {
         for (const auto& [name, user] : users) {
-            if (!IsName(name) || (!owner.empty() && name == account_.there)) continue;
+            if (!IsName(name)) continue;
             for (const Grant& grant : user.grants) {
-                const bool all = grant.database == database && grant.privileges == "ALL PRIVILEGES";
-                if (all && (owner.empty() || owner == account_.there)) owner = name;
+                if (grant.privileges != "ALL PRIVILEGES") continue;
+                const auto [owner, fresh] = owners_.emplace(grant.database, name);
+                if (!fresh && owner->second == account_.there) owner->second = name;
             }
         }
-        return owner.empty() ? "" : owner + "->" + type_;
+    }
+    std::string Owner(const std::string& database) const {
+        const auto owner = owners_.find(database);
+        return owner == owners_.end() ? "" : owner->second + "->" + type_;
     }
     void AddUser(const std::string& name, const DatabaseUser& user) {
         if (!IsName(name)) return job_.Lost("database user", name, "its name cannot be used here");
@@ -77,6 +81,7 @@ private:
     const Account& account_;
     std::string type_;
     const std::map<std::string, std::optional<Dump>>& dumps_;
+    std::map<std::string, std::string> owners_;  // by database
 };
 
 void ReportBad(Job& job, const std::string& file, const std::vector<std::string>& bad) {

@@ -19,6 +19,7 @@ using vel_xml::XmlNode;
 namespace {
 
 constexpr std::size_t kMostInfo = 128 << 20, kMostInfos = 256 << 20, kMostFiles = 300'000;
+constexpr std::size_t kMostNamed = 100;  // accounts in a message
 
 struct Info {
     std::string name, folder;
@@ -114,7 +115,8 @@ public:
         std::sort(ordered.begin(), ordered.end(),
                   [](const auto* a, const auto* b) { return a->order < b->order; });
         std::vector<Account> accounts;
-        for (const FoundDomain* found : ordered) Place(*found, accounts);
+        std::map<std::string, std::size_t> places;  // of clients
+        for (const FoundDomain* found : ordered) Place(*found, accounts, places);
         return accounts;
     }
 
@@ -148,14 +150,16 @@ private:
         found.weight = weight;
         found.subscription = {name, node, folder};
     }
-    void Place(const FoundDomain& found, std::vector<Account>& accounts) const {
+    void Place(const FoundDomain& found, std::vector<Account>& accounts,
+               std::map<std::string, std::size_t>& places) const {
         const auto client = clients_.find(found.owner);
         const XmlNode user = Child(found.subscription.node, "phosting/preferences/sysuser");
         std::string name = found.owner;
         if (name.empty()) name = user ? user.GetProp("name") : found.subscription.name;
-        for (Account& account : accounts)
-            if (!found.owner.empty() && account.there == name && account.client)
-                return account.subscriptions.push_back(found.subscription);
+        if (client != clients_.end() && !found.owner.empty()) {
+            const auto [place, fresh] = places.emplace(name, accounts.size());
+            if (!fresh) return accounts[place->second].subscriptions.push_back(found.subscription);
+        }
         accounts.push_back({name,
                             name,
                             client == clients_.end() ? XmlNode() : client->second,
@@ -188,6 +192,7 @@ Backup ReadBackup(Job& job) {
 Account ChooseAccount(const Job& job, const Backup& backup) {
     const std::string& wanted = job.options.account;
     std::string list;
+    std::size_t count = 0;
     for (const Account& account : backup.accounts) {
         bool asked = account.there == wanted;
         for (const Subscription& one : account.subscriptions) asked = asked || one.name == wanted;
@@ -199,8 +204,10 @@ Account ChooseAccount(const Job& job, const Backup& backup) {
                                          "' cannot be the name of an account: give --user");
             return chosen;
         }
-        str::Append(list, account.there, ", ");
+        if (++count <= kMostNamed) str::Append(list, account.there, ", ");
     }
+    if (count > kMostNamed)
+        list += " and " + str::Str(static_cast<uint64_t>(count - kMostNamed)) + " more";
     throw vel_tool::UsageError("--account: the archive holds " + list);
 }
 

@@ -1,6 +1,5 @@
 #include "sbin/backup2_plesk_conv/contents.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "vel/str.h"
@@ -126,24 +125,30 @@ void Contents::Fetch() {
 }
 
 void Contents::Unpack(ArchiveReader& outer, const std::string& file, std::vector<Use>& uses) {
-    // The longest offset first: what lies in it belongs to nobody else.
-    std::stable_sort(uses.begin(), uses.end(),
-                     [](const Use& a, const Use& b) { return a.offset.size() > b.offset.size(); });
+    Offsets offsets;
+    for (Use& use : uses) offsets.emplace(use.offset, &use);
     ArchiveReader inner(outer.AsSource(), file, job_.budget);
     for (Entry entry; inner.Next(entry);) {
         const std::string path = SafePath(entry.name);
         if (path.empty() && entry.type != 'd') job_.unpacker.Refuse(file + ": " + entry.name);
-        if (!path.empty()) Put(inner, entry, uses);
+        if (!path.empty()) Put(inner, entry, path, offsets);
     }
 }
 
-void Contents::Put(ArchiveReader& reader, const Entry& entry, std::vector<Use>& uses) {
-    const std::string path = SafePath(entry.name), target = SafePath(entry.target);
-    for (Use& use : uses) {
-        std::string inner, inner_target;
-        if (!Below(path, use.offset, inner)) continue;
-        if (!Below(target, use.offset, inner_target)) inner_target.clear();
-        return PutInto(reader, entry, use, inner, inner_target);
+/// The longest offset that the path lies below counts: what lies in it belongs to nobody else.
+void Contents::Put(ArchiveReader& reader, const Entry& entry, const std::string& path,
+                   const Offsets& offsets) {
+    std::string folder = path;
+    auto found = offsets.end();
+    while (found == offsets.end() && !folder.empty()) {
+        const std::size_t slash = folder.rfind('/');
+        folder.erase(slash == std::string::npos ? 0 : slash);
+        found = offsets.find(folder);
+    }
+    std::string inner, inner_target;
+    if (found != offsets.end() && Below(path, folder, inner)) {
+        if (!Below(SafePath(entry.target), folder, inner_target)) inner_target.clear();
+        return PutInto(reader, entry, *found->second, inner, inner_target);
     }
     if (entry.type != 'd') job_.Lost("content", path, "nothing in the description leads to it");
 }

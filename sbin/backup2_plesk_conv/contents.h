@@ -53,8 +53,9 @@ private:
                      const Subscription& of) const;
     void Unpack(foreign_panel::ArchiveReader& outer, const std::string& file,
                 std::vector<Use>& uses);
+    using Offsets = std::map<std::string, Use*>;  ///< the first use of each
     void Put(foreign_panel::ArchiveReader& reader, const foreign_panel::Entry& entry,
-             std::vector<Use>& uses);
+             const std::string& path, const Offsets& offsets);
     void PutInto(foreign_panel::ArchiveReader& reader, const foreign_panel::Entry& entry, Use& use,
                  const std::string& inner, const std::string& target);
     void PutDump(foreign_panel::ArchiveReader& reader, Use& use);
