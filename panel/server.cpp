@@ -39,6 +39,7 @@ constexpr int kIoTimeoutMs = 10000;
 constexpr int kAnyPort = 1;      // the library wants a port even for a unix socket
 constexpr int kTlsThreads = 64;  // a download holds one as long as it lasts
 constexpr int kTlsThreadsOfAddress = 48;
+constexpr std::size_t kMaxReceived = 1 << 20;  // over one connection, which serves five requests
 constexpr int kTlsWriteSeconds = 60;
 
 bool PeerIsRoot(int fd) {
@@ -111,9 +112,10 @@ Parameters Collect(const httplib::Request& request) {
 
 void Route(httplib::Server& server, Requests& requests, Caller caller) {
     server.set_payload_max_length(64 * 1024);
-    // The library would unpack it, whatever it grows to.
+    // The library would unpack the one and collect the other, whatever they grow to.
     server.set_pre_routing_handler([](const httplib::Request& in, httplib::Response& out) {
-        if (!in.has_header("Content-Encoding")) return httplib::Server::HandlerResponse::Unhandled;
+        if (!in.has_header("Content-Encoding") && !in.has_header("Transfer-Encoding"))
+            return httplib::Server::HandlerResponse::Unhandled;
         out.status = 415;
         out.set_header("Connection", "close");
         return httplib::Server::HandlerResponse::Handled;
@@ -192,23 +194,38 @@ std::unique_ptr<httplib::Server> BindLocal() {
     return server;
 }
 
-/// Counts the connections of each address: nobody keeps others out by holding all threads with
-/// requests that never end.
+/// Counts the connections of each address, so that nobody keeps others out by holding all threads
+/// with requests that never end; and what comes over each, as the library would keep heads, and
+/// bodies in chunks, of any size.
 class Guests {
 public:
     /// False when the address of `fd` holds its share. What is counted is so until `ssl` is freed.
     static bool Welcome(SSL* ssl, int fd) {
-        static const int place = ::SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, &Leave);
-        if (::SSL_get_ex_data(ssl, place) != nullptr) return true;  // a later handshake
-        auto address = std::make_unique<std::string>(AddressOf(fd));
+        if (::SSL_get_ex_data(ssl, Place()) != nullptr) return true;  // a later handshake
+        auto guest = std::make_unique<Guest>(Guest{AddressOf(fd)});
         const std::lock_guard lock(Mutex());
-        if (Counts()[*address] >= kTlsThreadsOfAddress) return false;
-        if (::SSL_set_ex_data(ssl, place, address.get()) != 1) return false;
-        ++Counts()[*address.release()];
+        int& count = Counts()[guest->address];
+        if (count >= kTlsThreadsOfAddress || ::SSL_set_ex_data(ssl, Place(), guest.get()) != 1)
+            return false;
+        guest.release();
+        ++count;
         return true;
+    }
+    /// False when more has come by now than all requests of a connection can need.
+    static bool Receive(const SSL* ssl, std::size_t bytes) {
+        auto* guest = static_cast<Guest*>(::SSL_get_ex_data(ssl, Place()));
+        return guest == nullptr || (guest->received += bytes) <= kMaxReceived;
     }
 
 private:
+    struct Guest {
+        std::string address;
+        std::size_t received = 0;
+    };
+    static int Place() {
+        static const int place = ::SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, &Leave);
+        return place;
+    }
     static std::string AddressOf(int fd) {
         sockaddr_storage peer{};
         socklen_t size = sizeof(peer);
@@ -220,9 +237,9 @@ private:
     }
     static void Leave(void*, void* noted, CRYPTO_EX_DATA*, int, long, void*) {
         if (noted == nullptr) return;
-        const std::unique_ptr<std::string> address(static_cast<std::string*>(noted));
+        const std::unique_ptr<Guest> guest(static_cast<Guest*>(noted));
         const std::lock_guard lock(Mutex());
-        if (--Counts()[*address] == 0) Counts().erase(*address);
+        if (--Counts()[guest->address] == 0) Counts().erase(guest->address);
     }
     static std::mutex& Mutex() {
         static std::mutex mutex;
@@ -242,6 +259,14 @@ void NoteConnection(const SSL* ssl, int where, int) {
     if (!Guests::Welcome(const_cast<SSL*>(ssl), fd)) ::shutdown(fd, SHUT_RDWR);
 }
 
+/// Sees the head of every record: its last two bytes are the length of what follows.
+void NoteRecord(int sent, int, int type, const void* bytes, std::size_t size, SSL* ssl, void*) {
+    if (sent != 0 || type != SSL3_RT_HEADER || size < SSL3_RT_HEADER_LENGTH) return;
+    const auto* head = static_cast<const unsigned char*>(bytes);
+    const std::size_t length = std::size_t{head[3]} << 8 | head[4];
+    if (!Guests::Receive(ssl, length)) ::shutdown(::SSL_get_fd(ssl), SHUT_RDWR);
+}
+
 std::unique_ptr<httplib::Server> BindTls(const ServeOptions& options) {
     auto server =
         std::make_unique<httplib::SSLServer>(options.certificate.c_str(), options.key.c_str());
@@ -249,6 +274,7 @@ std::unique_ptr<httplib::Server> BindTls(const ServeOptions& options) {
         throw vel_err::Error("panel", "tls", "cannot use " + options.certificate + " and its key");
     ::SSL_CTX_set_min_proto_version(server->ssl_context(), TLS1_2_VERSION);
     ::SSL_CTX_set_info_callback(server->ssl_context(), NoteConnection);
+    ::SSL_CTX_set_msg_callback(server->ssl_context(), NoteRecord);
     server->new_task_queue = [] { return new httplib::ThreadPool(kTlsThreads); };
     server->set_write_timeout(kTlsWriteSeconds);
     std::string host = options.tls_address;
