@@ -65,16 +65,21 @@ struct Call {
     std::string session;
     User user;
 
-    /// A value of the body, for GET of the address; "" when it is not there.
+    /// A value of the body, for GET of the address; "" when it is not there. One of another kind is
+    /// refused: nobody's name, or a dry run, must not pass for what is meant without them.
     std::string Text(const std::string& key) const {
         if (http.method == "GET") return http.has_param(key) ? http.get_param_value(key) : "";
         const auto found = body.find(key);
-        return found != body.end() && found->is_string() ? found->get<std::string>() : "";
+        if (found == body.end()) return "";
+        if (!found->is_string()) throw Wrong(key + " must be a text.");
+        return found->get<std::string>();
     }
     bool Flag(const std::string& key) const {
         if (http.method == "GET") return Text(key) == "yes";
         const auto found = body.find(key);
-        return found != body.end() && found->is_boolean() && found->get<bool>();
+        if (found == body.end()) return false;
+        if (!found->is_boolean()) throw Wrong(key + " must be true or false.");
+        return found->get<bool>();
     }
 };
 

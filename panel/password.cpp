@@ -13,7 +13,10 @@
 namespace panel {
 namespace {
 
+/// "" when it cannot be hashed: the library would take a password up to its first NUL for the
+/// whole.
 std::string Crypt(const std::string& password, const std::string& setting) {
+    if (password.find('\0') != std::string::npos) return "";
     // The work area holds the password while it is hashed: cleared by the library's own wipe.
     auto area = std::make_unique<crypt_data>();
     const char* hash = ::crypt_r(password.c_str(), setting.c_str(), area.get());

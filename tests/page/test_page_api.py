@@ -3,6 +3,8 @@
 import concurrent.futures
 import json
 import os
+import socket
+import ssl
 import time
 import unittest
 import urllib.parse
@@ -53,6 +55,9 @@ class PageApi(PageCase):
             self.assertEqual(self.ask("POST", "/api/download", {"part": "1"}, **headers)[0], status, name)
         for body in ("", "[]", "{", "[" * 5000, '{"part": ["1"]}', b"\xff\xfe"):
             self.assertEqual(self.ask("POST", "/api/download", body, **good)[0], 400, body[:9])
+        restore = {"date": MONDAY, "what": "files", "overwrite": "always", "preview": True}
+        for other in ({"preview": "true"}, {"preview": 1}, {"user": [ANNA]}, {"user": None}, {"own": "no"}):
+            self.assertEqual(self.ask("POST", "/api/restore", restore | other, **good)[0], 400, other)
         self.assertIn(self.ask("POST", "/api/download", "x" * 70000, **good)[0], (400, 413))
         self.assertEqual(self.ask("GET", "/api/download", **good)[0], 404)  # nothing that changes answers GET
         session = {"part": "1"}
@@ -81,10 +86,23 @@ class PageApi(PageCase):
         tag = self.ask("GET", "/")[1]["ETag"]
         self.assertEqual(self.ask("GET", "/", If_None_Match=tag)[0], 304)
 
+    def test_a_request_without_end_is_cut_off(self):
+        trust = ssl._create_unverified_context()
+        post = b"POST /api/login HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+        cases = [(b"GET /", b"y" * 65536), (b"GET / HTTP/1.1\r\n", b"X: %s\r\n" % (b"y" * 1000) * 65), (post + b"\r\n", b"y" * 65536),
+                 (post + b"Transfer-Encoding: chunked\r\n\r\n", b"10000\r\n" + b"y" * 65536 + b"\r\n")]
+        for head, more in cases:
+            with self.subTest(head), socket.create_connection(("127.0.0.1", self.site.port), 5) as plain, \
+                    trust.wrap_socket(plain) as connection, self.assertRaises(OSError):
+                connection.sendall(head)
+                for _ in range(512):  # 32 MiB
+                    connection.sendall(more)
+        self.log_in(BERT)
+
     def test_guessing_a_password_ends_soon_and_for_this_name_only(self):
         self.site.tell("user", "add", "victim", "--root", "/srv/victim", "--uid", "1999", secret="x")
-        guess = lambda name: self.ask("POST", "/api/login", {"user": name, "password": "guess"})[0]
-        self.assertEqual([guess("victim") for _ in range(7)], [401] * 5 + [429] * 2)
+        guess = lambda password: self.ask("POST", "/api/login", {"user": "victim", "password": password})[0]
+        self.assertEqual([guess(password) for password in ["x\0y", "\0", "", "X", "x ", "x", "x"]], [401] * 5 + [429] * 2)
         self.assertEqual(self.ask("POST", "/api/login", {"user": "victim", "password": "x"})[0], 429)
         # Another name that only reads like this one at that address; many tries at once.
         form = {"Content_Type": "application/x-www-form-urlencoded"}
