@@ -124,7 +124,8 @@ std::string Reason(const vel_err::Error& error) {
 
 int Finish(const Options& options, const Report& report) {
     if (!options.report_file.empty()) vel_file::Write(options.report_file, report.Json());
-    std::cout << (options.json ? report.Json() : report.Text());
+    std::cout << (options.json ? report.Json() : report.Text()) << std::flush;
+    if (!std::cout) throw std::runtime_error("standard output cannot be written");
     return report.AnythingLost() ? vel_tool::kWarnings : vel_tool::kDone;
 }
 
