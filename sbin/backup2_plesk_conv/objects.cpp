@@ -35,6 +35,53 @@ void Limits(PanelObject& user, const XmlNode& node) {
     }
 }
 
+/// What is read, or need not be, by the element in which it stands.
+const std::map<std::string, std::set<std::string>>& KnownWithin() {
+    static const std::set<std::string> kDomain = {"properties",   "limits-and-permissions",
+                                                  "limits",       "permissions",
+                                                  "preferences",  "mailsystem",
+                                                  "databases",    "phosting",
+                                                  "shosting",     "fhosting",
+                                                  "certificates", "traffic",
+                                                  "content",      "domainuser",
+                                                  "ip",           "status"};
+    static const std::map<std::string, std::set<std::string>> kKnown = {
+        {"domain", kDomain},
+        {"site", kDomain},
+        {"sites", {"site"}},
+        {"subdomains", {"subdomain"}},
+        {"domain/preferences", {"domain-alias"}},
+        {"site/preferences", {"domain-alias"}},
+        {"phosting",
+         {"properties", "limits-and-permissions", "preferences", "content", "sites", "subdomains",
+          "ftpusers", "webusers", "www-root", "certificate", "status"}},
+        {"phosting/preferences",
+         {"sysuser", "pdir", "ftpusers", "webusers", "logrotation", "webalizer"}},
+        {"sysuser", {"password", "properties", "cron", "scheduled-tasks", "home", "quota"}},
+        {"mailsystem", {"properties", "preferences", "mailusers", "content"}},
+        {"mailsystem/preferences", {"catch-all"}},
+        {"mailusers", {"mailuser"}},
+        {"mailuser", {"properties", "preferences", "mailbox-quota", "password", "status"}},
+        {"mailuser/preferences",
+         {"alias", "redirect", "mailgroup-member", "mailbox", "autoresponders", "spamassassin",
+          "virusfilter"}},
+        {"databases", {"database", "dbusers"}},
+        {"database", {"content", "dbuser", "charset"}},
+        {"dbusers", {"dbuser"}}};
+    return kKnown;
+}
+
+void UnknownOfClient(Job& job, const XmlNode& client) {
+    static const std::set<std::string> kKnown = {
+        "properties", "preferences", "limits-and-permissions",
+        "limits",     "permissions", "domains",
+        "status",     "password",    "ip_pool",
+        "clients",    "traffic"};
+    for (XmlNode child = client.FirstChild(); child; child = child.Next())
+        if (!child.Name().empty() && kKnown.count(child.Name()) == 0)
+            job.Lost("element", child.Name(), "of the account: is not known here");
+}
+
 /// One subscription: its web space and all sites in it.
 class Space {
 public:
@@ -61,7 +108,7 @@ public:
         for (const char* group : {"ftpusers", "webusers"})
             for (const XmlNode& user : AllOf(hosting, group)) FtpUser(user);
         Certificates(of_.node);
-        Unknown();
+        Unknown(of_.node, "domain");
     }
 
 private:
@@ -217,21 +264,20 @@ private:
 
     // ---- What nobody asked for ----
 
-    void Unknown() {
-        static const std::set<std::string> kKnown = {"properties",  "limits-and-permissions",
-                                                     "limits",      "permissions",
-                                                     "preferences", "mailsystem",
-                                                     "databases",   "certificates",
-                                                     "phosting",    "shosting",
-                                                     "fhosting",    "traffic",
-                                                     "content",     "domainuser",
-                                                     "ip",          "status"};
-        for (XmlNode child = of_.node.FirstChild(); child; child = child.Next())
-            if (kKnown.count(child.Name()) == 0)
-                job_.Lost(
-                    "element", child.Name(),
-                    "of " + domain_ + ": " +
-                        (child.Name() == "maillists" ? "mailing lists" : "is not known here"));
+    /// Only where all that can stand is known: what lies in an unknown element went with it.
+    void Unknown(const XmlNode& node, const std::string& place) {
+        const auto known = KnownWithin().find(place);
+        if (known == KnownWithin().end()) return;
+        for (XmlNode child = node.FirstChild(); child; child = child.Next()) {
+            const std::string name = child.Name();
+            if (name.empty()) continue;  // text
+            if (known->second.count(name) == 0)
+                job_.Lost("element", name,
+                          "of " + domain_ + ": " +
+                              (name == "maillists" ? "mailing lists" : "is not known here"));
+            else
+                Unknown(child, name == "preferences" ? place + "/" + name : name);
+        }
     }
 
     Job& job_;
@@ -257,6 +303,7 @@ void ConvertAccount(Job& job, const Account& account) {
             if (info.GetProp("name") == "email") user.Param("email", Address(info.Str()));
         Limits(user, account.client);
         user.Param("created", Line(account.client.GetProp("cr-date")));
+        UnknownOfClient(job, account.client);
     }
     user.Param("domain", Domain(account.subscriptions.front().name));
     job.Carried("account", account.there);
