@@ -108,7 +108,7 @@ Archive Open(const std::string& path, Input& input) {
 std::string DetectPanel(const std::string& path) {
     Input input{vel_file::ResHandle(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))};
     if (input.fd < 0) vel_err::RaiseErrno("open", path, errno);
-    input.size = vel_file::Info(path).Size();
+    input.size = static_cast<off_t>(vel_file::Info(path).Size());
     const Archive reader = Open(path, input);
     archive_entry* entry = nullptr;
     for (int left = kMostNames; left > 0; --left) {
