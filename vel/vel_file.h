@@ -183,7 +183,8 @@ private:
 /// All objects of one process that lock the same file share one lock: none of them waits for
 /// another, each sees what another wrote, and the lock is given up with the last of them. (So it
 /// does not keep the threads of a process apart.) Opening and closing the file elsewhere in the
-/// process does not lose the lock; a forked process does not inherit it.
+/// process does not lose the lock. A forked process holds it, too, until it runs another program:
+/// for that moment a lock can outlive its killed owner.
 class Lock {
 public:
     Lock() = default;

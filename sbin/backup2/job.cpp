@@ -458,11 +458,29 @@ std::string FailureWatch::Reason() const {
     return ": " + failure_->substr(0, output);
 }
 
+namespace {
+
+/// One that is held is tried again for a moment: a process that is killed while it starts another
+/// leaves its locks to that one, until the new program runs.
+std::unique_ptr<backup2::Lock> LockSoon(const std::string& dir) {
+    constexpr int kTries = 20, kPauseMs = 50;
+    for (int tries = 1;; ++tries) {
+        try {
+            return std::make_unique<backup2::Lock>(dir);
+        } catch (const vel_err::Error& error) {
+            if (error.type() != "lock" || tries == kTries) throw;
+        }
+        vel_proc::Sleep(kPauseMs);
+    }
+}
+
+}  // namespace
+
 WorkLock::WorkLock(const std::string& work, const std::string& user)
     : dir_(vel_file::ConcatPath("var/run/backup2." + work, user)) {
     vel_file::MkDir(dir_, vel_file::Attrs(0700));
     try {
-        lock_ = std::make_unique<backup2::Lock>(dir_);
+        lock_ = LockSoon(dir_);
     } catch (const vel_err::Error& error) {
         if (error.type() != "lock") throw;
         throw Busy(user + ": another process does \"backup2 " + work + "\" just now");
