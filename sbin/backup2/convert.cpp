@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 
 #include <iostream>
+#include <stdexcept>
 
 #include <CLI/CLI.hpp>
 
@@ -40,9 +41,19 @@ void SaveBeside(const vel_xml::Xml& xml, const std::string& file, const std::str
     vel_file::Move(tmp.Path(), output);
 }
 
+/// "" stays. A folder that is not there is a slip of the pen, and is not made.
+std::string CheckOutput(const std::string& typed) {
+    if (typed.empty()) return "";
+    const std::string output = vel_tool::Absolute(typed);
+    const std::string folder = vel_file::SplitPath(output).dir;
+    if (!folder.empty() && !vel_file::Exists(folder))
+        throw std::runtime_error("there is no folder " + folder);
+    return output;
+}
+
 int RunConvert(const Options& options) {
     const std::string file = vel_tool::Absolute(options.file);
-    const std::string output = options.output.empty() ? "" : vel_tool::Absolute(options.output);
+    const std::string output = CheckOutput(options.output);
     const std::string dist =
         options.host_dist.empty() ? AskHostDist() : CheckDist(options.host_dist);
     vel_xml::Xml xml;

@@ -193,7 +193,8 @@ std::string Reason(const std::exception& e) {
         error->type() == "network" || error->type() == "unauthorized" || error->type() == "storage";
     if (!clouds && error->type() != "sys" && error->type() != "file") return e.what();
     std::string text = clouds && error->type() != "storage" ? error->type() : "";
-    str::Append(text, error->object(), " ");
+    const bool names_object = str::StartsWith(error->value(), error->object() + ":");
+    if (!names_object) str::Append(text, error->object(), " ");
     str::Append(text, error->value(), clouds ? ": " : " ");
     return text;
 }
