@@ -43,9 +43,10 @@ constexpr int kTraceLimitLine = 260;
 constexpr int kTraceSizeLine = 261;
 
 // The password of an encoder comes on its standard input, that of a decoder in its environment,
-// because there the ciphertext may come on standard input.
-const std::string kEncoder = "openssl enc -e -pass stdin -aes-256-cbc";
-const std::string kDecoder = "openssl enc -d -pass env:PASSWORD -aes-256-cbc";
+// because there the ciphertext may come on standard input. The shell makes way for openssl: what
+// ends the child ends the one that writes the file.
+const std::string kEncoder = "exec openssl enc -e -pass stdin -aes-256-cbc";
+const std::string kDecoder = "exec openssl enc -d -pass env:PASSWORD -aes-256-cbc";
 constexpr char kDecoderVariable[] = "PASSWORD";
 constexpr int kCapture = 0;  // what openssl prints belongs neither to the data nor to our output
 
