@@ -5,6 +5,8 @@ endif()
 install(DIRECTORY DESTINATION var/backup/qorvel DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
 install(DIRECTORY DESTINATION var/run DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
 
+add_custom_target(programs)  # all that an install root runs
+
 # A program of a folder of the install root: built into <build>/FOLDER, finds lib/ beside it.
 function(backup2_program_in folder name)
   add_executable(${name} ${ARGN})
@@ -14,6 +16,7 @@ function(backup2_program_in folder name)
     BUILD_RPATH "$ORIGIN/../lib"
     INSTALL_RPATH "$ORIGIN/../lib")
   install(TARGETS ${name} RUNTIME DESTINATION ${folder})
+  add_dependencies(programs ${name})
 endfunction()
 function(backup2_program name)
   backup2_program_in(sbin ${name} ${ARGN})
