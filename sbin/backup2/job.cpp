@@ -20,6 +20,7 @@
 #include "vel/vel_date.h"
 #include "vel/vel_env.h"
 #include "vel/vel_file.h"
+#include "vel/vel_hash.h"
 #include "vel/vel_log.h"
 #include "vel/vel_proc.h"
 #include "vel/vel_tool.h"
@@ -314,6 +315,18 @@ void Backup::CheckRecord() const {
         sums == 0 || (sums == parts && (total == sum || total == backup2::EncryptedSize(sum)));
     if (named && based && known && counted && parts >= 1 && parts <= kMaxParts) return;
     throw std::runtime_error(info_path + ": the info file is damaged");
+}
+
+std::string Backup::Identity() const {
+    vel_hash::Hash hash(vel_hash::HashType::Sha256);
+    hash.Update(Get("created") + "\n" + Get("finished"));
+    for (const auto& [key, value] : info) {
+        if (!str::StartsWith(key, "slice.")) continue;
+        Slice slice;
+        ReadSums(value, slice);
+        hash.Update("\n" + str::Str(slice.plain) + " " + slice.plain_sum);
+    }
+    return str::hex::Encode(hash.Str());
 }
 
 bool Backup::Usable() const try {

@@ -88,6 +88,9 @@ struct Backup {
 
     std::string Get(const std::string& key) const;  ///< "" when the info file has no such key
     std::string Title() const { return user + " " + date; }
+    /// A digest of when it was made and what it holds: tells it from another under the same name
+    /// and is that of its copies, too. A custom one may replace another within a second.
+    std::string Identity() const;
     std::string Kind() const { return Get("type"); }
     /// False when it records another number of its user; "" is anybody's.
     bool MadeFor(const std::string& uid) const;

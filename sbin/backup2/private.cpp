@@ -204,9 +204,8 @@ bool PrivateCopy::IsComplete(const Backup& backup) const {
     try {
         const Backup copy = ReadBackup(path);
         const auto wanted = NamesOf(copy, own_.token);
-        return copy.Get("finished") == backup.Get("finished") &&
-               copy.Get("created") == backup.Get("created") &&
-               copy.Get("key_hash") == own_.token.Hash() && vel_file::Exists(copy.IndexPath()) &&
+        return copy.Identity() == backup.Identity() && copy.Get("key_hash") == own_.token.Hash() &&
+               vel_file::Exists(copy.IndexPath()) &&
                std::includes(stored.begin(), stored.end(), wanted.begin(), wanted.end());
     } catch (const std::exception& error) {
         logger.Write(5, "The copy of %s is made again: %s", backup.Title(), Reason(error));

@@ -13,11 +13,10 @@ const char kBook[] = "var/backup2.verified";
 
 using Entries = std::map<std::string, Verified>;
 
-/// "<info file> TAB <when that backup was finished>", fit for a line. The library finds the file
-/// under more than one spelling of its path.
+/// "<info file> TAB <identity of that backup>", fit for a line. The library finds the file under
+/// more than one spelling of its path.
 std::string Key(const Backup& backup) {
-    return backup2::EncodeFileName(vel_file::GoodPath(backup.info_path)) + "\t" +
-           backup.Get("finished");
+    return backup2::EncodeFileName(vel_file::GoodPath(backup.info_path)) + "\t" + backup.Identity();
 }
 
 /// key TAB when TAB good|bad TAB deep|stored

@@ -1,4 +1,5 @@
 // What only the FTP storage does; the rest is in tests/contract.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "vel/str.h"
@@ -21,7 +22,9 @@ TEST(FtpStorage, FullServerIsAnErrorAndRemovalIsNone) {
     // The port may stand in the address; only "active" is active.
     const auto storage = GetStorage(BackupToken("type=ftp;mode=Active;path=/b" + address + login));
     storage->MkDir("u/d");
-    EXPECT_EQ(Failure([&] { storage->Put("u/d/f", dir / "in"); }), "ftp_put_failed");
+    // Where the server does not read to the end its reply may be lost with the connection.
+    EXPECT_THAT(Failure([&] { storage->Put("u/d/f", dir / "in"); }),
+                testing::AnyOf("ftp_put_failed", testing::StartsWith("network ftp://")));
     std::list<std::string> names;
     storage->List(names, "u/d");
     EXPECT_TRUE(names.empty()) << "nothing half is left";
