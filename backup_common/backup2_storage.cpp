@@ -101,9 +101,8 @@ bool BackupToken::IsEncrypted() const { return !GetParam(kPassword).empty(); }
 std::string BackupToken::Hash() const {
     const std::string encoded = GetParam(kPassword);
     if (encoded.empty()) return {};
-    vel_hash::Hash hash(vel_hash::HashType::Sha256);
-    hash.Update(str::base64::Decode(encoded));
-    return str::hex::Encode(hash.Str());
+    const std::string password = str::base64::Decode(encoded);
+    return str::hex::Encode(vel_hash::Digest(vel_hash::HashType::Sha256, password));
 }
 
 bool BackupToken::operator==(const BackupToken& other) const {

@@ -22,9 +22,7 @@ constexpr std::size_t kMinKeyLength = 16;
 
 /// Secrets are looked up by their digest: a comparison's time then tells nothing about them.
 std::string Digest(const std::string& secret) {
-    vel_hash::Hash hash(vel_hash::HashType::Sha256);
-    hash.Update(secret);
-    return hash.Str();
+    return vel_hash::Digest(vel_hash::HashType::Sha256, secret);
 }
 
 /// What a user was when his session was opened; a later one of the same name is somebody else.

@@ -14,9 +14,7 @@ constexpr std::ptrdiff_t kMostOfUser = 50;
 constexpr std::size_t kIdBytes = 32;
 
 std::string Digest(const std::string& text) {
-    vel_hash::Hash hash(vel_hash::HashType::Sha256);
-    hash.Update(text);
-    return hash.Str();
+    return vel_hash::Digest(vel_hash::HashType::Sha256, text);
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 namespace vel_hash {
 namespace {
 
-const EVP_MD* Digest(HashType type) {
+const EVP_MD* KindOf(HashType type) {
     switch (type) {
         case HashType::Md5:
             return EVP_md5();
@@ -34,7 +34,7 @@ struct Hash::Impl {
     void Start() { Check(EVP_DigestInit_ex(context.get(), digest, nullptr), "init_failed"); }
 };
 
-Hash::Hash(HashType type) : impl_(new Impl{Digest(type)}) {
+Hash::Hash(HashType type) : impl_(new Impl{KindOf(type)}) {
     Check(impl_->context != nullptr, "init_failed");
     impl_->Start();
 }
@@ -55,6 +55,12 @@ std::string Hash::Str() {
     Check(EVP_DigestFinal_ex(impl_->context.get(), digest.data(), &size), "final_failed");
     impl_->Start();
     return {digest.begin(), digest.begin() + size};
+}
+
+std::string Digest(HashType type, std::string_view bytes) {
+    Hash hash(type);
+    hash.Update(bytes.data(), bytes.size());
+    return hash.Str();
 }
 
 }  // namespace vel_hash

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace vel_hash {
 
@@ -25,5 +26,8 @@ private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
+
+/// The raw digest of one text.
+std::string Digest(HashType type, std::string_view bytes);
 
 }  // namespace vel_hash

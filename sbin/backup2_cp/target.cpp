@@ -96,9 +96,8 @@ namespace {
 class ReachedStamp {
 public:
     explicit ReachedStamp(const backup2::BackupToken& token) {
-        vel_hash::Hash hash(vel_hash::HashType::Sha256);
-        hash.Update(token.Str());
-        path_ = vel_file::ConcatPath(kStamps, str::hex::Encode(hash.Str()));
+        const std::string name = vel_hash::Digest(vel_hash::HashType::Sha256, token.Str());
+        path_ = vel_file::ConcatPath(kStamps, str::hex::Encode(name));
     }
     bool IsRecent() const {
         const vel_file::Info stamp(path_, false);

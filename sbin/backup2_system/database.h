@@ -53,6 +53,8 @@ bool HasDatabase(const Access& access);
 bool HasAccount(const Access& access, const std::string& name);
 }  // namespace postgresql
 
+/// 16 hex digits, the same for a database at all times: ends the names that a restore of it uses.
+std::string ShortHash(const std::string& database);
 /// Whether restores make databases or accounts of such names for themselves: who had one of them
 /// would get what others restore.
 bool IsServiceName(const std::string& name);

@@ -5,6 +5,7 @@
 // "source"), and logs in as an account that owns nothing but this database. The clauses "DEFINER=",
 // which would need the right to speak for others, are taken out: views and routines then belong to
 // the account that loads them.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
@@ -14,7 +15,6 @@
 #include "vel/str.h"
 #include "vel/stream.h"
 #include "vel/vel_err.h"
-#include "vel/vel_hash.h"
 #include "vel/vel_log.h"
 
 #include "sbin/backup2_system/child.h"
@@ -176,19 +176,13 @@ void Load(const Access& access, const Login& account, const std::string& databas
     job.discard_output = true;
     job.writer = [&dump](std::ostream& out) {
         if (::lseek(dump, 0, SEEK_SET) != 0) vel_err::RaiseErrno("lseek", "dump", errno);
-        vel_file::InStream in{vel_file::ResHandle(::dup(dump))};
+        vel_file::InStream in{vel_file::ResHandle(::fcntl(dump, F_DUPFD_CLOEXEC, 0))};
         CopyWithoutDefiners(in, out);
     };
     Run("load", job);
 }
 
 // ---- The account that loads ---------------------------------------------------------------------
-
-std::string ShortHash(const std::string& text) {
-    vel_hash::Hash hash(vel_hash::HashType::Sha256);
-    hash.Update(text);
-    return str::hex::Encode(hash.Str()).substr(0, 16);
-}
 
 /// Logs in to one database. The owner when the panel knows him with his password; else an account
 /// of this program's own, which stays as the definer of what it made, locked between restores.

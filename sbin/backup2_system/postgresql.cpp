@@ -11,7 +11,6 @@
 
 #include "vel/str.h"
 #include "vel/vel_err.h"
-#include "vel/vel_hash.h"
 #include "vel/vel_log.h"
 
 #include "sbin/backup2_system/child.h"
@@ -102,12 +101,6 @@ void CheckReadable(vel_file::ResHandle dump, const std::string& step) {
     job.input_file = dump;
     job.discard_output = true;
     Run(step, job);
-}
-
-std::string ShortHash(const std::string& text) {
-    vel_hash::Hash hash(vel_hash::HashType::Sha256);
-    hash.Update(text);
-    return str::hex::Encode(hash.Str()).substr(0, 16);
 }
 
 /// One restore: a fresh database, its owner, and a log-in that exists only meanwhile.

@@ -1,10 +1,16 @@
 #include <algorithm>
 
 #include "vel/str.h"
+#include "vel/vel_hash.h"
 
 #include "sbin/backup2_system/database.h"
 
 namespace backup2_system {
+
+std::string ShortHash(const std::string& database) {
+    const std::string digest = vel_hash::Digest(vel_hash::HashType::Sha256, database);
+    return str::hex::Encode(digest).substr(0, 16);
+}
 
 bool IsServiceName(const std::string& name) {
     static const std::vector<std::string> kBeginnings = {"b2_scratch_", "b2_restore_", "b2_owner_",

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "vel/str.h"
@@ -31,17 +32,15 @@ constexpr std::size_t kHashBlock = std::size_t{4} << 20;
 constexpr int kMaxResets = 3;
 constexpr int kMaxCorrections = 16;
 
-std::string Sha256(const char* data, std::size_t size) {
-    vel_hash::Hash hash(vel_hash::HashType::Sha256);
-    hash.Update(data, size);
-    return hash.Str();
+std::string Sha256(std::string_view bytes) {
+    return vel_hash::Digest(vel_hash::HashType::Sha256, bytes);
 }
 
 /// The provider's hash of contents is the SHA-256 of these: the SHA-256s of blocks of 4 MiB.
 std::string BlockDigests(const std::string& bytes) {
     std::string digests;
     for (std::size_t at = 0; at < bytes.size(); at += kHashBlock) {
-        digests += Sha256(bytes.data() + at, std::min(kHashBlock, bytes.size() - at));
+        digests += Sha256(std::string_view(bytes).substr(at, kHashBlock));
     }
     return digests;
 }
@@ -173,9 +172,7 @@ std::string Upload::Cursor() const {
     return Object({{"session_id", Quoted(session_)}, {"offset", str::Str(offset_)}});
 }
 
-std::string Upload::ChunkHash() const {
-    return Quoted(str::hex::Encode(Sha256(digests_.data(), digests_.size())));
-}
+std::string Upload::ChunkHash() const { return Quoted(str::hex::Encode(Sha256(digests_))); }
 
 std::string Upload::WholeArgument() const {
     return "{" + Commit() + ",\"content_hash\":" + ChunkHash() + "}";

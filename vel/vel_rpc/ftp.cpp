@@ -34,10 +34,8 @@ constexpr int kSize = 213, kNoSpace = 452, kOverQuota = 552, kNotAllowed = 553, 
 
 /// The same for the same target, so that the next upload replaces what a killed one has left.
 std::string TemporaryName(const std::string& target) {
-    vel_hash::Hash hash(vel_hash::HashType::Sha256);
-    hash.Update(target);
-    return kTemporaryBegin + str::hex::Encode(hash.Str()).substr(0, kTemporaryDigits) +
-           kTemporaryEnd;
+    const std::string digest = vel_hash::Digest(vel_hash::HashType::Sha256, target);
+    return kTemporaryBegin + str::hex::Encode(digest).substr(0, kTemporaryDigits) + kTemporaryEnd;
 }
 
 bool IsTemporary(const std::string& name) {

@@ -277,9 +277,8 @@ Sent YandexCloud::Send(const std::string& what, const Names& target, std::istrea
 
 /// What is still in memory can be sent again, to a new address each time.
 Sent YandexCloud::SendSmall(const std::string& what, const Names& target, std::string bytes) {
-    vel_hash::Hash md5(vel_hash::HashType::Md5);
-    md5.Update(bytes);
-    Sent sent{bytes.size(), str::hex::Encode(md5.Str()), nullptr};
+    const std::string md5 = vel_hash::Digest(vel_hash::HashType::Md5, bytes);
+    Sent sent{bytes.size(), str::hex::Encode(md5), nullptr};
     Request request;
     request.method = "PUT";
     request.headers = {"Content-Type: application/octet-stream"};

@@ -34,12 +34,6 @@ std::string EncodeQuery(const S3Bucket::Query& query) {
     return text.empty() ? "" : "?" + text;
 }
 
-std::string Md5(const std::string& bytes) {
-    vel_hash::Hash hash(vel_hash::HashType::Md5);
-    hash.Update(bytes);
-    return hash.Str();
-}
-
 std::string EtagOf(std::string quoted) {
     quoted.erase(std::remove(quoted.begin(), quoted.end(), '"'), quoted.end());
     return str::Lower(quoted);
@@ -201,8 +195,10 @@ Request S3Bucket::Make(const std::string& method, const std::string& key,
 
 std::string S3Bucket::Ask(const std::string& step, Request request, const std::string& key) {
     std::ostringstream text;
-    if (!request.body.empty())
-        request.headers.push_back("Content-MD5: " + str::base64::Encode(Md5(request.body)));
+    if (!request.body.empty()) {
+        const std::string md5 = vel_hash::Digest(vel_hash::HashType::Md5, request.body);
+        request.headers.push_back("Content-MD5: " + str::base64::Encode(md5));
+    }
     request.sink = &text;
     request.max_answer = kMaxAnswer;
     const Response response = http_.SendRetried(request, [&text] {

@@ -16,12 +16,6 @@ constexpr int kEvenParts = 1'000, kGrowth = 100;
 constexpr int kWaitMs = 1000;
 constexpr std::size_t kPiece = 1 << 20;  // read, summed and followed by a look at the network
 
-std::string Md5(const std::string& bytes) {
-    vel_hash::Hash hash(vel_hash::HashType::Md5);
-    hash.Update(bytes);
-    return hash.Str();
-}
-
 }  // namespace
 
 uint64_t PartSize(uint64_t first, int number) {
@@ -111,7 +105,8 @@ void S3Upload::Complete() {
         md5s += part.md5;
         etags.push_back(part.etag);
     }
-    const std::string etag = str::hex::Encode(Md5(md5s)) + "-" + std::to_string(parts_.size());
+    const std::string whole = vel_hash::Digest(vel_hash::HashType::Md5, md5s);
+    const std::string etag = str::hex::Encode(whole) + "-" + std::to_string(parts_.size());
     if (!bucket_.CompleteUpload(key_, upload_id_, etags) && !IsStored(etag))
         throw vel_err::Error("storage", "refused", "S3: put '" + key_ + "': the upload is gone");
     upload_id_.clear();

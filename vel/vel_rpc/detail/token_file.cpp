@@ -27,9 +27,9 @@ namespace detail {
 TokenFile::TokenFile(std::string service, const std::string& credential)
     : service_(std::move(service)) {
     if (Folder().empty()) return;
-    vel_hash::Hash hash(vel_hash::HashType::Sha256);
-    hash.Update(service_ + " " + credential);
-    path_ = vel_file::ConcatPath(Folder(), str::hex::Encode(hash.Str()));
+    const std::string name =
+        vel_hash::Digest(vel_hash::HashType::Sha256, service_ + " " + credential);
+    path_ = vel_file::ConcatPath(Folder(), str::hex::Encode(name));
 }
 
 Tokens TokenFile::Read() const {
