@@ -1,6 +1,5 @@
 #include "sbin/backup2/edition.h"
 
-#include "vel/vel_client.h"
 #include "vel/vel_tool.h"
 
 #include "backup_common/backup2_convert.h"
@@ -10,8 +9,7 @@
 namespace backup2_admin {
 
 std::string AskHostDist() {
-    vel_client::Local panel(kPanel, "backup2");
-    const std::string dist = panel.WaitLocked(true).Query("func=backup2.settings").value("dist");
+    const std::string dist = Panel().Query("func=backup2.settings").value("dist");
     return dist.empty() ? "3" : dist;
 }
 

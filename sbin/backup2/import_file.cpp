@@ -11,7 +11,6 @@
 
 #include "vel/str.h"
 #include "vel/stream.h"
-#include "vel/vel_client.h"
 #include "vel/vel_env.h"
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
@@ -102,10 +101,9 @@ using Servers = std::map<std::string, std::string>;  // type -> name
 
 /// Those that are named, else the first of each type.
 Servers ChooseServers(const std::vector<std::string>& wanted) {
-    vel_client::Local panel(kPanel, "backup2");
     Servers chosen;
     std::vector<std::string> missing = wanted;
-    const auto answer = panel.WaitLocked(true).Query("func=backup2.server");
+    const auto answer = Panel().Query("func=backup2.server");
     for (const auto& server : answer.GetNodes("/doc/server")) {
         const std::string name = server.GetProp("name");
         const auto named = std::find(missing.begin(), missing.end(), name);
@@ -217,9 +215,7 @@ std::set<std::string> KnownDatabases(const std::string& user) {
 
 /// What could not be loaded, the panel need not know. It may not know it in the first place.
 void Forget(const std::string& marker, const std::string& user) try {
-    vel_client::Local panel(kPanel, "backup2");
-    panel.WaitLocked(true).Query("func=backup2.database.remove&elid=?&user=?", marker.substr(3),
-                                 user);
+    Panel().Query("func=backup2.database.remove&elid=?&user=?", marker.substr(3), user);
 } catch (const vel_err::Error& error) {
     if (error.type() != "missed") throw;
 }

@@ -33,12 +33,6 @@ namespace {
 constexpr int64_t kMaxParts = 1000000;
 constexpr std::string_view kOutput = ". Output: ";  // in the library's log lines
 
-vel_client::Local Panel() {
-    vel_client::Local panel(kPanel, "backup2");
-    panel.WaitLocked(true);
-    return panel;
-}
-
 std::string WithoutExtension(const std::string& name, const std::string& extension) {
     return str::EndsWith(name, extension) ? name.substr(0, name.size() - extension.size()) : name;
 }
@@ -189,6 +183,12 @@ int WorseStatus(int a, int b) {
 
 // ---- The panel ----------------------------------------------------------------------------------
 
+vel_client::Local Panel() {
+    vel_client::Local panel(kPanel, "backup2");
+    panel.WaitLocked(true);
+    return panel;
+}
+
 Site::Site(const vel_xml::XmlNode& storage)
     : owner(storage.GetProp("user")),
       local_dir(storage.GetProp("local_dir")),
@@ -329,11 +329,11 @@ std::string Backup::Identity() const {
     return str::hex::Encode(hash.Str());
 }
 
-bool Backup::Usable() const try {
+bool Backup::Damaged() const try {
     CheckRecord();
-    return !Deleted();
-} catch (const std::runtime_error&) {
     return false;
+} catch (const std::exception&) {
+    return true;
 }
 
 std::vector<Slice> Backup::Slices() const {

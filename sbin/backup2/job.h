@@ -41,6 +41,7 @@ int WorseStatus(int a, int b);
 
 // ---- The panel ----------------------------------------------------------------------------------
 
+vel_client::Local Panel();  ///< waits while it is locked
 /// A storage and the local tree that belongs to it.
 struct Site {
     Site() = default;
@@ -94,7 +95,8 @@ struct Backup {
     std::string Kind() const { return Get("type"); }
     /// False when it records another number of its user; "" is anybody's.
     bool MadeFor(const std::string& uid) const;
-    bool Usable() const;  ///< neither marked as deleted nor damaged
+    bool Damaged() const;  ///< CheckRecord throws
+    bool Usable() const { return !Deleted() && !Damaged(); }
     bool Deleted() const { return info.count("deleted") != 0; }
     bool Pinned() const { return info.count("pinned") != 0; }
     /// Name of the archive as the archiver knows it: no ".aes", no ".partK".

@@ -27,17 +27,8 @@ struct Options {
     bool own = false, json = false;
 };
 
-bool Damaged(const Backup& backup) {
-    try {
-        backup.CheckRecord();
-        return false;
-    } catch (const std::exception&) {
-        return true;
-    }
-}
-
 std::string KindWord(const Backup& backup) {
-    if (Damaged(backup)) return "damaged";
+    if (backup.Damaged()) return "damaged";
     return backup.Kind() + (backup.Deleted() ? " (deleted)" : "") +
            (backup.Pinned() ? " (pinned)" : "");
 }
@@ -54,7 +45,7 @@ nlohmann::json Json(const Backup& backup, const std::string& storage,
             {"encrypted", !backup.Get("key_hash").empty()},
             {"deleted", backup.Deleted()},
             {"pinned", backup.Pinned()},
-            {"damaged", Damaged(backup)},
+            {"damaged", backup.Damaged()},
             {"storage", storage},
             {"verified", last.when},
             {"verified_good", last.good},

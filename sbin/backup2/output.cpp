@@ -6,15 +6,6 @@
 #include "vel/str.h"
 
 namespace backup2_admin {
-namespace {
-
-std::string ControlBytes() {
-    std::string bytes(1, '\x7f');
-    for (char c = 1; c < ' '; ++c) bytes += c;
-    return bytes;
-}
-
-}  // namespace
 
 std::string HumanSize(uint64_t bytes) {
     static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
@@ -47,8 +38,7 @@ std::string HumanTime(double seconds) {
 }
 
 std::string Printable(const std::string& name) {
-    static const std::string kBad = ControlBytes();
-    return str::badchars::Escape(name, kBad, '\\');
+    return str::badchars::Escape(name, str::badchars::Controls(), '\\');
 }
 
 std::string Table::Str() const {

@@ -34,8 +34,7 @@ bool HasJob(const std::string& user) try {
 }
 
 vel_client::Result AskForm(const std::string& user) try {
-    vel_client::Local panel(kPanel, "backup2");
-    return panel.WaitLocked(true).Query("func=user.edit&elid=?", user);
+    return Panel().Query("func=user.edit&elid=?", user);
 } catch (const vel_err::Error& error) {
     if (error.type() != "missed") throw;
     return {};
@@ -47,8 +46,7 @@ bool IsNumber(const std::string& text) {
 
 /// The user's number in the panel's list, "" when he is not in it.
 std::string NumberInList(const std::string& user) {
-    vel_client::Local panel(kPanel, "backup2");
-    const auto list = panel.WaitLocked(true).Query("func=user");
+    const auto list = Panel().Query("func=user");
     for (const auto& name : list.GetNodes("/doc/elem/name"))
         if (name.Str() == user)
             for (auto node = name.Parent().FirstChild(); node; node = node.Next())

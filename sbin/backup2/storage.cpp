@@ -50,12 +50,6 @@ std::string Whose(const std::string& user) {
     return user.empty() ? "the storage" : "the storage of " + user;
 }
 
-vel_client::Local Panel() {
-    vel_client::Local panel(kPanel, "backup2");
-    panel.WaitLocked(true);
-    return panel;
-}
-
 /// Lines of a tool's report about host keys, which an administrator compares with the server's own.
 void ShowHostKeys(const std::string& report) {
     std::vector<std::string> lines;
