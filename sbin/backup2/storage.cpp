@@ -61,7 +61,12 @@ void ShowHostKeys(const std::string& report) {
 
 // ---- Try ----------------------------------------------------------------------------------------
 
-int Check(const std::string& user, bool accept_host_key) {
+/// What is there now is accepted although it was something else before.
+struct Accept {
+    bool host_key = false, disk = false;
+};
+
+int Check(const std::string& user, const Accept& accept) {
     if (user.empty()) {
         UseStorage(AskSite().token);
     } else {
@@ -70,7 +75,8 @@ int Check(const std::string& user, bool accept_host_key) {
         vel_env::SetEnv("BACKUP_STORAGE", user);
     }
     std::vector<std::string> argv = {"backup2_cp", "--check"};
-    if (accept_host_key) argv.emplace_back("--accept-host-key");
+    if (accept.host_key) argv.emplace_back("--accept-host-key");
+    if (accept.disk) argv.emplace_back("--accept-disk");
     const Done done = RunTool(std::move(argv));
     done.ThrowIfFailed(Whose(user));
     std::cout << Whose(user) << " can be written, listed and read\n";
@@ -118,9 +124,8 @@ int Add(NewStorage& added) {
     }
     if (!site.owner.empty()) CheckApart(site.owner, site.token);
     UseStorage(site.token);
-    std::vector<std::string> argv = {"backup2_cp", "--check"};
-    if (added.no_check) argv.emplace_back("--dry-run");
-    const Done done = RunTool(std::move(argv));
+    const Done done =
+        RunTool({"backup2_cp", "--check", added.no_check ? "--dry-run" : "--accept-disk"});
     done.ThrowIfFailed(Whose(site.owner) + " was not set up");
     Keep(site, added.replace);
     std::cout << Whose(site.owner) << " is set up: " << Printable(Describe(site.token))
@@ -261,10 +266,15 @@ void AddStorage(CLI::App& app, Action& chosen) {
     command->require_subcommand(1);
     command->footer(kExamples);
     DeclareAdd(*command, chosen);
-    const auto accept = std::make_shared<bool>(false), json = std::make_shared<bool>(false);
-    DeclareForOwner(*command, chosen, "check", "Try the storage with a probe",
-                    [accept](const std::string& user) { return Check(user, *accept); })
-        ->add_flag("--accept-host-key", *accept, "The server's key may be another one than before");
+    const auto accept = std::make_shared<Accept>();
+    const auto json = std::make_shared<bool>(false);
+    auto* check =
+        DeclareForOwner(*command, chosen, "check", "Try the storage with a probe",
+                        [accept](const std::string& user) { return Check(user, *accept); });
+    check->add_flag("--accept-host-key", accept->host_key,
+                    "The server's key may be another one than before");
+    check->add_flag("--accept-disk", accept->disk,
+                    "A local storage may lie on another disk than before");
     DeclareForOwner(*command, chosen, "show", "Show the storage, without any secret",
                     [json](const std::string& user) { return Show(user, *json); })
         ->add_flag("--json", *json, "Report as JSON");

@@ -20,6 +20,7 @@
 
 #include "sbin/backup2_cp/actions.h"
 #include "sbin/backup2_cp/errors.h"
+#include "sbin/backup2_cp/storage_mount.h"
 #include "sbin/backup2_cp/token_check.h"
 #include "sbin/backup2_cp/upload.h"
 #include "sbin/backup2_cp/workspace.h"
@@ -129,9 +130,12 @@ void Check(const Target& target, const Options& options) {
     ProbeCipher(target);
     const Server server = ServerOf(target.Token());
     if (options.accept_host_key) vel_ssh::ForgetHost(server.host, server.port);
+    const StorageMount mount(target.Token());
+    if (!options.accept_disk) mount.Check();
     Probe probe;
     probe.name = probe.folder + "/" + backup2::GetName(target.Token(), "2000-01-01.probe.tgz");
     RunSteps(target, probe);
+    if (options.accept_disk) mount.Accept();
     const bool encrypted = target.Token().IsEncrypted();
     if (options.json) {
         const nlohmann::ordered_json report = {{"ok", true},

@@ -14,6 +14,7 @@
 #include "sbin/backup2_cp/errors.h"
 #include "sbin/backup2_cp/removal.h"
 #include "sbin/backup2_cp/retention.h"
+#include "sbin/backup2_cp/storage_mount.h"
 #include "sbin/backup2_cp/tree.h"
 
 namespace backup2_cp {
@@ -171,10 +172,11 @@ private:
         return *target_;
     }
 
-    /// A storage that holds nothing at all is taken for one that is not mounted: what would be
-    /// removed from it now would stay there, and nobody would know.
+    /// What would be removed from a storage that is not mounted would stay there, and nobody would
+    /// know. One that holds nothing at all is taken for such a one, too.
     void Open() {
         target_ = Target::FromEnvironment(options_.user);
+        StorageMount(target_->Token()).Check();
         std::list<std::string> names;
         target_->Retry("listing " + target_->Describe(), [&] {
             names.clear();

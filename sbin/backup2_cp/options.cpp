@@ -38,6 +38,7 @@ const std::string kFooter =
 struct Words {
     bool put = false, get = false, check = false, isolated = false, no_delete = false;
     bool force = false, json = false, server = false, dry_run = false, accept_host_key = false;
+    bool accept_disk = false;
     bool sweep = false;
     std::string info_file, slice, last_slice, delete_info, list, first, second;
     std::string pin, unpin, clean_up, path, date, user, size_limit, count_limit;
@@ -81,6 +82,8 @@ void Declare(CLI::App& app, Words& words) {
     app.add_flag("--check", words.check, "Write, list, read back and delete a probe");
     app.add_flag("--accept-host-key", words.accept_host_key,
                  "With --check: take the host key that the server has now");
+    app.add_flag("--accept-disk", words.accept_disk,
+                 "With --check: a local storage may lie on another disk than before");
     app.add_option("--info-file", words.info_file, "Info file of the backup")->type_name("INFO");
     app.add_option("--slice", words.slice, "A slice of it")->type_name("FILE");
     app.add_option("--last-slice", words.last_slice, "Its last slice")->type_name("FILE");
@@ -239,12 +242,14 @@ Options Read(const CLI::App& app, const Words& words) {
     } else {
         std::vector<std::string> allowed = {"list", "check", "json", "sweep"};
         if (words.sweep) allowed.emplace_back("older-than");
-        if (words.check) allowed.insert(allowed.end(), {"accept-host-key", "dry-run"});
+        if (words.check)
+            allowed.insert(allowed.end(), {"accept-host-key", "accept-disk", "dry-run"});
         CheckStrangers(app, allowed);
         out.action = words.sweep ? Action::kSweep : list ? Action::kList : Action::kCheck;
         out.name = words.list;
         out.dry_run = words.dry_run;
         out.accept_host_key = words.accept_host_key;
+        out.accept_disk = words.accept_disk;
         if (app.count("--older-than") > 0) out.hours = ReadHours(words.older_than);
     }
     return out;

@@ -40,6 +40,7 @@ struct Options {
     bool json = false;
     int hours = 24;                ///< no upload of one slice takes a day
     bool accept_host_key = false;  ///< the server's key may be another one than before
+    bool accept_disk = false;      ///< a local storage may lie on another mount point
 
     /// One of the many calls of a backup or a restore.
     bool IsTransfer() const {

@@ -16,6 +16,7 @@
 
 #include "backup_common/backup2_misc.h"
 
+#include "sbin/backup2_cp/storage_mount.h"
 #include "sbin/backup2_cp/tree.h"
 
 namespace backup2_cp {
@@ -181,6 +182,7 @@ bool IsInUse(const Place& place) {
 }
 
 void RemoveStored(const Target& target, const Place& place) {
+    StorageMount(target.Token()).Check();
     target.Retry("deleting " + place.name.Folder() + " from " + target.Describe(),
                  [&] { RemoveStoredOnce(target, place.name); });
 }

@@ -14,6 +14,7 @@
 #include "backup_common/backup2_misc.h"
 
 #include "sbin/backup2_cp/errors.h"
+#include "sbin/backup2_cp/storage_mount.h"
 #include "sbin/backup2_cp/workspace.h"
 
 namespace backup2_cp {
@@ -109,6 +110,7 @@ SliceSums PutOnce(const Target& target, const std::string& local, const std::str
     }
     Summing summing(local);
     const auto storage = target.Open();
+    StorageMount(target.Token()).CheckAndRemember();
     storage->MkDir(vel_file::SplitPath(stored).dir);
     MakePlace(target, stored);
     SumStream sent;

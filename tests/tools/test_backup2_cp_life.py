@@ -5,6 +5,7 @@ import contextlib
 import fcntl
 import json
 import os
+import subprocess
 import time
 import unittest
 
@@ -175,6 +176,32 @@ class Life(unittest.TestCase):
         self.assertIn("2 backups could not be removed", out)
         self.assertEqual((self.left("bob"), self.marked()), (WEEK, [SUNDAY] * 3))
         self.assertEqual((self.left("alice"), self.left("carl")), ([SUNDAY, WEEK[3]],) * 2)
+
+    def test_a_disk_that_is_not_mounted_is_not_the_storage(self):
+        disk = self.root / "disk"
+        (disk / "store/lost+found").mkdir(parents=True)
+        self.store = disk / "store"
+        mount = lambda *words: subprocess.run(words, capture_output=True, check=False).returncode
+        if mount("mount", "-t", "tmpfs", "tmpfs", disk) != 0:
+            self.skipTest("no mounts here")
+        self.addCleanup(mount, "umount", disk)
+        infos = self.week()
+        listing = self.root / "2024-02-04.bob.tgz"
+        listing.write_text("listing")
+        self.cp("--put", "--no-delete", listing)
+        copy = t.shutil.copytree(self.store, self.root / "copy")
+        mount("umount", disk)
+        (self.tree / ".cleanup").write_text(f"{t.local_token(self.store)}\t{WEEK[1]}.bob\n")
+        limit, clean_up = ("--server", "--path", self.tree, "--count-limit", "1"), ("--cleanup", self.tree)
+        for words in (limit, clean_up, ("--delete", infos[2]), ("--put", listing), ("--check",)):
+            self.assertIn("no disk is mounted", self.cp(*words, code=1) + self.said, words)
+        self.assertTrue(all(info.exists() for info in infos) and listing.exists())
+        # It stays away, and what it held lies here by now.
+        self.cp("--check", "--accept-disk")
+        t.shutil.copytree(copy, self.store, dirs_exist_ok=True)
+        for words in (clean_up, limit):
+            self.cp(*words)
+        self.assertEqual(self.left(), [SUNDAY, WEEK[3]])
 
     def test_a_backup_pinned_while_it_is_about_to_go_stays(self):
         infos = self.week()
