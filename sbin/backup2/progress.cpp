@@ -23,6 +23,7 @@ namespace backup2_admin {
 namespace {
 
 const char kVariable[] = "BACKUP2_PROGRESS";
+const char kCopyTool[] = "backup2_cp", kUpload[] = "upload";
 constexpr auto kRedraw = std::chrono::milliseconds(200);
 constexpr std::size_t kBarWidth = 20;
 
@@ -94,6 +95,8 @@ void ProgressView::Measure(const std::string& root, const std::list<std::string>
     });
 }
 
+void ProgressView::ShowUploads(uint64_t bytes) { uploads_ = std::max<uint64_t>(1, bytes); }
+
 double ProgressView::Seconds() const { return Now() - start_; }
 
 ProgressView::Line ProgressView::Finish(const std::string& tool) {
@@ -130,15 +133,33 @@ void ProgressView::ReadReports() {
         const auto report = nlohmann::json::parse(half_line_.substr(0, end), nullptr, false);
         half_line_.erase(0, end + 1);
         if (!report.is_object()) continue;  // a child that was killed in the middle of a line
-        latest_[report.value("tool", "")] = {Count(report, "bytes"), Count(report, "of_bytes"),
-                                             Count(report, "files"), Count(report, "of_files")};
+        const Line line = {Count(report, "bytes"), Count(report, "of_bytes"),
+                           Count(report, "files"), Count(report, "of_files")};
+        if (report.value("step", "") == kUpload) TakeUpload(line);
+        latest_[report.value("tool", "")] = line;
     }
 }
 
+/// Each call of the copy tool counts from 0 to its file's size; one that failed stays below it.
+void ProgressView::TakeUpload(const Line& line) {
+    const Line& before = latest_[kCopyTool];
+    if (line.bytes < before.bytes && before.bytes == before.of_bytes) uploaded_ += before.bytes;
+}
+
+std::optional<ProgressView::Line> ProgressView::Seen() const {
+    const auto found = latest_.find(uploads_ > 0 ? kCopyTool : "qortar");
+    if (found == latest_.end()) return std::nullopt;
+    if (uploads_ == 0) return found->second;
+    Line sum;
+    sum.of_bytes = uploads_;
+    sum.bytes = std::min(uploaded_ + found->second.bytes, sum.of_bytes);  // less small files beside
+    return sum;
+}
+
 std::string ProgressView::Bar() const {
-    const auto archiver = latest_.find("qortar");
-    if (archiver == latest_.end()) return title_ + "  starting  " + HumanTime(Seconds());
-    const Line& line = archiver->second;
+    const auto seen = Seen();
+    if (!seen) return title_ + "  starting  " + HumanTime(Seconds());
+    const Line& line = *seen;
     const uint64_t total = line.of_bytes > 0 ? line.of_bytes : measured_.load();
     const double seconds = Seconds();
     std::string text = title_ + "  ";

@@ -33,6 +33,9 @@ public:
     /// "measure". Does nothing when nobody looks.
     void Measure(const std::string& root, const std::list<std::string>& folders);
 
+    /// Shows what the copy tool uploads, of `bytes` in all, in place of what the archiver does.
+    void ShowUploads(uint64_t bytes);
+
     double Seconds() const;  ///< since it was made
     /// Ends the drawing, takes the bar off the screen; the last report of the program `tool`.
     Line Finish(const std::string& tool);
@@ -40,6 +43,8 @@ public:
 private:
     void Draw();
     void ReadReports();
+    void TakeUpload(const Line& line);
+    std::optional<Line> Seen() const;
     std::string Bar() const;
     void Stop();
 
@@ -49,6 +54,8 @@ private:
     int64_t read_to_ = 0;
     std::string half_line_;
     std::map<std::string, Line> latest_;
+    std::atomic<uint64_t> uploads_{0};  // bytes of all, 0: they are not shown
+    uint64_t uploaded_ = 0;             // by the calls before the latest
     double start_;
     std::atomic<bool> stop_{false};
     std::atomic<uint64_t> measured_{0};

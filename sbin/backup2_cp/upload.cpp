@@ -2,6 +2,7 @@
 
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <future>
 #include <optional>
 #include <stdexcept>
@@ -98,10 +99,28 @@ void MakePlace(const Target& target, const std::string& stored) {
     }
 }
 
+/// What an attempt reports: it has sent all only when that is proved.
+class UploadProgress {
+public:
+    explicit UploadProgress(uint64_t size) : left_(size) { progress_.Total(size, 1); }
+    /// The encrypted form is longer than the file.
+    void Sent(uint64_t size) {
+        const uint64_t told = std::min(size, left_ > 0 ? left_ - 1 : 0);
+        left_ -= told;
+        progress_.Add(told, 0);
+    }
+    void Done() { progress_.Add(left_, 1); }
+
+private:
+    vel_tool::Progress progress_{"upload"};
+    uint64_t left_;
+};
+
 /// One attempt at one upload.
 SliceSums PutOnce(const Target& target, const std::string& local, const std::string& stored,
                   bool keep) {
     const vel_file::Info before = RegularFile(local);
+    UploadProgress progress(before.Size());
     std::optional<Workspace> work;
     std::string source = local;
     if (NeedsCopy(target, local, stored, keep)) {
@@ -114,8 +133,9 @@ SliceSums PutOnce(const Target& target, const std::string& local, const std::str
     storage->MkDir(vel_file::SplitPath(stored).dir);
     MakePlace(target, stored);
     SumStream sent;
-    storage->WatchPut([&sent](const char* data, std::size_t size) {
+    storage->WatchPut([&](const char* data, std::size_t size) {
         sent.write(data, static_cast<std::streamsize>(size));
+        progress.Sent(size);
     });
     if (!storage->Put(stored, source)) throw NoRoom("no room");
     SliceSums sums;
@@ -131,6 +151,7 @@ SliceSums PutOnce(const Target& target, const std::string& local, const std::str
     // Slice by slice, while the archiver makes the next one: a single sync at the end would wait
     // for the whole backup, and for whatever else was written to that disk.
     target.Sync(stored);
+    progress.Done();
     return sums;
 }
 
@@ -163,8 +184,6 @@ SliceSums Upload(const Target& target, const std::string& local, const std::stri
     if (is_stored && target.Encrypts(stored)) {
         throw std::runtime_error(local + " is the stored file itself and is not encrypted again");
     }
-    vel_tool::Progress progress("upload");
-    progress.Total(size, 1);
     SliceSums sums;
     const vel_file::Info there(target.LocalPath(stored), false);
     const auto attempt = [&] { sums = PutOnce(target, local, stored, keep); };
@@ -181,7 +200,6 @@ SliceSums Upload(const Target& target, const std::string& local, const std::stri
     } catch (const NoRoom&) {
         throw NoRoom(what + ": no room on the storage");
     }
-    progress.Add(size, 1);
     return sums;
 }
 
