@@ -27,6 +27,8 @@
 
 #include "backup_common/backup2_qortar.h"
 
+#include "sbin/backup2/storage_kinds.h"
+
 namespace backup2_admin {
 namespace {
 
@@ -124,16 +126,6 @@ bool IsSameFolder(const std::string& a, const std::string& b) {
            std::filesystem::equivalent(a, b, missing);
 }
 
-bool IsSamePlace(backup2::BackupToken a, backup2::BackupToken b) {
-    if (a.Type() != b.Type()) return false;
-    if (a.IsLocal()) return IsSameFolder(a.GetParam("path"), b.GetParam("path"));
-    for (auto* token : {&a, &b}) {
-        token->DropParam("arch_password");
-        token->SetParam("path", vel_file::GoodPath(token->GetParam("path")));
-    }
-    return a.Str() == b.Str();
-}
-
 }  // namespace
 
 // ---- Words of the administrator -----------------------------------------------------------------
@@ -222,8 +214,18 @@ std::vector<Site> AskSites(bool own, const std::string& user) {
     return sites;
 }
 
+bool MayBeSamePlace(const backup2::BackupToken& a, const backup2::BackupToken& b) {
+    if (a.Type() != b.Type()) return false;
+    if (a.IsLocal()) return IsSameFolder(a.GetParam("path"), b.GetParam("path"));
+    return PlaceOf(a) == PlaceOf(b);
+}
+
 void CheckApart(const std::string& user, const backup2::BackupToken& own) {
-    if (IsSamePlace(own, AskSite().token))
+    const backup2::BackupToken admin = AskSite().token;
+    const std::string type = own.Type();
+    const bool account = type == "googledrive" || type == "yandex" || type == "dropbox";
+    if (MayBeSamePlace(own, admin) &&
+        (!account || own.GetParam("token") == admin.GetParam("token")))
         throw std::runtime_error("the storage of " + user +
                                  " is the administrator's; it must have a place of its own");
 }

@@ -59,6 +59,9 @@ std::vector<Site> AskSites(bool own, const std::string& user);
 /// Throws when the storage `own` of a user is the administrator's: both would keep the same files,
 /// and what limits, copies and deletions do to the one would be done to the other.
 void CheckApart(const std::string& user, const backup2::BackupToken& own);
+/// True when both tokens lead to one place, as far as can be told: accounts of one provider may be
+/// different ones.
+bool MayBeSamePlace(const backup2::BackupToken& a, const backup2::BackupToken& b);
 /// The panel's answer about the user's job ("backup2.item.info").
 vel_client::Result AskJob(const std::string& user);
 /// The elements of users' own storages: of all, or of one (perhaps none).

@@ -11,9 +11,8 @@
 #include "vel/vel_file.h"
 #include "vel/vel_log.h"
 
-#include "backup_common/backup2_qortar.h"
-
 #include "sbin/backup2/limits.h"
+#include "sbin/backup2/progress.h"
 
 namespace backup2_admin {
 namespace {
@@ -56,6 +55,12 @@ bool IsArchiveOf(const std::string& name, const Backup& backup) {
 
 std::string RealPath(const std::string& path) {
     return std::filesystem::weakly_canonical(path).string();
+}
+
+uint64_t SizeOf(const Backup& backup) {
+    uint64_t size = 0;
+    for (const Slice& slice : backup.Slices()) size += slice.plain;
+    return size;
 }
 
 std::string FolderOf(const Backup& backup) {
@@ -117,6 +122,8 @@ bool PrivateCopy::Copy(const std::string& date) {
     for (const Backup& backup : missing) CheckPassword(backup, admin_.token);
     CheckBeforeReplacing(missing);
     for (const Backup& backup : missing) CopyOne(backup);
+    // A call that died behind the copy did not come to that.
+    if (missing.empty()) RemoveReplaced(GetBackup(own_.local_dir, own_.owner, date));
     if (!missing.empty()) ApplyLimits(date);
     return !missing.empty();
 }
@@ -199,7 +206,8 @@ std::vector<Backup> PrivateCopy::Missing(const std::string& date) const {
 /// again, and be taken back when that fails.
 bool PrivateCopy::IsComplete(const Backup& backup) const {
     const std::string path = backup2::GetInfoFile(own_.local_dir, backup.user, backup.date);
-    if (!vel_file::Exists(path)) return false;
+    // What the journal still names would be removed one day.
+    if (!vel_file::Exists(path) || !LinesAbout(backup.date).empty()) return false;
     const auto stored = StoredNames(own_.token, FolderOf(backup));
     try {
         const Backup copy = ReadBackup(path);
@@ -224,6 +232,9 @@ void PrivateCopy::CopyOne(Backup backup) {
     }
     vel_file::MkDir(own_.local_dir, vel_file::Attrs(0700));
     const backup2::Lock own_in_use(own_.local_dir);
+    TakeOverLines(backup.date);
+    ProgressView progress("copy of " + backup.Title(), alone_.Dir());
+    progress.ShowUploads(SizeOf(backup));
     const FailureWatch watch;
     try {
         backup2::CopyToPrivate(settings_, backup.date, storage_);
@@ -231,6 +242,28 @@ void PrivateCopy::CopyOne(Backup backup) {
         throw std::runtime_error(error.what() + watch.Reason());
     }
     RemoveReplaced(GetBackup(own_.local_dir, backup.user, backup.date));
+}
+
+/// What an earlier copy left in the same place with another token (a password was changed, say) and
+/// could not be removed is this copy's from now on: its line would one day take the finished one.
+void PrivateCopy::TakeOverLines(const std::string& date) const {
+    for (const auto& item : LinesAbout(date)) {
+        if (item.token == storage_.Str()) continue;
+        // The same line as the copy itself writes, and takes out with its own.
+        const backup2::Cleanup line(own_.local_dir, storage_.Str(), item.name, date, false);
+        backup2::DropCleanup(own_.local_dir, item.line);
+    }
+}
+
+/// What the journal says about copies of this date in the place where the storage is now.
+std::vector<backup2::PendingCleanup> PrivateCopy::LinesAbout(const std::string& date) const {
+    std::vector<backup2::PendingCleanup> lines;
+    for (const auto& item : backup2::ReadCleanups(own_.local_dir)) {
+        const bool same = item.name == own_.owner && item.date == date;
+        if (same && MayBeSamePlace(backup2::BackupToken(item.token), own_.token))
+            lines.push_back(item);
+    }
+    return lines;
 }
 
 /// What was stored before under the same date: of the last custom backup, or by the names that it

@@ -7,6 +7,8 @@
 
 #include "vel/vel_xml.h"
 
+#include "backup_common/backup2_qortar.h"
+
 #include "sbin/backup2/job.h"
 
 namespace backup2_admin {
@@ -53,6 +55,8 @@ private:
     void CheckBeforeReplacing(const std::vector<Backup>& missing) const;
     bool IsComplete(const Backup& backup) const;
     void CopyOne(Backup backup);
+    void TakeOverLines(const std::string& date) const;
+    std::vector<backup2::PendingCleanup> LinesAbout(const std::string& date) const;
     void RemoveReplaced(const Backup& copy) const;
 
     vel_xml::Xml settings_;

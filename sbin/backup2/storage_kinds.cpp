@@ -161,6 +161,22 @@ std::string Describe(const backup2::BackupToken& token) {
     return token.Type() + " " + place + (apart ? "/" : "") + path;
 }
 
+std::string PlaceOf(const backup2::BackupToken& token) {
+    const std::string path = token.GetParam("path");
+    std::string host = token.GetParam("url") + token.GetParam("ip");
+    // Behind ssh a path from the root is the same for every login.
+    if (token.Type() == "sftp" && path.substr(0, 1) == "/") host = host.substr(host.rfind('@') + 1);
+    std::string place = token.Type() + "\n" + host;
+    for (const char* name : {"port", "username"}) place += "\n" + token.GetParam(name);
+    const Json credential = ReadCredential(token);
+    for (const char* name : {"endpoint", "bucket", "api"}) {
+        const auto member = credential.find(name);
+        const bool has = member != credential.end() && member->is_string();
+        place += "\n" + (has ? member->get<std::string>() : std::string());
+    }
+    return place + "\n" + vel_file::GoodPath(path);
+}
+
 std::vector<std::pair<std::string, std::string>> PublicValues(const backup2::BackupToken& token) {
     std::vector<std::pair<std::string, std::string>> values = {{"type", token.Type()}};
     for (const char* name : {"url", "ip", "port", "username", "key_path", "mode", "path"}) {

@@ -30,6 +30,9 @@ backup2::BackupToken MakeToken(const std::string& type, const Words& options,
 
 /// Where it is, for people: "sftp root@host:2222/srv/backup", "s3 bucket/path". No secret.
 std::string Describe(const backup2::BackupToken& token);
+/// What of the token says where it is: equal for the same place, whoever logs in, and whatever
+/// the password. Accounts of one provider cannot be told apart by it, nor names of one server.
+std::string PlaceOf(const backup2::BackupToken& token);
 /// All that is no secret: name, value.
 std::vector<std::pair<std::string, std::string>> PublicValues(const backup2::BackupToken& token);
 

@@ -17,6 +17,7 @@
 #include "sbin/backup2_cp/errors.h"
 #include "sbin/backup2_cp/private_record.h"
 #include "sbin/backup2_cp/removal.h"
+#include "sbin/backup2_cp/storage_mount.h"
 
 namespace backup2_cp {
 
@@ -26,11 +27,11 @@ const vel_log::Module logger("backup2_cp");
 constexpr int kOfAnyAge = -1;          // hours: servers round the time of a beginning up
 constexpr std::size_t kMaxNamed = 20;  // lines that an error names
 
-/// The info file of the named backup in the tree; checks that the journal's words are a name.
-Place PlaceIn(const std::string& tree, const backup2::PendingCleanup& item) {
-    const std::string bare = item.date + "." + item.name + ".info";
+/// The info file of the named backup in the tree; checks that a journal's words are a name.
+Place PlaceIn(const std::string& tree, const std::string& date, const std::string& backup) {
+    const std::string bare = date + "." + backup + ".info";
     const auto name = ParseName(bare);
-    if (!name || name->date != item.date || name->name != item.name) {
+    if (!name || name->date != date || name->name != backup) {
         throw std::runtime_error("the line makes no sense");
     }
     const std::string user = backup2::IsAdminData(tree) ? name->user : "";
@@ -53,41 +54,94 @@ std::set<std::string> StoredNames(const Target& target, const std::string& folde
     return {names.begin(), names.end()};
 }
 
-/// True when the files on this machine are of a whole copy on another storage: the user took that
-/// one, and this storage did not answer until now.
-bool BelongsElsewhere(const Target& target, const std::string& tree, const Place& place) {
-    if (!vel_file::Exists(place.info) || vel_file::Exists(RecordPath(tree, place.name))) {
-        return false;
-    }
+/// What there is of a backup that a line names.
+enum class Copy {
+    kHalf,       ///< what the line is about
+    kElsewhere,  ///< a whole one on another storage, which this machine knows; there: half a one
+    kWhole       ///< a whole one there, which this machine knows
+};
+
+/// Of copies that were encrypted the stored sums differ even where the bytes are the same.
+bool IsSameCopy(const InfoMap& a, const InfoMap& b) {
+    const auto made = [](const InfoMap& keys) {
+        InfoMap out = {{"created", Value(keys, "created")}, {"finished", Value(keys, "finished")}};
+        for (const auto& [key, value] : keys) {
+            if (str::StartsWith(key, "slice.")) out[key] = value;
+        }
+        return out;
+    };
+    return made(a) == made(b);
+}
+
+Copy StateOf(const Target& target, const std::string& tree, const Place& place) {
+    const bool unfinished = vel_file::Exists(RecordPath(tree, place.name));
+    if (unfinished || !vel_file::Exists(place.info)) return Copy::kHalf;
     const std::string folder = place.name.Folder(), bare = vel_file::Name(place.info);
-    if (StoredNames(target, folder).count(bare) == 0) return true;
+    if (StoredNames(target, folder).count(bare) == 0) return Copy::kElsewhere;
     std::ostringstream stored;
     target.ReadStored(vel_file::ConcatPath(folder, bare), stored);
-    return stored.str() != vel_file::Read(place.info);
+    InfoMap keys;
+    str::Split(stored.str(), "\n", keys);
+    return IsSameCopy(keys, backup2::GetInfo(place.info)) ? Copy::kWhole : Copy::kElsewhere;
+}
+
+/// The line's copy is not the one that is there, which was made with another password.
+bool IsLater(const Target& target, const Place& place) {
+    return Value(backup2::GetInfo(place.info), "key_hash") != target.Token().Hash();
 }
 
 void RemoveCopy(const Target& target, const std::string& tree, const Place& place) {
+    const Copy state = StateOf(target, tree, place);
+    if (state == Copy::kElsewhere) {
+        RemoveStored(target, place);
+    } else if (state == Copy::kHalf || !IsLater(target, place)) {
+        MakeRecord(tree, place.name);  // a call that is killed here can be repeated
+        RemoveBackup(target, place, true);
+    }
+    DropRecord(tree, place.name);
+}
+
+void AddNames(std::set<std::string>& names, const std::string& dir) {
+    if (!vel_file::Info(dir).IsDir()) return;
+    for (vel_file::Dir entry(dir, 2); entry.Next();) names.insert(entry.Name());
+}
+
+/// Backups of the user's roles came with his copy. Those that are whole are backups of their own.
+void RemoveHalfRoles(const Target& target, const std::string& tree, const Place& place) {
+    std::set<std::string> files = StoredNames(target, place.name.Folder()), roles;
+    AddNames(files, place.folder);
+    AddNames(files, vel_file::SplitPath(RecordPath(tree, place.name)).dir);
+    for (const auto& bare : files) {
+        const auto name = ParseName(bare);
+        const bool role = name && name->user == place.name.name && name->name != name->user;
+        if (role && name->date == place.name.date) roles.insert(name->name);
+    }
+    for (const auto& role : roles) {
+        const Place half = PlaceIn(tree, place.name.date, role);
+        if (StateOf(target, tree, half) != Copy::kWhole) RemoveCopy(target, tree, half);
+    }
+}
+
+/// Also on a server a disk may be missing.
+void CheckIsThere(const Target& target, const std::string& tree, const Place& place) {
+    StorageMount(target.Token()).Check();
     const bool arrived = vel_file::Exists(RecordPath(tree, place.name));
     if (arrived && StoredNames(target, "").empty()) {
         throw std::runtime_error(target.Describe() + " holds nothing: is it mounted?");
     }
-    if (BelongsElsewhere(target, tree, place)) {
-        RemoveStored(target, place);
-    } else {
-        RemoveBackup(target, place, true);
-    }
 }
 
 void Undo(const std::string& tree, const backup2::PendingCleanup& item) {
-    const Place place = PlaceIn(tree, item);
+    const Place place = PlaceIn(tree, item.date, item.name);
     const Target target{backup2::BackupToken(item.token)};
     try {
+        CheckIsThere(target, tree, place);
+        RemoveHalfRoles(target, tree, place);
         RemoveCopy(target, tree, place);
         SweepUploads(target, place.name);
     } catch (const std::exception& e) {
         throw std::runtime_error(target.Redacted(e));
     }
-    DropRecord(tree, place.name);
     backup2::DropCleanup(tree, item.line);
     std::cout << "cleaned up " << Shown(place.name) << std::endl;
 }

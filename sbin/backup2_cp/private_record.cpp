@@ -50,12 +50,16 @@ std::string RecordPath(const std::string& tree, const BackupName& backup) {
     return vel_file::ConcatPath(tree, kFolder, backup.date + "." + backup.name + ".info");
 }
 
-void RecordCopied(const std::string& tree, const BackupName& slice, const SliceSums& sums) {
-    const std::string path = RecordPath(tree, slice);
+void MakeRecord(const std::string& tree, const BackupName& backup) {
+    const std::string path = RecordPath(tree, backup);
     vel_file::MkDir(tree, vel_file::Attrs(0700));
     vel_file::MkDir(vel_file::SplitPath(path).dir, vel_file::Attrs(0700));
     if (!vel_file::Exists(path)) vel_file::Write(path, "");
-    InfoRecord record(path);
+}
+
+void RecordCopied(const std::string& tree, const BackupName& slice, const SliceSums& sums) {
+    MakeRecord(tree, slice);
+    InfoRecord record(RecordPath(tree, slice));
     record.Keys()[kSlice + str::Str(uint64_t{slice.Slice()})] = sums.Str();
     record.Save();
 }

@@ -16,7 +16,9 @@ namespace backup2_cp {
 std::string PrivateTree(const std::string& user);
 std::string RecordPath(const std::string& tree, const BackupName& backup);
 
-/// Records a slice that was uploaded and proved; makes the record (0600, its folder 0700).
+/// Makes the record (0600, its folder 0700) when it is missing: there is half a copy from now on.
+void MakeRecord(const std::string& tree, const BackupName& backup);
+/// Records a slice that was uploaded and proved; makes the record.
 void RecordCopied(const std::string& tree, const BackupName& slice, const SliceSums& sums);
 
 /// Rewrites the info file of a copy: each slice.K as it lies on `target`, the index by its name

@@ -287,6 +287,17 @@ class PrivateCopies(unittest.TestCase):
         for words in ([], [USER, "--all"], [USER, "--date", "2024-02-30"]):
             self.backup2("copy", *words, expect=2)
 
+    def test_a_line_of_an_old_token_never_takes_a_later_copy(self):
+        states = {date: self.make(date) for date in (FIRST, SECOND)}
+        # The tool refuses such a path, as a server would a login that ended: the lines stay.
+        old, journal = local_token(self.own.name, OWN_PASSWORD), self.tree / ".cleanup"
+        journal.write_text("".join(f"{old}\t{date}.{USER}\n" for date in states))
+        self.assertIn("a broken copy stays", self.backup2("copy", USER, expect=3))
+        self.assertEqual(journal.read_text(), "")
+        for date, state in states.items():
+            self.assert_restores(date, state, "--private")
+        self.assert_tidy()
+
     def test_a_copy_that_is_being_made_is_left_alone(self):
         self.panel.command(["storage", "remove", "--user", USER])
         state = self.make(FIRST, 300_000)

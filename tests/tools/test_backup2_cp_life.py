@@ -279,9 +279,12 @@ class Life(unittest.TestCase):
         self.cp("--cleanup", self.tree)  # nothing there
         infos = [self.backup(date) for date in WEEK]
         role = self.backup(SUNDAY, name="bob#mail")
+        half = [self.store / f"bob/{SUNDAY}/F{SUNDAY}.bob#web.tgz.part2",
+                self.tree / f".copying/{SUNDAY}.bob#ftp.info", self.tree / f"{SUNDAY}/{SUNDAY}.bob#web.tgz"]
         record = self.tree / f".copying/{SUNDAY}.bob.info"
         record.parent.mkdir()
-        record.write_text("")
+        for path in [record, *half]:
+            path.write_text("")
         token = t.local_token(self.store)
         lines = [f"{token}\t{SUNDAY}.bob", f"{token}\t{WEEK[1]}.bob#", "no sense CANARY",
                  f"{token}\t../x.bob", f"type=local;path=x;key=CANARY\t{WEEK[2]}.bob", f"{token}\t{SUNDAY}.bob"]
@@ -294,6 +297,7 @@ class Life(unittest.TestCase):
         out = self.cp("--cleanup", self.tree, code=1)
         self.assertEqual(self.left(), WEEK[2:])
         self.assertEqual((role.exists(), record.parent.exists()), (True, False))
+        self.assertEqual([path for path in half if path.exists()], [])
         self.assertEqual(journal.read_text().splitlines(), lines[2:5])
         for said in ("line 3", "line 4", "line 5"):
             self.assertIn(said, out)
@@ -314,6 +318,13 @@ class Life(unittest.TestCase):
         self.cp("--cleanup", self.tree)
         self.assertEqual((self.left(), journal.read_text()), (["2024-01-21", SUNDAY], ""))
         self.assertEqual([p.name for p in (old / "bob").iterdir()], ["2024-01-21"])
+        # The copy that is there was made with another password than the line's.
+        present = t.local_token(self.store) + f"\t{SUNDAY}.bob\n"
+        for path in (self.tree / f"{SUNDAY}/{SUNDAY}.bob.info", self.store / f"bob/{SUNDAY}/{SUNDAY}.bob.info"):
+            path.write_text("key_hash=of another\n" + path.read_text())
+        journal.write_text(present)
+        self.cp("--cleanup", self.tree)
+        self.assertEqual((self.left(), journal.read_text()), (["2024-01-21", SUNDAY], ""))
         # Something arrived on a storage that holds nothing now.
         (self.tree / ".copying").mkdir()
         (self.tree / f".copying/{SUNDAY}.bob.info").write_text("slice.1=")
