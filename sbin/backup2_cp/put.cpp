@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <stdexcept>
 
 #include "vel/str.h"
@@ -49,7 +50,9 @@ InfoMap Completed(const Target& target, const Options& options, const std::strin
     InfoMap keys = backup2::GetInfo(options.info_file);
     CheckInfo(keys, InfoNameOf(options.info_file));
     CheckComplete(keys);
-    keys["finished"] = vel_date::DateTime().AsDateTime();
+    // The clock may have been put back meanwhile, as it is once a year in the night to Sunday: what
+    // ends before it begins is taken for somebody else's, and no increment builds on it.
+    keys["finished"] = std::max(vel_date::DateTime().AsDateTime(), Value(keys, "created"));
     keys["index"] = index;
     if (target.Token().IsEncrypted()) keys["key_hash"] = target.Token().Hash();
     return keys;

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <list>
 #include <map>
+#include <tuple>
 
 #include "vel/str.h"
 #include "vel/test.h"
@@ -120,12 +121,13 @@ std::optional<Archive> ReadArchive(const std::string& info_path, const std::stri
     archive.name = ArchiveName(Value(info, "type"), archive.date, user, last->archive);
     archive.encrypted = last->encrypted;
     archive.created = Value(info, "created");
+    archive.finished = Value(info, "finished");
     archive.key_hash = Value(info, "key_hash");
     // Users without an account on this machine have no uid in their backups.
     const std::string recorded_uid = Value(info, "uid");
     const bool his = vel_file::Name(info_path) == archive.date + "." + user + ".info" &&
                      Value(info, "user") == user && (recorded_uid.empty() || recorded_uid == uid);
-    const bool finished = !Value(info, "finished").empty() && !archive.created.empty();
+    const bool finished = !archive.finished.empty() && !archive.created.empty();
     if (!his || !finished || archive.name.empty() || archive.name != last->archive ||
         !ReadSlices(info, *last, archive))
         return std::nullopt;
@@ -164,6 +166,10 @@ std::optional<Newest> ReadComplete(const std::string& info_path, const std::stri
     return std::nullopt;
 }
 
+bool IsNewer(const Archive& a, const Archive& b) {
+    return std::tie(a.created, a.finished, a.date) > std::tie(b.created, b.finished, b.date);
+}
+
 }  // namespace
 
 uint64_t Archive::Size() const {
@@ -178,8 +184,7 @@ Newest FindNewest(const std::string& local_dir, const std::string& user, const s
     std::optional<Newest> newest;
     for (const std::string& path : paths) {
         auto found = ReadComplete(path, local_dir, user, uid);
-        if (found && (!newest || found->own.created > newest->own.created))
-            newest = std::move(found);
+        if (found && (!newest || IsNewer(found->own, newest->own))) newest = std::move(found);
     }
     if (!newest) throw Refusal(404, "missed");
     return std::move(*newest);

@@ -19,7 +19,7 @@ struct Archive {
     std::string name;  ///< "F2024-01-31.bob.tgz"
     std::string date;  ///< or "custom"
     std::string base;  ///< of an increment the name of its full backup's archive, else ""
-    std::string created, key_hash, info_path;
+    std::string created, finished, key_hash, info_path;
     bool encrypted = false;
     std::vector<Slice> slices;  ///< all of them, in order
 
@@ -31,7 +31,7 @@ struct Newest {
     std::optional<Archive> base;  ///< when `own` is an increment
 };
 
-/// The newest backup that is complete: finished, not marked as deleted, made for this user and this
+/// The newest backup (of those of one second the one of the later day) that is complete: finished, not marked as deleted, made for this user and this
 /// uid, each of its slices recorded with size and sum, and the same of its base (which may be
 /// marked as deleted: it stays as long as an increment needs it). Names are made from `user` and
 /// the dates; an info file that says other ones counts as incomplete.
