@@ -4,6 +4,7 @@ import contextlib
 import json
 import os
 import pathlib
+import shlex
 import signal
 import subprocess
 import tempfile
@@ -43,6 +44,7 @@ class BackupRestore(unittest.TestCase):
         self.panel = stack.enter_context(Panel())
         self.panel.command(["user", "add", USER, "--root", str(self.home)])
         self.use_password(PASSWORD)
+        self.openssl = backup2_test.HeldOpenssl(self.root)
 
     def use_password(self, password):
         self.panel.command(["storage", "set", "--slice-size", "1M", f"--local-dir={self.local}"],
@@ -140,11 +142,9 @@ class BackupRestore(unittest.TestCase):
         self.assertEqual((self.restored("custom") / "data/state").read_text(), "second")
         self.assertFalse(set(old) & set(self.slices("custom")))
         (self.home / "data/state").write_text("third")
-        (self.home / "data/random").write_bytes(os.urandom(40 << 20))
+        (self.home / "data/random").write_bytes(os.urandom(8 << 20))
         for name in ("qortar", "backup2"):
-            process = backup2_test.start(["backup2", "run", USER, "--custom"])
-            self.kill_one(name, process, "custom", len(self.slices("custom")) + 2)
-            process.communicate(timeout=60)
+            self.kill_one(name, "custom", "--custom")
             self.assertEqual((self.restored("custom") / "data/state").read_text(), "second")
         (self.home / "data/random").unlink()
         self.backup2("run", USER, "--custom")
@@ -216,13 +216,10 @@ class BackupRestore(unittest.TestCase):
         self.assertEqual(json.loads(self.backup2("show", USER, TUESDAY, "--json"))["kind"], "full")
 
     def test_after_a_killed_program_the_next_run_works(self):
-        (self.home / "data/random").write_bytes(os.urandom(40 << 20))
+        (self.home / "data/random").write_bytes(os.urandom(8 << 20))
         for name in ("qortar", "backup2_cp", "backup2"):
             with self.subTest(name):
-                process = backup2_test.start(["backup2", "run", USER, "--date", MONDAY])
-                self.kill_one(name, process, MONDAY, 2)
-                process.communicate(timeout=60)
-                self.assertNotEqual(process.returncode, 0)
+                self.kill_one(name, MONDAY, "--date", MONDAY)
                 self.assert_nobody_works_on()
                 self.assertEqual(self.backup2("list"), "no backups\n")
                 next_day = TUESDAY if name == "backup2" else MONDAY
@@ -247,21 +244,28 @@ class BackupRestore(unittest.TestCase):
                     found.append(os.readlink(f"/proc/{pid}/exe"))
         return found
 
-    def kill_one(self, name, backup2_process, date, slices):
-        """Kills the program `name` of this install root once so many slices are stored."""
-        until = time.monotonic() + 60
-        while time.monotonic() < until:
-            self.assertIsNone(backup2_process.poll(), "too fast to be killed")
-            if len(self.slices(date)) < slices:
-                continue
-            if name == "backup2":
-                return backup2_process.kill()
+    def kill_one(self, name, date, *words):
+        """Kills the program `name` of a run that has just stored two slices and cannot go on with the third."""
+        stored, wanted = shlex.quote(str(self.store / USER / date)), len(self.slices(date)) + 2
+        self.openssl.hold.write_text(f"[ $(ls {stored} | grep -c '^[FIC]') -ge {wanted} ]\n")
+        process = backup2_test.start(["backup2", "run", USER, *words], PATH=self.openssl.path)
+        while len(self.slices(date)) < wanted:
+            self.assertIsNone(process.poll())
+            time.sleep(0.005)
+        os.kill(process.pid if name == "backup2" else self.pid_of(name), signal.SIGKILL)
+        process.communicate(timeout=60)
+        self.assertNotEqual(process.returncode, 0)
+        self.openssl.hold.unlink()
+
+    def pid_of(self, name):
+        """The number of a program of this install root that is at work, or is about to begin."""
+        while True:
             for pid in (int(p) for p in os.listdir("/proc") if p.isdigit()):
                 with contextlib.suppress(OSError):
                     here = os.readlink(f"/proc/{pid}/cwd") == str(self.root)
                     if here and os.path.basename(os.readlink(f"/proc/{pid}/exe")) == name:
-                        return os.kill(pid, signal.SIGKILL)
-        self.fail(f"no {name} to kill")
+                        return pid
+            time.sleep(0.005)
 
     def test_a_full_disk_while_slicing_fails_and_leaves_nothing(self):
         (self.home / "data/random").write_bytes(os.urandom(8 << 20))

@@ -8,7 +8,7 @@ import unittest
 
 import backup2_test
 from backup2_test import local_token
-from storage_case import MONDAY, USER, StorageCase
+from storage_case import MONDAY, PASSWORD, USER, StorageCase
 
 OTHER = "games"
 SHOWN = b"a & b <\xe2\x82\xac\xff>\x01"
@@ -114,17 +114,19 @@ class Reports(StorageCase):
         self.assertEqual([row["owner"] for row in json.loads(self.backup2("report", "--json"))], [OTHER])
 
     def test_a_killed_restore_leaves_a_report_that_is_not_ended(self):
-        (self.home / "data/big").write_bytes(self.dice.randbytes(60 << 20))
+        self.panel.command("storage set", local_token(self.root / "store", PASSWORD))
         self.backup2("run", USER, "--custom")
+        openssl = backup2_test.HeldOpenssl(self.root)
+        openssl.hold.touch()
         process = backup2_test.start(["backup2", "restore", USER, "custom", "--to", str(self.target), "--report", "r1"],
-                                     **self.env)
-        until = time.monotonic() + 30
-        while not self.file().exists() and time.monotonic() < until:
+                                     PATH=openssl.path, **self.env)
+        while not self.file().exists():
+            self.assertIsNone(process.poll())
             time.sleep(0.005)
         process.send_signal(signal.SIGKILL)
         process.communicate(timeout=60)
         self.assertFalse(self.report()["finalized"])
-        self.restore("--report", "r1")
+        self.backup2("restore", USER, "custom", "--to", str(self.target), "--report", "r1")
         self.assertTrue(self.report()["finalized"])
 
 

@@ -21,7 +21,7 @@ async function open(user, options = {}) {
   const context = await browser.newContext({ignoreHTTPSErrors: true, viewport: {width: 1280, height: 860}, bypassCSP: false,
     colorScheme: 'light', reducedMotion: 'reduce', acceptDownloads: true, ...options});
   const page = await context.newPage();
-  page.setDefaultTimeout(10000);
+  page.setDefaultTimeout(60000);
   await page.addInitScript(() => {
     document.addEventListener('securitypolicyviolation', (event) => console.error(`CSP: ${event.violatedDirective} ${event.blockedURI}`));
   });

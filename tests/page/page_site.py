@@ -5,7 +5,6 @@ import http.client
 import json
 import os
 import pathlib
-import shutil
 import ssl
 import subprocess
 import unittest
@@ -51,16 +50,16 @@ class Site:
             self.tell("user", "add", name, "--root", str(home), secret=PASSWORDS[name])
         self.tell("storage", "set", "--user", ANNA, secret=local_token(self.root / "own"))
         self.tell("user", "add", "chief", "--admin", "--uid", "0", secret=PASSWORDS["chief"])
+        self.openssl = backup2_test.HeldOpenssl(self.root)  # encrypts the slices
+        self.hold = self.openssl.hold
         self.add_database(self.serve(stack, "mariadb"))
-        self.hold = self.slow_openssl()
         settings = self.serve(stack, "panel")
         self.url, self.port = settings["url"], int(settings["port"])
         self.fill()
 
     def server(self, name, verb):
-        path = f"{self.root / 'bin'}:{os.environ['PATH']}"
         done = subprocess.run([SERVERS / name, verb, self.root / name], check=True, capture_output=True, text=True,
-                              env=backup2_test.environment(PATH=path))
+                              env=backup2_test.environment(PATH=self.openssl.path))
         return dict(line.split("=", 1) for line in done.stdout.splitlines() if "=" in line)
 
     def serve(self, stack, name):
@@ -74,15 +73,6 @@ class Site:
         self.tell("server", "add", "main", "--type", "mysql", "--socket", settings["socket"],
                   "--login", settings["login"], secret=settings["password"])
         self.tell("db", "add", ANNA, "main", "shop")
-
-    def slow_openssl(self):
-        """A program of this name, by which slices are encrypted, waits while the file is there."""
-        hold, program = self.root / "hold", self.root / "bin/openssl"
-        program.parent.mkdir()
-        program.write_text(f"#!/bin/sh\nfor i in $(seq 300); do [ -e {hold} ] || break; sleep 0.1; done\n"
-                           f'exec {shutil.which("openssl")} "$@"\n')
-        program.chmod(0o755)
-        return hold
 
     def tell(self, *words, secret=""):
         done = run(["backup2_panel", *words], stdin=secret)

@@ -31,7 +31,7 @@ class Page(PageCase):
                  "monday": MONDAY, "tuesday": TUESDAY, "home": str(self.site.homes[ANNA]),
                  "hold": str(self.site.hold), "mariadb": self.site.mariadb, "chromium": shutil.which("chromium")}
         done = subprocess.run(["node", HERE / "page.mjs"], input=json.dumps(facts), text=True, capture_output=True,
-                              timeout=300, check=False, env=backup2_test.environment(HOME=str(self.site.root)))
+                              timeout=500, check=False, env=backup2_test.environment(HOME=str(self.site.root)))
         self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
 
 

@@ -92,7 +92,7 @@ class PageApi(PageCase):
         cases = [(b"GET /", b"y" * 65536), (b"GET / HTTP/1.1\r\n", b"X: %s\r\n" % (b"y" * 1000) * 65), (post + b"\r\n", b"y" * 65536),
                  (post + b"Transfer-Encoding: chunked\r\n\r\n", b"10000\r\n" + b"y" * 65536 + b"\r\n")]
         for head, more in cases:
-            with self.subTest(head), socket.create_connection(("127.0.0.1", self.site.port), 5) as plain, \
+            with self.subTest(head), socket.create_connection(("127.0.0.1", self.site.port), 60) as plain, \
                     trust.wrap_socket(plain) as connection, self.assertRaises(OSError):
                 connection.sendall(head)
                 for _ in range(512):  # 32 MiB

@@ -31,6 +31,7 @@ GET: {"files": {path: [size, sha256]}, "folders": [...], "used": N, "open_upload
 
 import base64
 import collections
+import contextlib
 import hashlib
 import http.server
 import json
@@ -566,7 +567,8 @@ def start(work):
 def stop(work):
     deadline = time.monotonic() + 20
     while pid := running(work):
-        os.kill(pid, signal.SIGTERM if time.monotonic() < deadline else signal.SIGKILL)
+        with contextlib.suppress(ProcessLookupError):  # it has just ended
+            os.kill(pid, signal.SIGTERM if time.monotonic() < deadline else signal.SIGKILL)
         time.sleep(0.02)
 
 

@@ -16,6 +16,7 @@ import hashlib
 import os
 import pathlib
 import random
+import shlex
 import shutil
 import stat
 import struct
@@ -73,12 +74,29 @@ def run(argv, *, cwd=None, stdin=None, timeout=120, **env):
                           encoding="utf-8", errors="surrogateescape", check=False)
 
 
-def start(argv, **env):
+def start(argv, *, stdin="", **env):
     """As run(), but gives the running subprocess.Popen (a process group of its own)."""
     argv = [program(argv[0])] + [os.fspath(word) for word in argv[1:]]
-    return subprocess.Popen(argv, env=environment(**env), stdin=subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                            encoding="utf-8", errors="surrogateescape", start_new_session=True)
+    with tempfile.TemporaryFile() as given:
+        given.write(stdin.encode())
+        given.seek(0)
+        return subprocess.Popen(argv, env=environment(**env), stdin=given,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                encoding="utf-8", errors="surrogateescape", start_new_session=True)
+
+
+class HeldOpenssl:
+    """An openssl for the head of PATH (`path`) that waits, so that what encrypts or decrypts can be met at
+    work: as long as the file `hold` is there and, read by a shell, is true; at most two minutes."""
+
+    def __init__(self, folder):
+        self.hold, program_ = folder / "hold", folder / "bin/openssl"
+        self.path = f"{program_.parent}:{os.environ['PATH']}"
+        program_.parent.mkdir()
+        hold = shlex.quote(str(self.hold))
+        program_.write_text(f"#!/bin/sh\nfor i in $(seq 1200); do [ -e {hold} ] && sh {hold} || break; sleep 0.1; done\n"
+                            f'exec {shutil.which("openssl")} "$@"\n')
+        program_.chmod(0o755)
 
 
 def local_token(path, password=None):
