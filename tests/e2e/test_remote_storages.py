@@ -1,6 +1,6 @@
 """Every kind of storage, on real servers and the clouds' stand-ins: set up, used, broken, used again."""
 
-import itertools
+import contextlib
 import json
 import os
 import pathlib
@@ -28,10 +28,11 @@ def control(settings, **command):
 
 def kill_tree(pid):
     """Kills the process and all that come from it."""
-    children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
-    os.kill(pid, signal.SIGKILL)
-    for child in children:
-        kill_tree(int(child))
+    with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # one that has ended meanwhile
+        children = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
+        os.kill(pid, signal.SIGKILL)
+        for child in children:
+            kill_tree(int(child))
 
 
 def place_of(settings):
@@ -202,7 +203,7 @@ class Faults(StorageCase):
         self.assert_fails("sftp storage", "no way in to 127.0.0.1", "refused", date=TUESDAY)
 
     def test_a_server_killed_in_the_middle_of_an_upload(self):
-        there = self.serve("pureftpd", FTP_RATE="300000")
+        there = self.serve("pureftpd", FTP_RATE="20000")  # a slice takes seconds
         folder = pathlib.Path(there["root"])
         self.use(ftp(there, "store"))
         job = self.run_until(lambda: list(folder.rglob("backup2-*.part")))
@@ -367,9 +368,9 @@ class Faults(StorageCase):
                         self.assert_cut(line, token, f"2024-03-{day:02}")
 
     def test_programs_killed_in_the_middle_of_an_upload_to_a_server(self):
-        slow, ssh = self.serve("pureftpd", FTP_RATE="300000"), self.serve("sshd")
+        slow, ssh = self.serve("pureftpd", FTP_RATE="150000"), self.serve("sshd")
         parts = lambda: list(pathlib.Path(slow["root"]).rglob("backup2-*.part"))
-        self.add(ftp(slow, "store"), "--slice-size", "256K", password=PASSWORD)
+        self.add(ftp(slow, "store"), "--slice-size", "1M", password=PASSWORD)  # one slice, which takes seconds
         self.assert_killed_and_well(parts)
         self.assertEqual(parts(), [])
         held, cat = self.root / "held", pathlib.Path(ssh["remote_bin"]) / "cat"

@@ -1,17 +1,15 @@
 """The embedded panel: what it answers, to whom, and what it keeps to itself."""
 
 import contextlib
-import http.client
 import os
 import signal
 import socket
-import ssl
 import stat
 import subprocess
 import unittest
 
 import backup2_test
-from panel import Panel
+from panel import Panel, TlsPanel
 
 SECRET = "c2VjcmV0LXBhc3N3b3Jk"
 TOKEN = "type=local;path=/srv/backups;arch_password=" + SECRET
@@ -228,21 +226,7 @@ class OneAtATime(PanelCase):
 class OverTls(PanelCase):
     def setUp(self):
         self.root = self.enterContext(backup2_test.install_root())
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            self.port = probe.getsockname()[1]
-        pem = [str(self.root / name) for name in ("cert.pem", "key.pem")]
-        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                        "ec_paramgen_curve:P-256", "-nodes", "-days", "2", "-subj", "/CN=localhost",
-                        "-out", pem[0], "-keyout", pem[1]], check=True, capture_output=True)
-        self.trust = ssl.create_default_context(cafile=pem[0])
-        self.trust.check_hostname = False
-        self.panel = self.enterContext(Panel("--tls", f"127.0.0.1:{self.port}", "--cert", pem[0],
-                                             "--key", pem[1]))
-
-    def ask(self, **parameters):
-        return self.panel.post(http.client.HTTPSConnection(
-            "127.0.0.1", self.port, context=self.trust, timeout=30), **parameters)
+        self.panel = self.enterContext(TlsPanel(self.root))
 
     def test_a_crowd_of_clients_waits_for_its_turn(self):
         with contextlib.ExitStack() as stack:
@@ -254,15 +238,14 @@ class OverTls(PanelCase):
     def test_the_network_may_log_in_and_nothing_else(self):
         self.add_bob()
         self.panel.command("user add root --admin --uid 0", "admin's")
-        admin = self.ask(func="auth", username="root", password="admin's").find("auth").get("id")
+        admin = self.panel.ask_tls(func="auth", username="root", password="admin's").find("auth").get("id")
         key = "k" * 32
-        self.assertIsNotNone(self.ask(func="session.newkey", auth=admin, username="bob",
-                                      key=key).find("ok"))
-        self.assertIsNotNone(self.ask(func="auth", auth=admin, username="bob", key=key).find("auth"))
+        self.assertIsNotNone(self.panel.ask_tls(func="session.newkey", auth=admin, username="bob", key=key).find("ok"))
+        self.assertIsNotNone(self.panel.ask_tls(func="auth", auth=admin, username="bob", key=key).find("auth"))
         for func in ("user", "user.edit", "backup2.settings", "backup2.storage",
                      "backup2.storage.set", "backup2.storage.remove",
                      "backup2.item.info", "backup2.user.data", "backup2.database", "session.take"):
-            answer = self.ask(func=func, elid="bob", auth=admin)
+            answer = self.panel.ask_tls(func=func, elid="bob", auth=admin)
             self.assertEqual(answer.find("error").get("type"), "func", func)
 
 

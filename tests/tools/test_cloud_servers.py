@@ -71,8 +71,8 @@ class Rclone(Case):
             "[cloud]\n" + "".join(f"{name} = {value}\n" for name, value in lines.items()))
 
     def round_trip(self, provider, **controls):
-        # Every token is about to end when it is given.
-        self.start(provider).command(token_life=5, **controls)
+        # rclone renews what ends within ten seconds: every token is about to end when it is given.
+        self.start(provider).command(token_life=9, **controls)
         self.configure()
         up, down, dice = self.work / "up", self.work / "down", random.Random(provider)
         for name, size in FILES.items():

@@ -8,6 +8,7 @@ import subprocess
 import textwrap
 import time
 import unittest
+import unittest.mock
 
 import backup2_test
 from panel import TlsPanel, UnixConnection
@@ -22,14 +23,15 @@ def status_of(pid):
 
 
 @unittest.skipUnless(os.geteuid() == 0, "the panel serves root")
-class Programs(unittest.TestCase):
+class Case(unittest.TestCase):
+    wait = "100"  # seconds that a program may be silent
+
     def setUp(self):
         self.root = self.enterContext(backup2_test.install_root())
         (self.root / "velcgi").unlink()
         (self.root / "velcgi").mkdir()
-        os.environ["SECRET_OF_THE_PANEL"] = "not for programs"
-        os.environ["VEL_CGI_WAIT"] = "2"
-        self.addCleanup(lambda: [os.environ.pop(name) for name in ("SECRET_OF_THE_PANEL", "VEL_CGI_WAIT")])
+        variables = {"SECRET_OF_THE_PANEL": "not for programs", "VEL_CGI_WAIT": self.wait}
+        self.enterContext(unittest.mock.patch.dict(os.environ, variables))
         self.panel = self.enterContext(TlsPanel(self.root))
 
     def add(self, name, script):
@@ -50,17 +52,24 @@ class Programs(unittest.TestCase):
             connection.close()
 
     def wait_until(self, happened, what):
-        for _ in range(200):
+        for _ in range(1200):
             if happened():
                 return
             time.sleep(0.05)
         self.fail(what)
+
+    def begins(self, name):
+        """Waits until a program has written its number."""
+        path = self.root / name
+        self.wait_until(lambda: path.exists() and path.read_text().endswith("\n"), "does not start")
 
     def gone(self, name):
         """True when the program that wrote its number has ended."""
         pid = (self.root / name).read_text().strip()
         return not pathlib.Path("/proc", pid).exists()
 
+
+class Programs(Case):
     # ---- What a program learns ------------------------------------------------------------------
 
     def test_a_program_knows_the_request_and_nothing_else(self):
@@ -156,18 +165,10 @@ class Programs(unittest.TestCase):
             self.add(name, f"echo $$ > {self.root}/{name}.pid; {head} exec sleep 60")
             connection = self.panel.connect()
             connection.request("GET", "/velcgi/" + name)
-            self.wait_until(lambda: (self.root / f"{name}.pid").exists() and
-                            (self.root / f"{name}.pid").read_text(), "does not start")
+            self.begins(f"{name}.pid")
             connection.sock.shutdown(socket.SHUT_RDWR)
             connection.close()
             self.wait_until(lambda: self.gone(f"{name}.pid"), f"{name} goes on")
-
-    def test_a_silent_program_ends(self):
-        self.add("silent", f"echo $$ > {self.root}/pid; exec sleep 60")
-        self.assertEqual(self.ask("/velcgi/silent")[0], 504)
-        self.assertTrue(self.gone("pid"))
-        self.add("stalls", "printf 'Content-Type: a/b\\nContent-Length: 9\\n\\nabc'; exec sleep 60")
-        self.assertEqual(self.ask("/velcgi/stalls")[0::2], (0, b"abc"))
 
     def test_a_program_that_has_said_all_may_tidy_up(self):
         self.add("tidies", f"printf 'Content-Type: a/b\\nContent-Length: 1\\n\\na'; sleep 0.5; touch {self.root}/tidy")
@@ -193,10 +194,21 @@ class Programs(unittest.TestCase):
         self.add("waits", f"echo $$ > {self.root}/pid; exec sleep 60")
         connection = self.panel.connect()
         connection.request("GET", "/velcgi/waits")
-        self.wait_until(lambda: (self.root / "pid").exists(), "does not start")
+        self.begins("pid")
         self.panel.stop()
         connection.close()
         self.assertTrue(self.gone("pid"))
+
+
+class Impatient(Case):
+    wait = "2"
+
+    def test_a_silent_program_ends(self):
+        self.add("silent", f"echo $$ > {self.root}/pid; exec sleep 60")
+        self.assertEqual(self.ask("/velcgi/silent")[0], 504)
+        self.assertTrue(self.gone("pid"))
+        self.add("stalls", "printf 'Content-Type: a/b\\nContent-Length: 9\\n\\nabc'; exec sleep 60")
+        self.assertEqual(self.ask("/velcgi/stalls")[0::2], (0, b"abc"))
 
 
 if __name__ == "__main__":
