@@ -240,7 +240,7 @@ void ListDatabases(Values& v) {
     Report report({"user", "server", "database", "owner"});
     for (const User& user : store.Users())
         for (const Database& d : store.Databases(user.name))
-            report.Row({d.user, d.server, d.name, d.owner});
+            if (!d.wanted) report.Row({d.user, d.server, d.name, d.owner});
     report.Print(v.json);
 }
 

@@ -177,10 +177,12 @@ void AppendKeep(vel_xml::XmlNode doc, const Plan& plan) {
 
 void AppendSystem(const Request& r, vel_xml::XmlNode doc, const User& user) {
     auto system = doc.AppendChild("system");
-    for (const Database& database : r.store.Databases(user.name))
+    for (const Database& database : r.store.Databases(user.name)) {
+        if (database.wanted) continue;  // there is nothing to save
         system.AppendChild("spec")
             .SetProp("type", "db")
             .SetProp("name", database.server + "." + database.name);
+    }
     if (r.Get("userdata") != "off")
         system.AppendChild("spec").SetProp("type", "user").SetProp("name", user.name);
 }
@@ -232,31 +234,56 @@ void ServerAccess(const Request& r, vel_xml::XmlNode doc) {
         doc.AppendChild("server").SetProp("name", server.name).SetProp("type", server.type);
 }
 
-void DatabaseAccess(const Request& r, vel_xml::XmlNode doc) {
+/// The one that "elid" and "user" name.
+Database FindDatabase(const Request& r) {
     const std::string id = r.Get("elid");
-    for (const Database& database : r.store.Databases(r.Get("user"))) {
-        if (database.server + "." + database.name != id) continue;
-        const DatabaseServer server = r.store.GetServer(database.server);
-        AppendServer(doc, server);
-        doc.AppendChild("owner", database.owner);
-        doc.AppendChild("owner_password", database.owner_password);
-        doc.AppendChild("database", database.name);
-        AppendAccounts(r.store, database, server.type, doc);
-        return;
-    }
+    for (const Database& database : r.store.Databases(r.Get("user")))
+        if (database.server + "." + database.name == id) return database;
     throw vel_err::Error("missed", "database", id);
+}
+
+void AppendOwn(const Request& r, vel_xml::XmlNode doc) {
+    const std::string user = r.Get("user");
+    for (const Database& database : r.store.Databases(user))
+        if (!database.wanted)
+            doc.AppendChild("own_database", database.server + "." + database.name);
+    for (const auto& [server, name] : r.store.Accounts(user))
+        doc.AppendChild("own_account", server + "." + name);
+}
+
+/// With "elid" how to reach that database and as whom; in any case what is the user's.
+void DatabaseAccess(const Request& r, vel_xml::XmlNode doc) {
+    AppendOwn(r, doc);
+    if (r.Get("elid").empty()) return;
+    const Database database = FindDatabase(r);
+    const DatabaseServer server = r.store.GetServer(database.server);
+    AppendServer(doc, server);
+    doc.AppendChild("owner", database.owner);
+    doc.AppendChild("owner_password", database.owner_password);
+    doc.AppendChild("database", database.name);
+    doc.AppendChild("wanted", database.wanted ? "yes" : "");
+    AppendAccounts(r.store, database, server.type, doc);
 }
 
 /// The panel forgets it; the server keeps it.
 void RemoveDatabase(const Request& r, vel_xml::XmlNode doc) {
-    const std::string id = r.Get("elid");
-    for (const Database& database : r.store.Databases(r.Get("user"))) {
-        if (database.server + "." + database.name != id) continue;
-        r.store.RemoveDatabase(database);
-        doc.AppendChild("ok");
-        return;
+    r.store.RemoveDatabase(FindDatabase(r));
+    doc.AppendChild("ok");
+}
+
+/// "made" is what a restore has just made: "database", "account", or "" when the database has gone.
+void DatabaseMade(const Request& r, vel_xml::XmlNode doc) {
+    Database database = FindDatabase(r);
+    const std::string made = r.Get("made");
+    database.owner = r.Get("owner");
+    if (made == "account") {
+        r.store.MadeAccount(database.user, database.server, database.owner);
+    } else if (made == "database") {
+        r.store.MadeDatabase(database);
+    } else {
+        r.store.UnmadeDatabase(database);
     }
-    throw vel_err::Error("missed", "database", id);
+    doc.AppendChild("ok");
 }
 
 // ---- The table ----------------------------------------------------------------------------------
@@ -281,6 +308,7 @@ const std::map<std::string, Entry> kRequests = {
     {"backup2.user.restore", {UserRestore, false}},
     {"backup2.server", {ServerAccess, false}},
     {"backup2.database", {DatabaseAccess, false}},
+    {"backup2.database.made", {DatabaseMade, false}},
     {"backup2.database.remove", {RemoveDatabase, false}},
 };
 

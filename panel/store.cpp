@@ -35,6 +35,14 @@ CREATE TABLE IF NOT EXISTS database (
   server TEXT NOT NULL REFERENCES server (name) ON DELETE CASCADE,
   name TEXT NOT NULL, owner TEXT NOT NULL, owner_password TEXT NOT NULL,
   PRIMARY KEY (server, name));
+CREATE TABLE IF NOT EXISTS wanted_database (
+  user TEXT NOT NULL REFERENCES user (name) ON DELETE CASCADE,
+  server TEXT NOT NULL REFERENCES server (name) ON DELETE CASCADE,
+  name TEXT NOT NULL, owner TEXT NOT NULL, PRIMARY KEY (user, server, name));
+CREATE TABLE IF NOT EXISTS made_account (
+  user TEXT NOT NULL REFERENCES user (name) ON DELETE CASCADE,
+  server TEXT NOT NULL REFERENCES server (name) ON DELETE CASCADE,
+  name TEXT NOT NULL, PRIMARY KEY (server, name));
 CREATE TABLE IF NOT EXISTS list (
   kind TEXT NOT NULL, owner TEXT NOT NULL, position INTEGER NOT NULL, text TEXT NOT NULL,
   PRIMARY KEY (kind, owner, position));
@@ -328,14 +336,80 @@ std::vector<DatabaseServer> Store::Servers() {
 void Store::AddDatabase(const Database& d) {
     GetUser(d.user);
     GetServer(d.server);
+    Transaction transaction(db_.get());
     Statement(db_.get(), "INSERT OR IGNORE INTO database VALUES (?, ?, ?, ?, ?)", d.user, d.server,
               d.name, d.owner, d.owner_password)
         .Step();
     if (sqlite3_changes(db_.get()) == 0)
         throw vel_err::Error("exists", "database", d.server + "." + d.name);
+    Unwant(d);
+    Statement(db_.get(), "DELETE FROM made_account WHERE server = ? AND name = ? AND user <> ?",
+              d.server, d.owner, d.user)
+        .Step();
+    transaction.Commit();
+}
+
+bool Store::Unwant(const Database& d) {
+    Statement(db_.get(), "DELETE FROM wanted_database WHERE user = ? AND server = ? AND name = ?",
+              d.user, d.server, d.name)
+        .Step();
+    return sqlite3_changes(db_.get()) > 0;
+}
+
+void Store::WantDatabase(const Database& d) {
+    GetUser(d.user);
+    GetServer(d.server);
+    Statement(db_.get(),
+              "INSERT OR REPLACE INTO wanted_database SELECT ?1, ?2, ?3, ?4 WHERE NOT EXISTS "
+              "(SELECT 1 FROM database WHERE server = ?2 AND name = ?3)",
+              d.user, d.server, d.name, d.owner)
+        .Step();
+    if (sqlite3_changes(db_.get()) == 0)
+        throw vel_err::Error("exists", "database", d.server + "." + d.name);
+}
+
+void Store::MadeDatabase(const Database& d) {
+    Transaction transaction(db_.get());
+    if (!Unwant(d)) throw vel_err::Error("missed", "database", d.server + "." + d.name);
+    Statement(db_.get(), "INSERT OR IGNORE INTO database VALUES (?, ?, ?, ?, '')", d.user, d.server,
+              d.name, d.owner)
+        .Step();
+    if (sqlite3_changes(db_.get()) == 0)
+        throw vel_err::Error("exists", "database", d.server + "." + d.name);
+    transaction.Commit();
+}
+
+void Store::UnmadeDatabase(const Database& d) {
+    Transaction transaction(db_.get());
+    Statement(db_.get(), "DELETE FROM database WHERE user = ? AND server = ? AND name = ?", d.user,
+              d.server, d.name)
+        .Step();
+    MustChange("database", d.server + "." + d.name);
+    Statement(db_.get(), "INSERT OR REPLACE INTO wanted_database VALUES (?, ?, ?, ?)", d.user,
+              d.server, d.name, d.owner)
+        .Step();
+    transaction.Commit();
+}
+
+void Store::MadeAccount(const std::string& user, const std::string& server,
+                        const std::string& name) {
+    // It was not there: what is written of another user's account of this name is out of date.
+    Statement(db_.get(), "INSERT OR REPLACE INTO made_account VALUES (?, ?, ?)", user, server, name)
+        .Step();
+}
+
+std::set<std::pair<std::string, std::string>> Store::Accounts(const std::string& user) {
+    Statement rows(db_.get(),
+                   "SELECT server, name FROM made_account WHERE user = ?1 UNION "
+                   "SELECT server, owner FROM database WHERE user = ?1 AND owner <> ''",
+                   user);
+    std::set<std::pair<std::string, std::string>> accounts;
+    while (rows.Step()) accounts.emplace(rows.Text(0), rows.Text(1));
+    return accounts;
 }
 
 void Store::RemoveDatabase(const Database& d) {
+    if (Unwant(d)) return;
     Statement(db_.get(), "DELETE FROM database WHERE user = ? AND server = ? AND name = ?", d.user,
               d.server, d.name)
         .Step();
@@ -344,12 +418,14 @@ void Store::RemoveDatabase(const Database& d) {
 
 std::vector<Database> Store::Databases(const std::string& user) {
     Statement rows(db_.get(),
-                   "SELECT user, server, name, owner, owner_password FROM database WHERE user = ? "
-                   "ORDER BY server, name",
+                   "SELECT user, server, name, owner, owner_password, 0 FROM database "
+                   "WHERE user = ?1 UNION ALL SELECT user, server, name, owner, '', 1 FROM "
+                   "wanted_database WHERE user = ?1 ORDER BY server, name",
                    user);
     std::vector<Database> databases;
     while (rows.Step())
-        databases.push_back({rows.Text(0), rows.Text(1), rows.Text(2), rows.Text(3), rows.Text(4)});
+        databases.push_back({rows.Text(0), rows.Text(1), rows.Text(2), rows.Text(3), rows.Text(4),
+                             rows.Int(5) != 0});
     return databases;
 }
 

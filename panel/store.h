@@ -6,7 +6,9 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct sqlite3;
@@ -44,6 +46,7 @@ struct DatabaseServer {
 struct Database {
     std::string user, server, name;
     std::string owner, owner_password;  ///< both may be ""
+    bool wanted = false;                ///< only a document names it: see Store::WantDatabase
 };
 
 struct Plan {
@@ -83,9 +86,23 @@ public:
     DatabaseServer GetServer(const std::string& name);
     std::vector<DatabaseServer> Servers();
 
+    /// As the administrator says: database and owner are the user's from now on.
     void AddDatabase(const Database& database);
-    void RemoveDatabase(const Database& database);  ///< by user, server and name
-    std::vector<Database> Databases(const std::string& user);
+    void RemoveDatabase(const Database& database);             ///< by user, server and name
+    std::vector<Database> Databases(const std::string& user);  ///< also wanted ones
+
+    /// What a document names is a wish: nobody's, and no reason to take what bears that name, until
+    /// a restore has made it on the server. Throws "exists" when somebody has it.
+    void WantDatabase(const Database& database);
+    /// A restore has made the database that was wanted: it is the user's from now on. Throws
+    /// "missed" when he does not want it, "exists" when somebody has it.
+    void MadeDatabase(const Database& database);
+    void UnmadeDatabase(const Database& database);  ///< it has gone again: it is wanted once more
+
+    /// A restore has made an account that was not there: it is the user's from now on.
+    void MadeAccount(const std::string& user, const std::string& server, const std::string& name);
+    /// Pairs of server and name: what restores made for him, and the owners of his databases.
+    std::set<std::pair<std::string, std::string>> Accounts(const std::string& user);
 
     void SetPlan(const Plan& plan);  ///< replaces the one of that name
     void AssignPlan(const std::string& plan, const std::string& user);
@@ -100,6 +117,7 @@ public:
 
 private:
     class Transaction;
+    bool Unwant(const Database& database);
     std::map<std::string, int64_t> Keep(const std::string& plan);
     void SetKeep(const Plan& plan);
     std::vector<std::string> List(const std::string& kind, const std::string& owner);

@@ -143,11 +143,13 @@ private:
     void TakeDatabases(const vel_xml::XmlNode& group) {
         const auto own = store_.Databases(user_.name);
         EachChild(group, [&](const vel_xml::XmlNode& elem) {
-            const Database database{user_.name, ParamOf(elem, "dbserver"), ParamOf(elem, "name"),
-                                    OwnerOf(elem), ""};
+            const Database database{
+                user_.name, ParamOf(elem, "dbserver"), ParamOf(elem, "name"), OwnerOf(elem), "",
+                true};
             const bool known =
                 std::any_of(own.begin(), own.end(), [&database](const Database& other) {
-                    return other.server == database.server && other.name == database.name;
+                    return !other.wanted && other.server == database.server &&
+                           other.name == database.name;
                 });
             if (elem.Name() == "elem" && !known) TakeDatabase(database);
         });
@@ -166,7 +168,7 @@ private:
         const std::string title = "database " + database.server + "." + database.name + ": ";
         try {
             CheckDatabaseName(database.name);
-            store_.AddDatabase(database);
+            store_.WantDatabase(database);
         } catch (const vel_tool::UsageError& error) {
             Warn(title + error.what());
         } catch (const vel_err::Error& error) {

@@ -17,10 +17,11 @@ constexpr char kLargerEdition[] = "3";
 void AppendUserData(Store& store, const User& user, vel_xml::XmlNode doc);
 
 /// Takes over what a document in the form of this panel's edition says of the user: folders,
-/// patterns, plan, databases. Root, account and password stay. What this panel has no use for
-/// (mailboxes, zones, certificates, ...) is kept and given back by AppendUserData. Of data from
-/// another panel the settings are only kept: folders and patterns there mean nothing here.
-/// `answer` gets one <warning> for each thing that was left out. Throws vel_err::Error("value",
+/// patterns, plan, databases (as wishes, see Store). Root, account and password stay. What this
+/// panel has no use for (mailboxes, zones, certificates, ...) is kept and given back by
+/// AppendUserData. Of data from another panel the settings are only kept: folders and patterns
+/// there mean nothing here. `answer` gets one <warning> for each thing that was left out. Throws
+/// vel_err::Error("value",
 /// ...) for a document that would be too large for an answer; nothing is changed then.
 void RestoreUserData(Store& store, const User& user, const vel_xml::Xml& data,
                      vel_xml::XmlNode answer);

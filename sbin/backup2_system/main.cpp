@@ -48,36 +48,45 @@ Account ReadAccount(const vel_xml::XmlNode& node) {
     return account;
 }
 
-Access ReadAccess(const vel_client::Result& answer) {
+Access ReadAccess(const vel_client::Result& answer, const std::string& server) {
     const auto value = [&answer](const char* name) { return answer.value(name); };
-    Access access{value("type"),     value("socket"),
-                  value("host"),     value("port"),
-                  value("login"),    value("password"),
-                  value("owner"),    value("owner_password"),
-                  value("database"), {}};
+    Access access{server,
+                  value("type"),
+                  value("socket"),
+                  value("host"),
+                  value("port"),
+                  value("login"),
+                  value("password"),
+                  value("owner"),
+                  value("owner_password"),
+                  value("database"),
+                  {},
+                  value("wanted") == "yes"};
     for (const auto& node : answer.GetNodes("/doc/account"))
         access.accounts.push_back(ReadAccount(node));
     return access;
 }
 
 Access AskAccess(const Options& options, const Object& object) {
+    std::string server = object.name;
     return ReadAccess(
-        Panel(options).Query("func=backup2.database&elid=?&user=?", object.name, options.user));
+        Panel(options).Query("func=backup2.database&elid=?&user=?", object.name, options.user),
+        str::GetWord(server, '.'));
 }
 
-/// Calls what the server's type asks for.
-template <class Action>
-void WithDatabase(const Access& access, Action mysql_action, Action postgresql_action,
-                  const vel_file::ResHandle& fd) {
-    if (access.type == "mysql") return mysql_action(access, fd);
-    if (access.type == "postgresql") return postgresql_action(access, fd);
-    throw vel_err::Error("database", "type", access.type);
+Own AskOwn(const Options& options) {
+    const auto answer = Panel(options).Query("func=backup2.database&user=?", options.user);
+    Own own;
+    for (const auto& node : answer.GetNodes("/doc/own_database")) own.databases.insert(node.Str());
+    for (const auto& node : answer.GetNodes("/doc/own_account")) own.accounts.insert(node.Str());
+    return own;
 }
 
 void Start(const Options& options, const Object& object) {
     DumpTarget target(options.file);
     if (object.type == "db") {
-        WithDatabase(AskAccess(options, object), mysql::Dump, postgresql::Dump, target.Fd());
+        const Access access = AskAccess(options, object);
+        ServerOf(access.type).dump(access, target.Fd());
     } else {
         const vel_xml::Xml document =
             Panel(options).Query("func=backup2.user.data&elid=?&user=?", object.name, options.user);
@@ -98,13 +107,20 @@ vel_xml::Xml ReadDocument(const Options& options) {
     return document;
 }
 
+/// One line for each thing that was left out, then what became of the object.
+int Ended(const Object& object, const char* what, const std::vector<std::string>& left_out) {
+    for (const std::string& text : left_out)
+        std::cout << str::badchars::Escape(text, str::badchars::Controls(), '\\') << "\n";
+    std::cout << object.Title() << ": " << what << "\n";
+    return left_out.empty() ? vel_tool::kDone : vel_tool::kWarnings;
+}
+
 /// What the panel takes over of the user's document, see docs/formats.md.
 int RestoreUser(const Options& options, const Object& object) {
     const vel_xml::Xml document = ReadDocument(options);
     const PanelAnswers panel{
-        Panel(options).Query("func=backup2.user.data&elid=?", options.user),
-        [&options](const std::string& server) {
-            return ReadAccess(Panel(options).Query("func=backup2.server&elid=?", server));
+        AskOwn(options), [&options](const std::string& server) {
+            return ReadAccess(Panel(options).Query("func=backup2.server&elid=?", server), server);
         }};
     std::vector<std::string> warnings = TakeOutStrangers(document, panel);
     Secrets secrets;  // the document may hold passwords of accounts
@@ -112,17 +128,23 @@ int RestoreUser(const Options& options, const Object& object) {
     const auto answer =
         Panel(options).Query("func=backup2.user.restore&elid=?&file=?", options.user, file);
     for (const auto& node : answer.GetNodes("/doc/warning")) warnings.push_back(node.Str());
-    for (const std::string& warning : warnings)
-        std::cout << str::badchars::Escape(warning, str::badchars::Controls(), '\\') << "\n";
-    std::cout << object.Title() << ": taken over by the panel\n";
-    return warnings.empty() ? vel_tool::kDone : vel_tool::kWarnings;
+    return Ended(object, "taken over by the panel", warnings);
+}
+
+Possession PossessionOf(const Options& options, const Object& object) {
+    const auto tell = [options, object](const std::string& made, const std::string& owner) {
+        Panel(options).Query("func=backup2.database.made&made=" + made + "&elid=?&user=?&owner=?",
+                             object.name, options.user, owner);
+    };
+    return {AskOwn(options), [tell](const std::string& name) { tell("account", name); },
+            [tell](const std::string& owner, bool made) { tell(made ? "database" : "", owner); }};
 }
 
 int Restore(const Options& options, const Object& object) {
     if (object.type == "user") return RestoreUser(options, object);
     const vel_file::ResHandle dump = OpenMarker(options.file, MarkerUse::Read);
-    WithDatabase(AskAccess(options, object), mysql::Restore, postgresql::Restore, dump);
-    return vel_tool::kDone;
+    return Ended(object, "restored",
+                 RestoreDatabase(AskAccess(options, object), PossessionOf(options, object), dump));
 }
 
 Options Parse(std::vector<std::string> arguments, CLI::App& app) {

@@ -273,28 +273,44 @@ std::string Authentication(const Account& account) {
     return " ACCOUNT LOCK";
 }
 
-void MakeAccount(const Access& access, const Account& account) {
-    std::vector<std::string> hosts = account.hosts;
-    if (hosts.empty()) hosts = {"localhost"};
+std::vector<std::string> HostsOf(const Account& account) {
+    return account.hosts.empty() ? std::vector<std::string>{"localhost"} : account.hosts;
+}
+
+std::string At(const Account& account, const std::string& host) {
+    return Text(account.name) + "@" + Text(host);
+}
+
+void GrantTo(const Access& access, const Account& account) {
     std::string sql;
-    const auto on = [&account](const std::string& host) {
-        return Text(account.name) + "@" + Text(host);
-    };
-    for (const std::string& host : hosts)
-        sql += "CREATE USER IF NOT EXISTS " + on(host) + Authentication(account) + ";\n";
     for (const Account::Grant& grant : account.grants) {
         const std::string rights = KnownRights(grant.rights, kRights);
         if (rights.empty()) continue;
-        for (const std::string& host : hosts) {
+        for (const std::string& host : HostsOf(account)) {
             if (!grant.host.empty() && grant.host != host) continue;
-            sql += "GRANT " + rights + " ON " + GrantName(access.database) + ".* TO " + on(host) +
-                   ";\n";
+            sql += "GRANT " + rights + " ON " + GrantName(access.database) + ".* TO " +
+                   At(account, host) + ";\n";
         }
     }
     Administer(access, "accounts", sql);
 }
 
 }  // namespace
+
+void MakeAccount(const Access& access, const Account& account) {
+    std::string sql;
+    for (const std::string& host : HostsOf(account))
+        sql += "CREATE USER IF NOT EXISTS " + At(account, host) + Authentication(account) + ";\n";
+    Administer(access, "accounts", sql);
+}
+
+void MakeDatabase(const Access& access) {
+    Administer(access, "create", "CREATE DATABASE " + Name(access.database) + ";\n");
+}
+
+void DropDatabase(const Access& access) {
+    Administer(access, "tidy", "DROP DATABASE IF EXISTS " + Name(access.database) + ";\n");
+}
 
 void Dump(const Access& access, vel_file::ResHandle out) {
     vel_file::WriteAll(out, Defaults(access), "dump");
@@ -324,9 +340,9 @@ void Restore(const Access& access, vel_file::ResHandle dump) {
     Loader loader(access);
     // Definitions cannot be rolled back there: a dump that goes wrong half-way would leave neither
     // the old nor the new database. So it has to load once elsewhere before the old one goes.
-    if (HasDatabase(access)) loader.LoadInto(loader.Scratch(), dump);
+    if (!access.wanted && HasDatabase(access)) loader.LoadInto(loader.Scratch(), dump);
     loader.LoadInto(access.database, dump);
-    for (const Account& account : access.accounts) MakeAccount(access, account);
+    for (const Account& account : access.accounts) GrantTo(access, account);
 }
 
 }  // namespace backup2_system::mysql

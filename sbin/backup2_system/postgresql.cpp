@@ -57,6 +57,9 @@ std::string Administer(const Access& access, const std::string& step, const std:
     Secrets secrets;
     Job job;
     job.environment["PGPASSFILE"] = secrets.Add("pgpass", PasswordFile(access.password));
+    // Else the database's own setting would count, which its owner makes: in some character sets
+    // a backslash is the second half of a letter, and Text would not end where it should.
+    job.environment["PGCLIENTENCODING"] = "UTF8";
     job.program = Join(
         {"psql", "--no-psqlrc", "--quiet", "--no-align", "--tuples-only", "--set=ON_ERROR_STOP=1"},
         Connection(access, access.login, database));
@@ -67,15 +70,6 @@ std::string Administer(const Access& access, const std::string& step, const std:
 std::string FindRole(const Access& access, const std::string& name) {
     return Administer(access, "look",
                       "SELECT rolsuper FROM pg_roles WHERE rolname=" + Text(name) + ";\n");
-}
-
-void MakeRole(const Access& access, const Account& account) {
-    if (!FindRole(access, account.name).empty()) return;
-    const bool usable =
-        account.form == "plain" || account.form == "postgresql_md5" || account.form == "scram";
-    Administer(access, "accounts",
-               "CREATE ROLE " + Name(account.name) +
-                   (usable ? " LOGIN PASSWORD " + Text(account.password) : " NOLOGIN") + ";\n");
 }
 
 /// The rights of one account in everything that the dump has made. The names of its schemas are a
@@ -115,7 +109,6 @@ public:
           password_(str::hex::Encode(str::Random(16))) {
         exists_ = HasDatabase(access);
         Clear();
-        for (const Account& account : access.accounts) MakeRole(access, account);
         owner_ = Owner();
         MakeLogin();
         MakeDatabase();
@@ -140,9 +133,12 @@ public:
         job.input_file = dump;
         job.discard_output = true;
         Run("load", job);
-        // What the dump made under the log-in's own name goes with the rest to the owner.
+        // What the dump made under the log-in's own name goes with the rest to the owner; rights
+        // that it gave to the log-in would keep that from being dropped.
         Administer(access_, "load",
-                   "REASSIGN OWNED BY " + Name(login_) + " TO " + Name(owner_) + ";\n", fresh_);
+                   "REASSIGN OWNED BY " + Name(login_) + " TO " + Name(owner_) +
+                       ";\nDROP OWNED BY " + Name(login_) + ";\n",
+                   fresh_);
     }
 
     void GrantTo(const Account& account) {
@@ -187,14 +183,15 @@ private:
         return "SELECT pg_terminate_backend(pid, 10000) FROM pg_stat_activity WHERE datname=" +
                Text(database) + ";\n";
     }
-    /// The account that the panel names; else who owns the database now; else one of our own. A
-    /// superuser never: what the dump does would be done as him.
+    /// The account that the panel names; else who owns the database now, unless he can do more
+    /// than own databases; else one of our own. A superuser never: what the dump does would be done
+    /// as him.
     std::string Owner() {
         std::string owner = access_.owner;
         if (owner.empty() && exists_)
             owner =
                 Ask("SELECT rolname FROM pg_roles r JOIN pg_database d ON d.datdba = r.oid "
-                    "WHERE NOT rolsuper AND datname=" +
+                    "WHERE NOT (rolsuper OR rolcreaterole OR rolcreatedb) AND datname=" +
                     Text(access_.database));
         if (owner.empty()) owner = "b2_owner_" + hash_;
         const std::string found = FindRole(access_, owner);
@@ -270,6 +267,25 @@ bool HasDatabase(const Access& access) {
 
 bool HasAccount(const Access& access, const std::string& name) {
     return !FindRole(access, name).empty();
+}
+
+void MakeAccount(const Access& access, const Account& account) {
+    if (HasAccount(access, account.name)) return;
+    const bool usable =
+        account.form == "plain" || account.form == "postgresql_md5" || account.form == "scram";
+    Administer(access, "accounts",
+               "CREATE ROLE " + Name(account.name) +
+                   (usable ? " LOGIN PASSWORD " + Text(account.password) : " NOLOGIN") + ";\n");
+}
+
+void MakeDatabase(const Access& access) {
+    Administer(access, "create",
+               "CREATE DATABASE " + Name(access.database) + " TEMPLATE template0;\n");
+}
+
+void DropDatabase(const Access& access) {
+    Administer(access, "tidy",
+               "DROP DATABASE IF EXISTS " + Name(access.database) + " WITH (FORCE);\n");
 }
 
 }  // namespace backup2_system::postgresql

@@ -13,14 +13,14 @@ namespace backup2_system {
 
 /// What the way back asks of the panel; errors of the panel pass through.
 struct PanelAnswers {
-    vel_xml::Xml own;  ///< the user's document as the panel has it now
+    Own own;
     std::function<Access(const std::string& server)> server;  ///< how to log in there
 };
 
 /// Takes out of the document (in the form of this panel's edition) every database and every account
-/// that stands on a server here already and is not this user's: whoever wrote the document could
-/// name a stranger's, and a restore would put another in its place or give it away. One text for
-/// each thing that was taken out, and for each server that is not there.
+/// that stands on a server here already and is not this user's, so that people are told at once and
+/// the panel does not keep what is nobody's wish. What comes to stand there later, RestoreDatabase
+/// leaves alone. One text for each thing that was taken out, and for each server that is not there.
 std::vector<std::string> TakeOutStrangers(const vel_xml::Xml& document, const PanelAnswers& panel);
 
 }  // namespace backup2_system

@@ -211,6 +211,22 @@ class Elsewhere(unittest.TestCase):
         self.assertEqual(self.servers.maria(f"SHOW DATABASES LIKE 'b2%{mark}'"), "")
         self.assertNotIn(mark, "".join(elem.get("elid") for elem in self.data().findall("elem/elem")))
 
+    def test_an_account_that_was_only_named_is_nobodys(self):
+        """The first archive names it, somebody else gets it, the second one makes it the owner of what it brings."""
+        def archive(database, *dump):
+            path = self.root / "cpmove-bob.tar.gz"
+            path.write_bytes(make_foreign.pack(make_foreign.tar(make_foreign.below("cpmove-bob", [
+                make_foreign.item("cp/bob", "DNS=example.com\n"), make_foreign.item("psql_users.sql", "CREATE USER bob_late;\n"),
+                make_foreign.item("psql_grants.sql", f"GRANT ALL ON DATABASE {database} TO bob_late;\n"), *dump]))))
+            return path
+        self.backup2("import", archive("bob_text", make_foreign.item("psql/bob_text.sql", "SELECT 1;\n")), USER, expect=3)
+        dump = make_foreign.item("psql/bob_pg.tar", self.postgres_dump("-Ft"))
+        self.servers.postgres("CREATE ROLE bob_late LOGIN PASSWORD 'own'")
+        shown = self.backup2("import", archive("bob_pg", dump), USER, expect=3)
+        self.assertIn("left out: account bob_late: it is there already", shown)
+        self.assertNotIn("bob_late", self.servers.postgres(
+            "SELECT pg_get_userbyid(datdba), datacl FROM pg_database WHERE datname = 'bob_pg'"))
+
     def test_a_definer_that_no_server_has_is_an_error_of_the_dump(self):
         dump = make_foreign.DUMP.replace("INSERT", f"/*!50003 CREATE*/ /*!50017 DEFINER=`{'a' * 60000}`@`h`*/ ;\nINSERT")
         archive = self.root / "cpmove-bob.tar.gz"

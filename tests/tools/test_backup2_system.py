@@ -1,6 +1,7 @@
 """Dumps and restores of real databases, with a stranger at the dump and at the marker."""
 
 import contextlib
+import hashlib
 import os
 import re
 import shutil
@@ -156,6 +157,33 @@ class SystemCase(unittest.TestCase):
         shown = self.tool("restore", document, expect=3)
         self.assertIn("account reader: it is there already", shown)
 
+    def test_a_name_that_a_document_only_named_is_nobodys(self):
+        """What bears it by the time of the restore was made for somebody else."""
+        dump = self.dump(self.make("model"))
+        document, marker = self.system / "user.bob", self.system / "db.srv.later"
+        document.write_text(
+            '<doc><info dist="3"/><elem name="db"><elem><param name="name">later</param><param name="dbserver">srv</param>'
+            f'<param name="type">{self.server.type}</param><param name="owner">late</param></elem></elem><elem name="db.user">'
+            f'<elem><param name="name">late</param><param name="type">{self.server.type}</param>'
+            '<grant database="later">ALL PRIVILEGES</grant></elem></elem></doc>')
+        self.tool("restore", document)
+        for made, why in (("DATABASE later", "exists"), ("", "")):  # a stranger's, then a dump that is cut
+            if made:
+                self.server.sql("CREATE " + made)
+            self.assertIn(why, self.restore(marker, dump if made else dump[:len(dump) // 2], expect=1))
+            self.assertEqual(self.server.sql(self.FIND % "later"), "later" if made else "")
+            if made:
+                self.server.sql("DROP " + made)
+            info = self.panel.ask(func="backup2.item.info", elid="bob", role="")
+            self.assertNotIn("srv.later", [spec.get("name") for spec in info.iter("spec")])
+        self.server.sql(self.DROP_LATE)  # the restores above have made it for bob: now it is made anew
+        self.panel.command("user add eve --root /srv/eve --uid 1002")
+        self.panel.command("db add eve srv eves --owner late")
+        self.server.sql(self.MAKE_LATE)
+        for _ in range(2):
+            self.assertIn("account late: it is there already", self.restore(marker, dump, expect=3))
+            self.assertEqual(self.server.sql(self.HOLDERS, "later"), "")
+
 
 class MariaDb(SystemCase):
     kind, DUMPER = "mariadb", "mariadb-dump"
@@ -163,6 +191,9 @@ class MariaDb(SystemCase):
              "INSERT INTO wide VALUES ('new')")
     DROP, LEFT = "CALL fill(2); DROP DATABASE `%s`", "SHOW DATABASES LIKE 'b2%'"
     OWNED, FREE = "^owner1@localhost$", r"^b2_restore_\w+@%$"
+    FIND = "SELECT SCHEMA_NAME FROM information_schema.SCHEMATA WHERE SCHEMA_NAME='%s'"
+    MAKE_LATE, DROP_LATE = "CREATE USER late@localhost", "DROP USER late@localhost"
+    HOLDERS = "SELECT Db FROM mysql.db WHERE User='late'"
     OWNERS = " UNION ".join(
         f"SELECT DEFINER FROM information_schema.{what}S WHERE {schema}_SCHEMA='NAME'"
         for what, schema in (("VIEW", "TABLE"), ("ROUTINE", "ROUTINE"), ("EVENT", "EVENT"), ("TRIGGER", "TRIGGER")))
@@ -255,6 +286,10 @@ class Postgres(SystemCase):
     LEFT = ("SELECT datname FROM pg_database WHERE datname LIKE 'b2%' UNION "
             "SELECT rolname FROM pg_roles WHERE rolname LIKE 'b2_restore%'")
     OWNED, FREE = "^owner1$", r"^b2_owner_\w+$"
+    FIND = "SELECT datname FROM pg_database WHERE datname='%s'"
+    MAKE_LATE, DROP_LATE = "CREATE ROLE late", "DROP ROLE late"
+    HOLDERS = ("SELECT datname FROM pg_database WHERE datname='later' AND (pg_get_userbyid(datdba)='late' OR "
+               "datacl::text LIKE '%late=%') UNION SELECT relname FROM pg_class WHERE pg_get_userbyid(relowner)='late'")
     OWNERS = ("SELECT DISTINCT pg_get_userbyid(relowner) FROM pg_class WHERE relnamespace='public'::regnamespace "
               "UNION SELECT pg_get_userbyid(datdba) FROM pg_database WHERE datname=current_database()")
 
@@ -314,6 +349,26 @@ class Postgres(SystemCase):
                 self.assertFalse(canary.exists() or os.path.exists("/tmp/b2canary"))
                 self.assertEqual(self.state("target"), before)
         self.assertEqual(self.server.sql("SELECT rolsuper FROM pg_roles WHERE rolname='owner2'"), "f")
+        # Rights for the log-in of the restore would keep it; settings of the new database count for whoever comes
+        # in, and with these the second byte of the first letter swallows the backslash.
+        hash_ = hashlib.sha256(b"target").hexdigest()[:16]
+        evil = "\u0415\\', 1::name); ALTER ROLE owner2 SUPERUSER; --"
+        (self.system / "user.bob").write_text(
+            f'<doc><info dist="3"/><elem name="db.user"><elem><param name="name">{evil}</param><param name="type">postgresql'
+            '</param><grant database="target">ALL PRIVILEGES</grant></elem></elem></doc>')
+        self.tool("restore", self.system / "user.bob")
+        for text in (f"GRANT CREATE ON SCHEMA public TO b2_restore_{hash_};",
+                     f"ALTER DATABASE b2_new_{hash_} SET backslash_quote = on;"
+                     f"ALTER DATABASE b2_new_{hash_} SET client_encoding = 'SJIS';"):
+            with self.subTest(text):
+                self.server.sql("DROP DATABASE target")
+                self.server.sql("CREATE DATABASE target TEMPLATE template0 OWNER owner2")
+                self.server.sql(f"CREATE FUNCTION pad() RETURNS text LANGUAGE sql AS $$ SELECT '{'x' * 200}' $$", "target")
+                dump = self.dump(marker)
+                pad = re.search(rb"CREATE FUNCTION public\.pad.*?\$\$;\n", dump, re.S)[0]
+                self.restore(marker, dump.replace(pad, text.encode().ljust(len(pad))))
+                self.assertEqual(self.server.sql(self.LEFT), "")
+                self.assertEqual(self.server.sql("SELECT rolsuper FROM pg_roles WHERE rolname='owner2'"), "f")
         self.server.sql("ALTER ROLE owner2 SUPERUSER")
         self.assertIn("superuser", self.restore(marker, dump, expect=1))
 
