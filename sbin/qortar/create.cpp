@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <thread>
 
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
@@ -18,17 +17,13 @@
 #include "sbin/qortar/slice_writer.h"
 #include "sbin/qortar/tar_header.h"
 #include "sbin/qortar/tree_saver.h"
+#include "sbin/qortar/workers.h"
 
 namespace qortar {
 namespace {
 
 // Each thread takes about 5 MiB; more than these do not make it faster than one reader is.
 constexpr unsigned kMostJobs = 16;
-
-unsigned Jobs(const Options& options) {
-    const unsigned jobs = options.jobs != 0 ? options.jobs : std::thread::hardware_concurrency();
-    return std::clamp(jobs, 1U, kMostJobs);
-}
 
 bool Covers(const std::string& folder, const std::string& other) {
     return folder == "." || other == folder ||
@@ -89,7 +84,7 @@ int RunCreate(const Options& options) {
 
     SliceWriter slices(options.archive, options.slice_size, options.execute);
     ListingWriter listing(options.save_listing);
-    ArchiveStream stream(slices, listing, Jobs(options), level);
+    ArchiveStream stream(slices, listing, std::min(Jobs(options), kMostJobs), level);
     TreeSaver saver(options, stream, base.get());
     for (const std::string& folder : folders) saver.SaveFolder(folder);
     if (saver.Counts().entries == 0) {

@@ -21,6 +21,7 @@ namespace qortar {
 namespace {
 
 constexpr uint64_t kVerifyUnit = 32 << 20;
+constexpr uint64_t kHeaderBytes = 512;  // so that empty files count as work, too
 
 // ---- List ---------------------------------------------------------------------------------------
 
@@ -160,7 +161,7 @@ void Verification::Check(const std::deque<Record>& records, const Unit& unit) {
             const bool there = NextListed(reader, records[next], item);
             CheckHeader(reader, records[next], there, item);
             ReadContent(reader, totals_);
-            progress_.Add(records[next].size, 1);
+            progress_.Add(records[next].size + kHeaderBytes, 1);
         }
         if (next < records.size()) {
             const bool more = NextListed(reader, records[next], item);
@@ -187,7 +188,7 @@ void Verification::ByListing() {
     for (std::size_t i = 0; i < records.size(); ++i) {
         if (units.empty() || bytes >= kVerifyUnit * units.size()) units.push_back({i, i, false});
         units.back().end = i + 1;
-        bytes += records[i].size + 512;
+        bytes += records[i].size + kHeaderBytes;
         if (numbers.empty() || numbers.back() != records[i].slice)
             numbers.push_back(records[i].slice);
     }

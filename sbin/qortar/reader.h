@@ -22,8 +22,6 @@ public:
     TarStream& Tar() { return tar_; }
     /// Place and offset in its member of the current entry's header.
     Place HeaderPlace(uint32_t& offset) const;
-    /// The member that was last handed to the tar stream.
-    Place LastPlace() const { return block_.place; }
     /// True when the stream asked for more than there was: it has no end mark.
     bool RanDry() const { return ran_dry_; }
 

@@ -342,7 +342,7 @@ void TreeSaver::SaveSpecial(const Found& found, char type) {
     if (st.st_nlink > 1) {
         if (const std::string* first = links_.FirstName(st))
             return StoreLink(found.path, st, *first);
-        links_.Remember(st, found.path);
+        RememberLink(found.path, st);
     }
     if (type == 'l') entry.target = ReadTarget(fd);
     if (KeepUnchanged(entry)) return;

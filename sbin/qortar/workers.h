@@ -1,4 +1,4 @@
-/// The threads of the reading half.
+/// How many threads work, and those of the reading half.
 #pragma once
 
 #include <algorithm>
