@@ -330,7 +330,8 @@ done
         self.assertEqual(to.read_bytes(), content)
 
     def test_an_unfinished_backup_is_not_published(self):
-        info = self.info()
+        begin = "2999-01-01 00:00:00"  # the clock was put back meanwhile
+        info = self.info(created=begin)
         self.cp("--put", "--info-file", info, "--slice", self.slice(1, b"one"))
         final = ("--put", "--info-file", info, "--isolated", "--no-delete", self.listing())
         self.assertIn("last-slice", self.cp(*final, code=1))
@@ -339,6 +340,7 @@ done
         self.cp("--put", "--info-file", info, "--slice", self.slice(2, b"two"))
         self.cp(*final)
         self.assertEqual(info.exists(), True)  # left for the caller
+        self.assertIn(f"finished={begin}\n", self.listing().with_suffix(".info").read_text())
 
     def test_processes_record_slices_of_one_info_file_at_once(self):
         info, count = self.info(unknown="stays=so"), 12
