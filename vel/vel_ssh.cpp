@@ -16,6 +16,7 @@ namespace {
 
 constexpr char kPrograms[] = "lib/backup2_ssh";
 constexpr char kSystemPath[] = "BACKUP2_SYSTEM_PATH";
+constexpr char kUsualPath[] = "/usr/sbin:/usr/bin:/sbin:/bin";
 
 /// As the file names a server: "host", or "[host]:port" for another port than 22.
 std::string EntryOf(std::string host, const std::string& port) {
@@ -36,7 +37,8 @@ void PinHostKeys() {
         const std::string path = folder + program;
         if (::access(path.c_str(), X_OK) != 0) vel_err::RaiseErrno("access", path, errno);
     }
-    const std::string path = vel_env::GetEnv("PATH");
+    std::string path = vel_env::GetEnv("PATH");
+    if (path.empty()) path = kUsualPath;  // what shells do: they would find nothing but ours else
     vel_env::SetEnv(kSystemPath, path);
     vel_env::SetEnv("PATH", folder + ":" + path);
 }

@@ -489,7 +489,7 @@ done
             self.cp(*words, code=1)  # a value, not an option
 
     def test_check_says_which_step_fails(self):
-        self.assertIn("encrypted", self.cp("--check"))
+        self.assertIn("encrypted", self.cp("--check", PATH=None))
         self.assertEqual(list(self.store.iterdir()), [])
         file = self.root / "a file"
         file.write_text("")
