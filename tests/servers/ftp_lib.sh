@@ -14,7 +14,8 @@ prepare_ftp() {
   HASH=$(openssl passwd -6 -stdin <<<"$PASSWORD")
   chmod 755 "$WORK/data"
   mkdir "$ROOT" && chown "$ID" "$ROOT"
-  PORT=$(port_range 1) PASSIVE=$(port_range $PASSIVE_PORTS)
+  take_ports
+  PASSIVE=$((PORT + 1))
   openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 30 -subj /CN=localhost \
     -addext 'subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1' \
     -keyout "$WORK/data/tls.key" -out "$WORK/data/tls.crt" 2>"$WORK/log"

@@ -44,12 +44,21 @@ stop_server() {
   rm -f "$WORK/pid" "$WORK/socket_dir"
 }
 
-# port_range N: the first of N ports in a row, below the ephemeral ones, on which nobody listens.
-port_range() {
-  local first
-  for _ in $(seq 200); do
-    first=$((10000 + (RANDOM * 32768 + RANDOM) % 21000))
-    ss -Hltn "sport >= :$first and sport <= :$((first + $1 - 1))" | grep -q . || { echo "$first"; return; }
+# take_ports: PORT becomes the first of 50 ports in a row, below the ephemeral ones, on which nobody
+# listens and which no other of these servers takes: a lock on them is inherited by what is started
+# here, and ends with it.
+take_ports() {
+  local locks=/run/lock slot
+  [ -w "$locks" ] || locks=/tmp
+  locks=$locks/backup2-test-ports
+  [ -d "$locks" ] || mkdir -m 1777 "$locks" 2>/dev/null || [ -d "$locks" ] || die "cannot make $locks"
+  for _ in $(seq 400); do
+    slot=$((RANDOM % 420)) PORT=$((10000 + 50 * slot))
+    [ -e "$locks/$slot" ] || : >"$locks/$slot"
+    exec {PORT_LOCK}<"$locks/$slot"
+    if flock -n "$PORT_LOCK" &&
+      ! ss -Hltn "sport >= :$PORT and sport <= :$((PORT + 49))" | grep -q .; then return; fi
+    exec {PORT_LOCK}<&-
   done
   die "no free ports"
 }
