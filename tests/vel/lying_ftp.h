@@ -38,6 +38,7 @@ struct LyingFtp {
         for (const int fd : {listener_, passive_.load()}) ::close(fd);
     }
     std::string Address() const { return "127.0.0.1:" + std::to_string(control_); }
+    int Logins() const { return logins_; }  ///< passwords received
 
 private:
     static int Listen(int& port) {
@@ -82,6 +83,7 @@ private:
     }
     bool Obey(int fd, const std::string& command) {
         const std::string verb = command.substr(0, command.find(' '));
+        if (verb == "PASS") ++logins_;
         if (verb == "EPSV" || verb == "PASV") Renew();
         if (verb == "EPRT")
             peer_port_ = std::atoi(&command[command.rfind('|', command.size() - 2) + 1]);
@@ -172,7 +174,7 @@ private:
     const std::string data_, end_;
     std::vector<std::string> commands_;
     std::atomic<bool> stop_{false};
-    std::atomic<int> passive_{-1};
+    std::atomic<int> passive_{-1}, logins_{0};
     int listener_ = -1, control_ = 0, data_port_ = 0, peer_port_ = 0;
     std::thread thread_;
 };

@@ -27,6 +27,8 @@ const vel_log::Module logger("ftp");
 
 constexpr char kTemporaryBegin[] = "backup2-", kTemporaryEnd[] = ".part";
 constexpr std::size_t kTemporaryDigits = 24;
+// Before the name of a file that makes way for a newer one: so it can be given back.
+constexpr char kAside[] = "backup2-aside-";
 constexpr int kMaxDepth = 100;        // of folders in folders
 constexpr int kMaxLines = 1'000'000;  // of one listing
 
@@ -49,11 +51,17 @@ std::string Join(const std::string& folder, const std::string& name) {
     return (folder == "/" ? "" : folder) + "/" + name;
 }
 
+bool IsAside(const std::string& name) {
+    return name.size() >= sizeof kAside && name.starts_with(kAside);
+}
+
 /// "/a/b" -> {"/a", "b"}; "/" has no name.
 struct Place {
     explicit Place(const std::string& path)
         : folder(path.substr(0, std::max<std::size_t>(path.rfind('/'), 1))),
           name(path.substr(path.rfind('/') + 1)) {}
+    std::string Aside() const { return Join(folder, kAside + name); }
+
     std::string folder, name;
 };
 
@@ -100,6 +108,8 @@ public:
     bool Upload(const std::string& step, std::istream& in, const std::string& temporary);
     std::string StoredSize(const std::string& step, const std::string& path);
     void Rename(const std::string& step, const std::string& from, const std::string& to);
+    bool BringBack(const std::string& step, const std::string& path);
+    void Settle(const std::string& step, const std::string& folder, Names& names);
     void Forget(const std::string& temporary) noexcept;
     bool IsFile(const std::string& step, const std::string& path);
     std::optional<Names> NamesIn(const std::string& step, const std::string& folder);
@@ -182,20 +192,45 @@ void Ftp::Impl::Rename(const std::string& step, const std::string& from, const s
     };
     FtpReply reply = move(from, to);
     if (reply.ok) return;
-    const std::string old = Join(Place(to).folder, TemporaryName(to + str::Random(8)));
+    const Place place(to);
     const bool is_folder = session.Enter(step, to).ok;
-    if (is_folder || !move(to, old).ok) Refuse(step, reply.text);
+    const auto move_aside = [&] { return move(to, place.Aside()).ok; };
+    const auto move_aside_after_all = [&] {  // an older one may be in the way
+        std::optional<Names> names = NamesIn(step, place.folder);
+        if (names) Settle(step, place.folder, *names);
+        return move_aside();
+    };
+    if (is_folder || !(move_aside() || move_aside_after_all())) Refuse(step, reply.text);
     reply = move(from, to);
-    if (reply.ok) return Forget(old);
-    if (!move(old, to).ok) logger.Write(4, "%s: what was there lies as %s", step, old);
+    if (reply.ok) return Forget(place.Aside());
+    if (!BringBack(step, to)) logger.Write(4, "%s: what was there lies aside", step);
     Refuse(step, reply.text);
+}
+
+/// What was moved aside. False: there is nothing, or it stays there.
+bool Ftp::Impl::BringBack(const std::string& step, const std::string& path) {
+    return session.Command(step, {"RNFR " + Place(path).Aside(), "RNTO " + path}).ok;
+}
+
+/// Ends what killed uploads began: a file aside whose place is empty comes back, another goes.
+void Ftp::Impl::Settle(const std::string& step, const std::string& folder, Names& names) {
+    for (const std::string& aside : Names(names)) {
+        if (!IsAside(aside)) continue;
+        names.erase(aside);
+        const std::string name = aside.substr(sizeof kAside - 1);
+        if (names.count(name) > 0) {
+            Forget(Join(folder, aside));
+        } else if (BringBack(step, Join(folder, name))) {
+            names.insert(name);
+        }
+    }
 }
 
 void Ftp::Impl::Forget(const std::string& temporary) noexcept {
     try {
         session.Command("remove " + Shown(temporary), {"*DELE " + temporary});
     } catch (const std::exception& e) {  // the failure that led here is what counts
-        logger.Write(4, "%s stays until the next upload: %s", temporary, e.what());
+        logger.Write(4, "%s may stay until the next upload: %s", temporary, e.what());
     }
 }
 
@@ -284,7 +319,10 @@ void Ftp::SetMode(int mode) { impl_->session.SetActive(mode == 0); }
 
 void Ftp::Get(const std::string& path, std::ostream& out) {
     const std::string source = impl_->BelowRoot(path), step = "get " + Shown(source);
-    const FtpReply reply = impl_->session.Receive(step, source, out);
+    FtpReply reply = impl_->session.Receive(step, source, out);
+    const bool missing = !reply.ok && reply.status == kMissing;
+    if (missing && impl_->BringBack(step, source))
+        reply = impl_->session.Receive(step, source, out);
     if (!reply.ok) impl_->Refuse(step, reply.text, reply.status == kMissing ? "missed" : "refused");
 }
 
@@ -305,7 +343,8 @@ bool Ftp::Put(std::istream& in, const std::string& path) {
 
 void Ftp::List(const std::string& dir, std::list<std::string>& out) {
     const std::string path = impl_->Absolute(dir), step = "list " + Shown(path);
-    const std::optional<Names> names = impl_->NamesIn(step, path);
+    std::optional<Names> names = impl_->NamesIn(step, path);
+    if (names) impl_->Settle(step, path, *names);
     for (const std::string& name : names ? *names : impl_->NamesLike(step, path)) {
         if (!IsTemporary(name)) out.push_back(name);
     }

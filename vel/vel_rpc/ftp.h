@@ -15,9 +15,9 @@ namespace vel_rpc {
 /// goes to the address of the control connection, whatever the server says. A path without "/" at
 /// its beginning starts where the login leads to; one with "..", a control byte or 0xFF is refused.
 /// Failures throw vel_err::Error: "network" (no answer, no trusted certificate), "unauthorized"
-/// (login refused), "storage" with object "missed" or "refused" (value: step, path and the server's
-/// reply). No error holds a password. From the environment: BACKUP2_CA_FILE instead of the system's
-/// certificate authorities.
+/// (login refused; this object does not try it again), "storage" with object "missed" or "refused"
+/// (value: step, path and the server's reply). No error holds a password. From the environment:
+/// BACKUP2_CA_FILE instead of the system's certificate authorities.
 class Ftp {
 public:
     /// `address`: "host" or "host:port", also with "ftp://" (TLS when offered), "ftps://" (TLS from
@@ -36,7 +36,8 @@ public:
     /// Uploads under a temporary name in the same folder, compares the stored size with what was
     /// sent, renames. False: the server refused the data (no room, no right); throws for all other
     /// failures. The temporary is removed then, or by the next upload of this path. Where the
-    /// server replaces no file, the old one is removed before the new one gets its name.
+    /// server replaces no file, the old one is moved aside until the new one has its name; what a
+    /// killed program left aside the next List of the folder, or Get, brings back.
     bool Put(std::istream& in, const std::string& path);
     /// Appends the bare names in the folder; of a file its own name, of what does not exist
     /// nothing. An empty folder is told from a failure. Temporaries of uploads are left out.

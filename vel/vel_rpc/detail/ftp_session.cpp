@@ -145,6 +145,7 @@ private:
     void TakeReply(std::string_view line);
     bool IsFromServer(curl_socket_t fd);
     bool Stalled(curl_off_t moved);
+    [[noreturn]] void RefuseLogin(const std::string& step) const;
     [[noreturn]] void Fail(const std::string& step, CURLcode code, const FtpReply& reply);
     std::string Clean(std::string text) const;
     /// Runs a step of a C callback; what it throws is kept for Perform.
@@ -163,6 +164,7 @@ private:
     std::string home_;
     bool other_spelling_ = false, newest_tls_ = false;
     std::exception_ptr thrown_;
+    std::string login_refusal_;  // the server's words, once it has refused the login
     CURLcode last_code_ = CURLE_OK;
     std::string reply_;
     bool reply_whole_ = true;
@@ -310,6 +312,8 @@ CURLcode FtpSession::State::Run() {
 }
 
 FtpReply FtpSession::State::Perform(const std::string& step) {
+    // Servers count refused logins, and shut out the address of who repeats them.
+    if (!login_refusal_.empty()) RefuseLogin(step);
     CURLcode code = Run();
     if (code == CURLE_SSL_CONNECT_ERROR && !newest_tls_ && sent == 0) {
         newest_tls_ = true;
@@ -325,10 +329,16 @@ FtpReply FtpSession::State::Perform(const std::string& step) {
     return reply;
 }
 
+void FtpSession::State::RefuseLogin(const std::string& step) const {
+    throw vel_err::Error("unauthorized", server, server + ": " + step + ": " + login_refusal_);
+}
+
 void FtpSession::State::Fail(const std::string& step, CURLcode code, const FtpReply& reply) {
     const std::string where = server + ": " + step + ": ";
-    if (code == CURLE_LOGIN_DENIED)
-        throw vel_err::Error("unauthorized", server, where + reply.text);
+    if (code == CURLE_LOGIN_DENIED && reply.status >= 500) {  // else: too many users, try later
+        login_refusal_ = reply.text;
+        RefuseLogin(step);
+    }
     std::string why = Clean(reason_[0] ? reason_ : curl_easy_strerror(code));
     if (code == CURLE_ABORTED_BY_CALLBACK) why = "hardly a byte came or went for too long";
     if (code == CURLE_SEND_ERROR && source) {

@@ -21,7 +21,8 @@ struct FtpReply {
 
 /// Paths are absolute and without control bytes. Every step may throw, besides what its source or
 /// sink throws, vel_err::Error: "network" (no answer, a cut transfer, no trusted certificate) or
-/// "unauthorized" (login refused). A step that the server refuses is a reply that is not ok.
+/// "unauthorized" (login refused; every later step throws it at once and asks nobody). A step that
+/// the server refuses is a reply that is not ok.
 class FtpSession {
 public:
     FtpSession(const std::string& address, const std::string& user, const std::string& password,
