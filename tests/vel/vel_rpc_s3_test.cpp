@@ -161,11 +161,21 @@ TEST_P(S3Server, AFailedUploadLeavesTheOldFileAndNoParts) {
 
 TEST_P(S3Server, UploadsOfAKilledProgramAreSweptWhenTheyAreOld) {
     vel_rpc::detail::S3Bucket bucket(Credential(server_));
-    for (const char* key : {"sweep/a b", "sweep/b", "other/c"}) bucket.BeginUpload(key);
+    for (const char* key : {"sweep/a b", "sweep/b"}) bucket.BeginUpload(key);
+    const std::string id = bucket.BeginUpload("other/c"), part = "part";
+    EXPECT_EQ(bucket.NewestPart("other/c", id), 0);
+    for (const int number : {1, 7}) {
+        const std::string md5 = vel_hash::Digest(vel_hash::HashType::Md5, part);
+        const auto sent = bucket.PartRequest("other/c", id, number, part, md5);
+        ASSERT_TRUE(bucket.Connection().SendRetried(sent).Ok());
+    }
+    EXPECT_NEAR(static_cast<double>(bucket.NewestPart("other/c", id)),
+                static_cast<double>(std::time(nullptr)), 3000);
     EXPECT_EQ(s3_.AbortStale("/", 1), 0);
     EXPECT_EQ(s3_.AbortStale("/sweep/", kNow), 2);
     EXPECT_EQ(s3_.AbortStale("/", kNow), 1);
     EXPECT_EQ(s3_.AbortStale("/", kNow), 0);
+    EXPECT_EQ(bucket.NewestPart("other/c", id), 0) << "it is gone";
 }
 
 TEST_P(S3Server, ADeadCredentialIsToldFromARefusal) {
@@ -278,6 +288,33 @@ TEST_F(S3Evil, ListingsThatLieAreRefused) {
     }
     EXPECT_EQ(FailureOf(key(std::string("d/") + std::string(300, 'n'))), "none");
     EXPECT_EQ(FailureOf(key("d/")), "none") << "a mark of the folder itself";
+}
+
+TEST_F(S3Evil, OldUploadsThatStillMoveAreNotSwept) {
+    const auto upload = [](const char* key) {
+        return std::string("<Upload><Key>d/") + key + "</Key><UploadId>" + key +
+               "</UploadId><Initiated>2020-01-01T00:00:00.000Z</Initiated></Upload>";
+    };
+    const auto parts = [](const char* year, const char* more) {
+        return Xml(std::string("<ListPartsResult>") + more + "<Part><LastModified>" + year +
+                   "-01-01T00:00:00.000Z</LastModified></Part></ListPartsResult>");
+    };
+    const EvilServer server(
+        {{Xml("<ListMultipartUploadsResult>" + upload("moves") + upload("dead") + upload("done") +
+              "</ListMultipartUploadsResult>")},
+         {parts("2020",
+                "<IsTruncated>true</IsTruncated>"
+                "<NextPartNumberMarker>1000</NextPartNumberMarker>")},
+         {parts("2999", "")},
+         {parts("2020", "")},
+         {Answer("204 No Content")},
+         {Answer("404 Not Found", "<Error><Code>NoSuchUpload</Code></Error>")}});
+    S3 s3(For(server));
+    EXPECT_EQ(s3.AbortStale("/d/", 24), 1);
+    const Names requests = server.Requests();
+    ASSERT_EQ(requests.size(), 7U);
+    EXPECT_TRUE(requests[2].starts_with("GET /bkt/d/moves?part-number-marker=1000&uploadId=moves"));
+    EXPECT_TRUE(requests[4].starts_with("DELETE /bkt/d/dead?uploadId=dead"));
 }
 
 TEST_F(S3Evil, RemovesNothingElsewhere) {

@@ -4,8 +4,6 @@ namespace vel_rpc {
 
 int Cloud::AbortStale(const std::string&, int) { return 0; }
 
-std::string Cloud::Credential() const { return {}; }
-
 void CloudClient::Get(const std::string& path, std::ostream& out) { provider_->Get(path, out); }
 
 int CloudClient::Put(const std::string& path, std::istream& in, const std::string& type) {
@@ -27,7 +25,5 @@ void CloudClient::DropToken() { provider_->DropToken(); }
 int CloudClient::AbortStale(const std::string& path, int hours) {
     return provider_->AbortStale(path, hours);
 }
-
-std::string CloudClient::Credential() const { return provider_->Credential(); }
 
 }  // namespace vel_rpc

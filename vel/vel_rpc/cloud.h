@@ -38,12 +38,9 @@ public:
     virtual void RmDir(const std::string& path) = 0;
     /// Gives the credential back to the provider, where there is a way, and forgets it.
     virtual void DropToken() = 0;
-    /// Removes what uploads below the folder `path` left that began more than `hours` ago and were
-    /// killed (-1: of any age); how many. Does nothing where the provider itself forgets them.
+    /// Removes what killed uploads below the folder `path` left that have not moved for more than
+    /// `hours` (-1: of any age); how many. Does nothing where the provider itself forgets them.
     virtual int AbortStale(const std::string& path, int hours);
-    /// The credential with the tokens as they are now: a refresh may bring new ones. "" for a kind
-    /// whose credential never changes.
-    virtual std::string Credential() const;
 
 protected:
     Cloud() = default;
@@ -60,7 +57,6 @@ public:
     void RmDir(const std::string& path) final;
     void DropToken() final;
     int AbortStale(const std::string& path, int hours) final;
-    std::string Credential() const final;
 
 protected:
     explicit CloudClient(std::unique_ptr<Cloud> provider) : provider_(std::move(provider)) {}

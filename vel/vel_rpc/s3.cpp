@@ -148,6 +148,7 @@ int S3Cloud::AbortStale(const std::string& path, int hours) {
         for (const S3Bucket::Unfinished& upload : page.uploads) {
             RequireBelow(prefix, upload.key);
             if (detail::TimeOf("S3", "list uploads", upload.began) > limit) continue;
+            if (hours >= 0 && bucket_.NewestPart(upload.key, upload.id) > limit) continue;
             aborted += bucket_.AbortUpload(upload.key, upload.id) ? 1 : 0;
         }
     } while (!page.next_key.empty());

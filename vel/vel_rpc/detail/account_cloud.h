@@ -33,7 +33,6 @@ public:
         }
         account_.Forget();
     }
-    std::string Credential() const final { return account_.Credential(); }
 
 protected:
     AccountCloud(Provider provider, const std::string& credential)

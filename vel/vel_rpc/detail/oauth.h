@@ -93,8 +93,6 @@ public:
 
     /// "access_token", "refresh_token", "client_id", "client_secret"; "" when absent.
     std::string Member(const std::string& name) const;
-    /// With the tokens as they are now: a refresh may bring a new refresh token.
-    std::string Credential() const;
     void Forget();  ///< every later call throws Unauthorized
 
 private:
@@ -102,6 +100,8 @@ private:
     Outcome PerformAs(Request& request);
     bool MaySeeToken(const std::string& url) const;
     bool RunOut() const;
+    /// With the tokens as they are now: a refresh may bring a new refresh token.
+    std::string Credential() const;
     bool TakeKept();
     void Renew();
     void Refresh();

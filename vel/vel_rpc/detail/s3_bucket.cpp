@@ -8,6 +8,7 @@
 #include "vel/vel_err.h"
 #include "vel/vel_hash.h"
 #include "vel/vel_proc.h"
+#include "vel/vel_rpc/detail/cloud_parts.h"
 #include "vel/vel_rpc/detail/transfer.h"
 
 namespace vel_rpc::detail {
@@ -355,6 +356,37 @@ bool S3Bucket::AbortUpload(const std::string& key, const std::string& id) {
     const Response response = http_.SendRetried(Make("DELETE", key, {{"uploadId", id}}));
     if (!response.Ok() && response.status != 404) Fail("abort upload of", key, response);
     return response.Ok();
+}
+
+/// No document when the server does not know the upload.
+vel_xml::Xml S3Bucket::ListParts(const std::string& key, const Query& query) {
+    try {
+        return AskXml("list parts of", Make("GET", key, query), key, "ListPartsResult");
+    } catch (const vel_err::Error& e) {
+        const bool is_gone = e.object() == "missed" ||  // so Ceph calls it
+                             e.value().find(" NoSuchUpload") != std::string::npos;
+        if (!is_gone) throw;
+        return {};
+    }
+}
+
+std::time_t S3Bucket::NewestPart(const std::string& key, const std::string& id) {
+    Query query = {{"uploadId", id}};
+    std::time_t newest = 0;
+    for (int last = 0;;) {  // a number of a part
+        const vel_xml::Xml xml = ListParts(key, query);
+        const vel_xml::XmlNode root = xml.GetRoot();
+        for (auto node = root.FirstChild(); node; node = node.Next()) {
+            if (node.Name() != "Part") continue;
+            const std::string came = Child(node, "LastModified");
+            newest = std::max(newest, TimeOf(kService, "list parts of '" + key + "'", came));
+        }
+        if (Child(root, "IsTruncated") != "true") return newest;
+        const int next = str::Int(Child(root, "NextPartNumberMarker"));
+        if (next <= last)
+            throw vel_err::Error("storage", "refused", "S3: list parts: it does not end");
+        query["part-number-marker"] = std::to_string(last = next);
+    }
 }
 
 S3Bucket::UploadsPage S3Bucket::ListUploads(const std::string& prefix, const UploadsPage& last) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <optional>
 #include <ostream>
@@ -69,6 +70,9 @@ public:
     /// False: the server does not know the upload.
     bool AbortUpload(const std::string& key, const std::string& id);
     UploadsPage ListUploads(const std::string& prefix, const UploadsPage& last);
+    /// When the last part of an unfinished upload came; 0 without parts, or when the server does
+    /// not know the upload (any more).
+    std::time_t NewestPart(const std::string& key, const std::string& id);
 
     Http& Connection() { return http_; }
 
@@ -80,6 +84,7 @@ private:
     std::string Ask(const std::string& step, Request request, const std::string& key);
     vel_xml::Xml AskXml(const std::string& step, const Request& request, const std::string& key,
                         const std::string& root);
+    vel_xml::Xml ListParts(const std::string& key, const Query& query);
 
     Http http_;
     std::string base_, signing_, access_key_, secret_key_;
