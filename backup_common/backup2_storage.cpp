@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/vfs.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -15,6 +16,7 @@
 #include "vel/str.h"
 #include "vel/stream.h"
 #include "vel/test.h"
+#include "vel/vel_env.h"
 #include "vel/vel_err.h"
 #include "vel/vel_file.h"
 #include "vel/vel_hash.h"
@@ -462,18 +464,35 @@ std::string PortOf(const BackupToken& token) {
     return port.empty() ? kDefaultPort : vel_proc::Escape(port);
 }
 
+// ssh itself waits for ever. A transfer ends after so many seconds with hardly a byte, in which a
+// server may write to its disk what it took; a log-in and a silent command after these in all.
+constexpr int kStallSeconds = 300, kLoginSeconds = 60, kCommandsPerStall = 12;
+
+int StallSeconds() {
+    const int seconds = str::Int(vel_env::GetEnv("BACKUP2_STALL_SECONDS"));
+    return seconds > 0 ? seconds : kStallSeconds;
+}
+
+vel_proc::Execute TransferOf(std::vector<std::string> argv, int mode) {
+    vel_proc::Execute transfer(std::move(argv), mode);
+    transfer.EndWhenStalled(StallSeconds());
+    return transfer;
+}
+
+vel_proc::Execute CommandOf(std::vector<std::string> ssh) {
+    vel_proc::Execute command(std::move(ssh), kCapture);
+    command.EndAfter(kCommandsPerStall * StallSeconds());
+    return command;
+}
+
 /// scp takes a relative path with a ":" for one on another host.
 std::string Absolute(const std::string& path) { return std::filesystem::absolute(path).string(); }
 
 /// For commands whose failure is no error: to remove what is not there, for example.
-void RunAndForgive(std::vector<std::string> ssh) {
-    vel_proc::Execute(std::move(ssh), kCapture).Result();
-}
+void RunAndForgive(std::vector<std::string> ssh) { CommandOf(std::move(ssh)).Result(); }
 
 void RunScp(std::vector<std::string> scp) {
-    if (vel_proc::Execute(std::move(scp), kCapture).Result() != 0) {
-        throw vel_err::Error("scp failed");
-    }
+    if (TransferOf(std::move(scp), kCapture).Result() != 0) throw vel_err::Error("scp failed");
 }
 
 /// Logs in, with the client's words in place of its silence, and throws for what it meets.
@@ -481,18 +500,20 @@ void ReachHost(const std::string& host, const std::string& port, const std::stri
     vel_proc::Execute login({"ssh", "-o", "StrictHostKeyChecking=no", "-o", "BatchMode=yes", "-o",
                              "ConnectTimeout=30", "-i", key_file, "-p", port, host, "true"},
                             vel_proc::kJoinErrors);
+    login.EndAfter(std::min(kLoginSeconds, StallSeconds()));
     std::string words = str::Trim(login.Str());
     if (login.Result() == 0) return;
-    const bool other_key = words.find("Host key verification failed") != std::string::npos;
-    const std::string last = str::RGetWord(words, "\n");
-    throw vel_err::Error("storage", other_key ? "host_key" : "unreachable",
-                         other_key ? host : host + ": " + last);
+    const auto says = [&words](const char* what) { return words.find(what) != words.npos; };
+    if (says("Host key verification failed")) throw vel_err::Error("storage", "host_key", host);
+    const bool refused = says("Permission denied") || says("Too many authentication failures");
+    const std::string why = login.WasEnded() ? "no answer" : str::RGetWord(words, "\n");
+    throw vel_err::Error("storage", refused ? "login_refused" : "unreachable", host + ": " + why);
 }
 
 /// What `wc` and `sha256sum` print of one file; nothing when the server has no such programs.
 std::optional<std::pair<uint64_t, std::string>> RemoteSum(std::vector<std::string> ssh) {
     constexpr std::size_t kDigits = 64;
-    vel_proc::Execute sum(std::move(ssh), kCapture);
+    vel_proc::Execute sum = CommandOf(std::move(ssh));
     std::string words = sum.Str();
     if (sum.Result() != 0) return std::nullopt;
     const std::string size = str::Trim(str::GetWord(words, '\n'));
@@ -504,9 +525,10 @@ std::optional<std::pair<uint64_t, std::string>> RemoteSum(std::vector<std::strin
     return std::make_pair(static_cast<uint64_t>(str::Int64(size)), digest);
 }
 
-/// Appends the names that a remote `ls` prints. Its failure gives no lines.
+/// Appends the names that a remote `ls` prints. Its failure gives no lines, but one that does not
+/// end is no listing.
 void AppendListing(std::list<std::string>& out, std::vector<std::string> ssh) {
-    vel_proc::Execute ls(std::move(ssh), kCapture);
+    vel_proc::Execute ls = CommandOf(std::move(ssh));
     std::string line;
     std::size_t size = 0;
     for (std::istreambuf_iterator<char> byte(ls.Out()), end; byte != end; ++byte) {
@@ -520,6 +542,7 @@ void AppendListing(std::list<std::string>& out, std::vector<std::string> ssh) {
     }
     if (!line.empty()) out.push_back(vel_file::Name(line));
     ls.Result();
+    if (ls.WasEnded()) throw vel_err::Error("storage", "listing_too_slow");
 }
 
 /// Decrypts what the remote command prints into the file `plain`. A command that fails is noticed
@@ -527,7 +550,7 @@ void AppendListing(std::list<std::string>& out, std::vector<std::string> ssh) {
 void DecodeRemote(std::vector<std::string> ssh, const std::string& password,
                   const std::string& plain) {
     const vel_proc::Pipe pipe;
-    vel_proc::Execute source(std::move(ssh), vel_proc::kStream);
+    vel_proc::Execute source = TransferOf(std::move(ssh), vel_proc::kStream);
     source.RedirectOutTo(pipe.Out()).Run();
     pipe.Out().Close();
     vel_proc::Execute decoder(kDecoder + " -out " + vel_proc::Escape(plain), vel_proc::kStream);
@@ -536,7 +559,7 @@ void DecodeRemote(std::vector<std::string> ssh, const std::string& password,
     pipe.In().Close();
     // First the end that another machine keeps talking: its messages must be taken for it to go on.
     source.Result();
-    if (decoder.Result() != 0) FailToDecode();
+    if (decoder.Result() != 0 || source.WasEnded()) FailToDecode();
 }
 
 }  // namespace
@@ -772,7 +795,7 @@ void SftpStorage::Encode(const std::string& local, std::vector<std::string> ssh)
     vel_proc::Execute encoder(kEncoder + " -in " + vel_proc::Escape(local), vel_proc::kStream);
     encoder.In(password_).CloseIn().RedirectOutTo(pipe.Out()).Run();
     pipe.Out().Close();
-    vel_proc::Execute store(std::move(ssh), kCapture);
+    vel_proc::Execute store = TransferOf(std::move(ssh), kCapture);
     store.RedirectInTo(pipe.In());
     pipe.In().Close();
     if (store.Result() != 0) FailToEncode();

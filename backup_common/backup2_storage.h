@@ -66,7 +66,9 @@ private:
 /// serves one task: after a failed MkDir take a new object.
 ///
 /// Get and Put throw std::runtime_error "Fail to decode" / "Fail to encode" when openssl fails,
-/// and vel_err::Error for what the back-end meets. Get leaves the local file as it was when it
+/// and vel_err::Error for what the back-end meets. None hangs: behind ssh a transfer ends after 5
+/// minutes (BACKUP2_STALL_SECONDS) with hardly a byte, a log-in after one, another command after an
+/// hour; the other kinds as their clients say. Get leaves the local file as it was when it
 /// fails; Put may leave a partial file on the storage, which the caller removes.
 /// The owner is always the shared pointer of GetStorage, which destroys the concrete class.
 class BACKUP2_EXPORT Storage {
@@ -90,15 +92,16 @@ public:
     virtual void RealMkDir(const std::string& full_path) = 0;
     /// Removes a directory with its contents, and its parent when that became empty.
     virtual void RmDir(const std::string& dir) = 0;
-    /// Removes below the directory `dir` ("" is all) what killed uploads left that began more than
-    /// `hours` ago (-1: of any age), where no later upload of the same file does that; how many.
+    /// Removes below the directory `dir` ("" is all) what killed uploads left that have not moved
+    /// for more than `hours` (-1: of any age), where no later upload of the same file does that;
+    /// how many.
     virtual int Sweep(const std::string& dir, int hours);
     /// Size and lower-case hex SHA-256 of the stored bytes of `name`, worked out where they lie.
     /// Nothing: this kind, or this server, cannot; only reading the bytes back tells.
     virtual std::optional<std::pair<uint64_t, std::string>> StoredSum(const std::string& name);
-    /// Throws vel_err::Error "storage" with the object "host_key" or "unreachable" (value: the host
-    /// and why) when there is no way in. For kinds whose other calls do not tell that: removing and
-    /// listing behind ssh. All others do nothing here.
+    /// Throws vel_err::Error "storage" with the object "host_key", "login_refused" or "unreachable"
+    /// (value: the host and why) when there is no way in. For kinds whose other calls do not tell
+    /// that: removing and listing behind ssh. All others do nothing here.
     virtual void Reach();
 
     /// From now on `watch` sees all that Put gives to PutArch, as it is stored, in order. Kinds

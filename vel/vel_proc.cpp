@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <string_view>
@@ -123,6 +124,56 @@ void RefuseNul(const std::vector<std::string>& texts) {
 struct Limit {
     int resource;
     rlimit value;
+};
+
+/// What a process has read and written so far; nothing where the system does not count that.
+std::optional<uint64_t> BytesMoved(pid_t pid) {
+    std::ifstream counts("/proc/" + std::to_string(pid) + "/io");
+    std::string read, written;
+    uint64_t in = 0, out = 0;
+    if (!(counts >> read >> in >> written >> out) || read != "rchar:") return std::nullopt;
+    return in + out;
+}
+
+/// How long a child may take, and be silent.
+class Leash {
+public:
+    void LimitTime(int seconds) { time_ = std::chrono::seconds(seconds); }
+    void LimitStall(int seconds) { stall_ = std::chrono::seconds(seconds); }
+    void Begin() { began_ = moved_at_ = looked_ = Clock::now(); }
+    /// For a wait of so many milliseconds, -1 for ever: until the next look at the child.
+    int Shortened(int milliseconds) const {
+        if (time_.count() == 0 && stall_.count() == 0) return milliseconds;
+        return milliseconds < 0 ? kLookMs : std::min(milliseconds, kLookMs);
+    }
+    bool IsOver(pid_t pid) {
+        const auto now = Clock::now();
+        const auto since_look = now - looked_;
+        if (since_look < std::chrono::milliseconds(kLookMs)) return false;
+        looked_ = now;
+        if (since_look > kPause) moved_at_ += since_look;  // nobody looked, or all were stopped
+        if (time_.count() > 0 && now - began_ >= time_) return true;
+        return stall_.count() > 0 && IsStalled(pid, now);
+    }
+
+private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr int kLookMs = 200;
+    static constexpr std::chrono::seconds kPause{5};
+    static constexpr int kSlowest = 16;  // bytes a second that count as moving
+
+    bool IsStalled(pid_t pid, Clock::time_point now) {
+        const std::optional<uint64_t> moved = BytesMoved(pid);
+        if (!moved || *moved - moved_ >= static_cast<uint64_t>(kSlowest * stall_.count())) {
+            moved_ = moved.value_or(0);
+            moved_at_ = now;
+        }
+        return now - moved_at_ >= stall_;
+    }
+
+    std::chrono::seconds time_{0}, stall_{0};
+    Clock::time_point began_, moved_at_, looked_;
+    uint64_t moved_ = 0;
 };
 
 struct Plan {
@@ -270,12 +321,13 @@ struct Execute::Impl {
     const int mode;
     EnvChanges env;
     std::vector<Limit> limits;
+    Leash leash;
     std::string input;  // not yet taken by the child, from input_done on
     std::size_t input_done = 0;
     bool has_input = false, input_closed = false;
     ResHandle redirected_in, redirected_out;
 
-    bool started = false, ended = false;
+    bool started = false, ended = false, overdue = false;
     pid_t pid = -1;
     std::optional<int> status;
     ResHandle in, out, err, pidfd;  // this process's ends
@@ -296,6 +348,8 @@ private:
     void NoteEnd() noexcept;
     void Reap();
     bool WaitForEnd(int milliseconds) noexcept;
+    void Terminate() noexcept;
+    void EndOverdue();
     void LogFailure() const;
     std::size_t InputLeft() const { return input.size() - input_done; }
 };
@@ -333,6 +387,7 @@ void Execute::Impl::Launch(const std::string& program, std::vector<std::string>&
     pid = ForkWithSignalsBlocked(plan);
     if (pid < 0) RaiseErrno("fork", argv[0], errno);
     started = true;
+    leash.Begin();
     pidfd = ResHandle(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
     child_ends.clear();
     redirected_in = redirected_out = ResHandle();
@@ -404,6 +459,7 @@ bool Execute::Impl::Turn(bool want_output, int timeout_ms) {
     waited[kOut] = {want_output ? int(out) : -1, POLLIN, 0};
     waited[kErr] = {err, POLLIN, 0};
     waited[kChild] = {ended ? -1 : int(pidfd), POLLIN, 0};
+    timeout_ms = leash.Shortened(timeout_ms);
     if (!ended && !pidfd && (timeout_ms < 0 || timeout_ms > kPollWithoutPidfdMs)) {
         timeout_ms = kPollWithoutPidfdMs;
     }
@@ -414,6 +470,7 @@ bool Execute::Impl::Turn(bool want_output, int timeout_ms) {
     if (waited[kIn].revents != 0) Feed();
     if (waited[kErr].revents != 0) KeepTail();
     if (!ended && (!pidfd || waited[kChild].revents != 0)) NoteEnd();
+    if (!ended && !overdue && leash.IsOver(pid)) EndOverdue();
     return waited[kOut].revents != 0;
 }
 
@@ -556,11 +613,21 @@ bool Execute::Impl::WaitForEnd(int milliseconds) noexcept {
     return true;
 }
 
+void Execute::Impl::Terminate() noexcept {
+    ::kill(pid, SIGTERM);
+    if (!WaitForEnd(kTermWaitMs)) ::kill(pid, SIGKILL);
+}
+
+void Execute::Impl::EndOverdue() {
+    logger.Write(4, "'%s' does not go on and is ended", argv[0]);
+    overdue = true;
+    Terminate();
+}
+
 void Execute::Impl::End() noexcept {
     if (pid < 0) return;
     for (ResHandle* end : {&in, &out, &err}) end->Close();
-    ::kill(pid, SIGTERM);
-    if (!WaitForEnd(kTermWaitMs)) ::kill(pid, SIGKILL);
+    Terminate();
     while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
     pid = -1;
@@ -625,6 +692,18 @@ Execute& Execute::SetLimit(int resource, uint64_t value) {
     impl_->limits.push_back({resource, {value, value}});
     return *this;
 }
+
+Execute& Execute::EndAfter(int seconds) {
+    impl_->leash.LimitTime(seconds);
+    return *this;
+}
+
+Execute& Execute::EndWhenStalled(int seconds) {
+    impl_->leash.LimitStall(seconds);
+    return *this;
+}
+
+bool Execute::WasEnded() const { return impl_->overdue; }
 
 Execute& Execute::In(const std::string& bytes) {
     if (impl_->input_closed || (impl_->started && !impl_->has_input)) {

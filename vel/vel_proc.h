@@ -67,6 +67,13 @@ public:
     Execute& RedirectInTo(vel_file::ResHandle fd);
     Execute& RedirectOutTo(vel_file::ResHandle fd);
 
+    /// Both end the child (TERM, then KILL) while Str, Out or Result wait for it: so many seconds
+    /// after its start, or when it has read and written less than 16 bytes a second for so long. 0:
+    /// no limit.
+    Execute& EndAfter(int seconds);
+    Execute& EndWhenStalled(int seconds);
+    bool WasEnded() const;  ///< by one of these
+
     /// Starts the child, gives it what its input takes without waiting, and returns: a child with a
     /// short input whose output was redirected works on by itself.
     /// Throws vel_err::Error "sys" when no process can be made.

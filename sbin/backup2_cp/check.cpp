@@ -69,11 +69,14 @@ void DeleteProbe(const Probe& probe, backup2::Storage& storage) {
     storage.RmDir(probe.folder);
 }
 
+/// After a failure: its folder may be there without it.
 void CleanUp(const Target& target, const Probe& probe) {
     try {
-        if (Lists(*target.Open(), probe)) target.Open()->RmDir(probe.folder);
+        const auto storage = target.Open();
+        storage->RmDir(probe.folder);
+        if (Lists(*storage, probe)) logger.Write(5, "a probe stays in %s", probe.folder);
     } catch (const std::exception& e) {
-        logger.Write(5, "a probe stays in %s: %s", probe.folder, target.Redacted(e));
+        logger.Write(5, "a probe may stay in %s: %s", probe.folder, target.Redacted(e));
     }
 }
 
@@ -99,7 +102,7 @@ void RunSteps(const Target& target, const Probe& probe) {
         try {
             step.second();
         } catch (const std::exception& e) {
-            if (storage) CleanUp(target, probe);
+            if (storage && !IsRefusedLogin(e)) CleanUp(target, probe);
             throw std::runtime_error(target.Describe() + ": cannot " + step.first + ": " +
                                      Reason(e));
         }

@@ -17,6 +17,15 @@ struct NoRoom : Permanent {
     using Permanent::Permanent;
 };
 
+/// A server refuses our key.
+struct KeyRefused : Permanent {
+    using Permanent::Permanent;
+};
+
+/// The storage refuses the login, whatever its kind: another call would fare no better, and servers
+/// shut out who tries too often.
+bool IsRefusedLogin(const std::exception& e);
+
 /// One line for people: the reason, with the object it concerns.
 std::string Reason(const std::exception& e);
 

@@ -128,8 +128,9 @@ void Target::Reach(backup2::Storage& storage) const {
     } catch (const vel_err::Error& e) {
         stamp.Drop();
         if (e.type() != "storage") throw;
-        if (e.object() != "host_key")
-            throw std::runtime_error(Describe() + ": no way in to " + e.value());
+        const std::string no_way = Describe() + ": no way in to " + e.value();
+        if (e.object() == "login_refused") throw KeyRefused(no_way);
+        if (e.object() != "host_key") throw std::runtime_error(no_way);
         throw Permanent(Describe() + ": the host key of " + e.value() +
                         " is not the recorded one; if that is right: backup2 storage check " +
                         str::Trim(user_ + " --accept-host-key"));
@@ -181,6 +182,11 @@ std::string Target::Describe() const {
 
 // ---- Failing and trying again -------------------------------------------------------------------
 
+bool IsRefusedLogin(const std::exception& e) {
+    const auto* error = dynamic_cast<const vel_err::Error*>(&e);
+    return (error && error->type() == "unauthorized") || dynamic_cast<const KeyRefused*>(&e);
+}
+
 std::string Reason(const std::exception& e) {
     const auto* error = dynamic_cast<const vel_err::Error*>(&e);
     if (!error) return e.what();
@@ -212,15 +218,16 @@ void Target::Retry(const std::string& what, const std::function<void()>& attempt
     for (int failed = 0;; ++failed) {
         try {
             return attempt();
-        } catch (const Permanent&) {
-            if (undo) undo();
+        } catch (const Permanent& e) {
+            if (undo && !IsRefusedLogin(e)) undo();
             throw;
         } catch (const std::exception& e) {
+            const bool is_last = failed == kRetries || IsRefusedLogin(e);
             ForgetReached();
-            if (undo) undo();
+            if (undo && !IsRefusedLogin(e)) undo();
             const std::string reason = Redacted(e);
             logger.Write(4, "%s: attempt %d failed: %s", what, failed + 1, reason);
-            if (failed == kRetries) throw std::runtime_error(what + ": " + reason);
+            if (is_last) throw std::runtime_error(what + ": " + reason);
         }
         vel_proc::Sleep(pause << failed);
     }

@@ -1,5 +1,6 @@
 // What only the storages behind ssh do: their argument vectors, by stand-in programs, and faults of
 // a real server. The rest is in tests/contract.
+#include <future>
 #include <regex>
 #include <sstream>
 
@@ -12,6 +13,7 @@
 #include "backup_common/backup2_storage.h"
 
 #include "tests/backup_common/fixtures.h"
+#include "tests/support/evil_server.h"
 #include "tests/support/server.h"
 
 namespace backup2 {
@@ -216,6 +218,14 @@ TEST_F(SshFaults, EveryTransferReportsThem) {
     EXPECT_EQ(Failures(), kAllFail) << "connection cut half-way";
     TearDown();
 
+    {
+        const EnvGuard impatient("BACKUP2_STALL_SECONDS", "1");
+        Misbehave("cat", "while kill -0 $SESSION 2>&-; do printf x; sleep 0.2; done");
+        Misbehave("sftp-server", "exec cat >/dev/null");
+        EXPECT_EQ(Failures(), kAllFail) << "a server that takes nothing and hardly gives a byte";
+    }
+    TearDown();
+
     base_ = "/proc/read-only";
     EXPECT_EQ(Failures(), kAllFail) << "nothing can be created there";
     base_ = Sshd()["root"] + "/base";
@@ -228,6 +238,30 @@ TEST_F(SshFaults, EveryTransferReportsThem) {
     key_ = "key";
     Plain()->List(names, "u/d");
     EXPECT_EQ(names, std::list<std::string>{"F.u.tgz.aes"}) << "the next run works";
+}
+
+TEST_F(SshFaults, NothingHangsOnAServerThatDoesNotGoOn) {
+    const EnvGuard impatient("BACKUP2_STALL_SECONDS", "1");
+    Misbehave("ls", "while kill -0 $SESSION 2>&-; do sleep 0.2; done");
+    auto listing = std::async(std::launch::async, [this] {  // a silent command may take longer
+        std::list<std::string> names;
+        return Failure([&] { Plain()->List(names, ""); });
+    });
+    const EvilServer mute({{"", EvilAnswer::Mute}});
+    WriteFile("in", "bytes");
+    const std::string port = ";port=" + str::Replace(mute.Url(), "http://127.0.0.1:", "");
+    const std::string node = "type=node;ip=127.0.0.1;key_path=" + Sshd()["key"] + port;
+    for (const std::string& token : {Token(port), node}) {
+        const auto plain = GetStorage(BackupToken(token));
+        EXPECT_EQ(Failure([&] { plain->Reach(); }), "storage unreachable");
+        EXPECT_EQ(Failure([&] { plain->Get(kArchive, "out"); }), "scp failed");
+        const auto encrypted = GetStorage(BackupToken(token + kPassword));
+        EXPECT_EQ(Failure([&] { encrypted->Get(kArchive, "out"); }), "Fail to decode");
+        if (token == node) continue;
+        EXPECT_EQ(Failure([&] { plain->Put(kArchive, "in"); }), "scp failed");
+        EXPECT_EQ(Failure([&] { encrypted->Put(kArchive, "in"); }), "Fail to encode");
+    }
+    EXPECT_EQ(listing.get(), "storage listing_too_slow");
 }
 
 TEST_F(SshFaults, BabbleFromTheServerStopsNothing) {

@@ -4,9 +4,12 @@ import contextlib
 import json
 import os
 import pathlib
+import select
 import shutil
 import signal
+import socketserver
 import subprocess
+import threading
 import time
 import unittest
 import urllib.parse
@@ -44,6 +47,28 @@ def downloads(settings):
     with urllib.request.urlopen(settings["control"], timeout=30) as answer:
         requests = json.load(answer)["requests"]
     return sum("download" in str(request) or "alt=media" in str(request) for request in requests)
+
+
+class SlowServer(socketserver.ThreadingTCPServer):
+    """Every second connection gets a byte now and then, the others nothing."""
+
+    daemon_threads = True
+
+    class RequestHandlerClass(socketserver.BaseRequestHandler):
+        def handle(self):
+            self.server.calls += 1
+            with contextlib.suppress(OSError):
+                while not select.select([self.request], [], [], 0.5)[0] or self.request.recv(1 << 16):
+                    self.request.sendall(b"S" * (self.server.calls % 2))
+
+    def __init__(self):
+        super().__init__(("127.0.0.1", 0), self.RequestHandlerClass)
+        self.port, self.calls = self.server_address[1], 0
+        threading.Thread(target=self.serve_forever, daemon=True).start()
+
+    def __exit__(self, *words):
+        self.shutdown()
+        super().__exit__(*words)
 
 
 class Kinds(StorageCase):
@@ -245,6 +270,28 @@ class Faults(StorageCase):
                 self.assertIn(f"the storage was not set up: backup2_cp: {described[0][1]} storage", error)
                 self.assertIn(said, error)
                 self.assertIn("no storage", self.backup2("storage", "list"))
+
+    def test_servers_that_hardly_say_a_word(self):
+        ssh = self.serve("sshd")
+        with SlowServer() as slow:
+            there = {**ssh, "port": str(slow.port)}
+            local = self.root / f"F{MONDAY}.{USER}.tgz"
+            local.write_bytes(b"slice")
+            name = f"{USER}/{MONDAY}/{local.name}"
+            jobs = []
+            for kind, described in (("sftp", sftp(there, "x")), ("node", node(there, "x"))):
+                self.add(described, "--replace", "--no-check")
+                token = self.panel.ask(func="backup2.settings").findtext("storage")
+                env = {**self.env, "BACKUP_TOKEN": token, "BACKUP2_STALL_SECONDS": "1"}
+                jobs += [(kind, backup2_test.start(["backup2_cp", *words], **env)) for words in (
+                    ["--check"], ["--put", local, "--no-delete"], ["--get", name, self.root / f"back.{kind}"],
+                    ["--list", USER])]
+            for kind, job in jobs:
+                said = job.communicate(timeout=100)[1]
+                self.assertEqual(job.returncode, 1, said)
+                self.assertRegex(said, f"{kind} storage .*no way in to 127.0.0.1: no answer")
+                self.assertNotIn("PRIVATE KEY", said)
+        self.assert_tidy()
 
     def test_tokens_that_end(self):
         for kind, script in CLOUDS.items():

@@ -197,6 +197,34 @@ TEST_F(Proc, DroppedChildIsEndedEvenWhenItIgnoresTheRequest) {
     }
 }
 
+TEST_F(Proc, ChildThatDoesNotGoOnIsEnded) {
+    const std::string
+        deaf = "trap '' TERM; ",
+        slow =
+            "exec perl -e 'for (;;) { syswrite STDOUT, \"x\"; select undef, undef, undef, 0.1 }'";
+    const struct {
+        std::string script;
+        int time, stall, status;
+    } cases[] = {
+        {"exec sleep 1000", 1, 0, 128 + SIGTERM},
+        {"exec sleep 1000", 0, 1, 128 + SIGTERM},
+        {slow, 0, 1, 128 + SIGTERM},
+        {slow, 1, 1000, 128 + SIGTERM},
+        {deaf + slow, 1, 0, 128 + SIGKILL},
+        {"for i in $(seq 15); do sleep 0.1; printf %0100d 0; done", 100, 1, 0},
+    };
+    std::vector<std::thread> waiting;
+    for (const auto& c : cases) {
+        waiting.emplace_back([&c] {
+            Execute run(c.script, 0);
+            run.EndAfter(c.time).EndWhenStalled(c.stall);
+            EXPECT_EQ(run.Result(), c.status) << c.script;
+            EXPECT_EQ(run.WasEnded(), c.status != 0) << c.script;
+        });
+    }
+    for (std::thread& one : waiting) one.join();
+}
+
 TEST_F(Proc, ThreadsRunTheirOwnChildrenAtTheSameTime) {
     // A write end that leaked into the other thread's child would keep `cat` waiting for its end.
     const auto work = [](uint32_t seed) {
