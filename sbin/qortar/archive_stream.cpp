@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "sbin/qortar/gzip_member.h"
+#include "sbin/qortar/workers.h"
 
 namespace qortar {
 namespace {
@@ -61,7 +62,7 @@ struct ArchiveStream::Impl {
           most_waiting(jobs - 1),
           most_blocks(2 * jobs + 2),
           current(std::make_unique<Block>()) {
-        for (unsigned i = 1; i < jobs; ++i) threads.emplace_back([this, level] { Work(level); });
+        threads = StartThreads(jobs - 1, [this, level] { Work(level); });
     }
     ~Impl() {
         {

@@ -266,20 +266,22 @@ int PlannedRestore::Run(const Selection& selection) {
 
 // ---- Without a listing --------------------------------------------------------------------------
 
-/// Inflates in a thread of its own, a few blocks ahead.
+/// Inflates in a thread of its own, where one is to be had, a few blocks ahead.
 class BlocksAhead {
 public:
-    explicit BlocksAhead(Gunzip& gunzip) : gunzip_(gunzip), thread_([this] { Work(); }) {}
+    explicit BlocksAhead(Gunzip& gunzip)
+        : gunzip_(gunzip), threads_(StartThreads(1, [this] { Work(); })) {}
     ~BlocksAhead() {
         {
             const std::lock_guard lock(mutex_);
             stop_ = true;
             changed_.notify_all();
         }
-        thread_.join();
+        for (std::thread& thread : threads_) thread.join();
     }
 
     bool Next(Block& block) {
+        if (threads_.empty()) return gunzip_.Read(block);
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [&] { return !ready_.empty() || ended_; });
         if (ready_.empty()) {
@@ -325,7 +327,7 @@ private:
     std::deque<Block> ready_, free_;
     std::exception_ptr failure_;
     bool ended_ = false, stop_ = false;
-    std::thread thread_;
+    std::vector<std::thread> threads_;  // one or none
 };
 
 class StreamRestore {

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -129,15 +130,20 @@ struct SliceWriter::Impl {
         Join();
         std::string target = archive;
         if (!last || number > 1) target += kPartMark + std::to_string(number);
-        thread =
-            std::thread([this, target, last, done = std::shared_ptr<SliceFile>(std::move(file))] {
-                try {
-                    Publish(*done, target, last);
-                } catch (...) {
-                    failure = std::current_exception();
-                    failed = true;
-                }
-            });
+        const auto publish = [this, target, last,
+                              done = std::shared_ptr<SliceFile>(std::move(file))] {
+            try {
+                Publish(*done, target, last);
+            } catch (...) {
+                failure = std::current_exception();
+                failed = true;
+            }
+        };
+        try {
+            thread = std::thread(publish);
+        } catch (const std::system_error&) {  // no thread is to be had: nothing grows meanwhile
+            publish();
+        }
     }
     void Publish(SliceFile& done, const std::string& target, bool last) {
         // With a command the slice is only on its way: what it makes of it has to last.

@@ -322,6 +322,19 @@ class Create(unittest.TestCase):
                 write_listing(self.work / "base", text)
                 self.fails("broken.*" + why, "--base", self.work / "base")
 
+    def test_without_threads_everything_is_only_slower(self):
+        (self.data / "noise").write_bytes(os.urandom(9 << 20))
+        no_threads = ("prlimit", f"--stack={1 << 46}:")  # each would need so much
+        for piece in ("0", "4M"):
+            done = self.create("--slice", piece, "--jobs", "4", prefix=no_threads)
+            self.assertEqual(done.returncode, 0, done.stderr)
+        for words in (["--verify"], ["--extract"]):
+            for listing in (["--listing", self.listing], []):
+                done = run([*no_threads, program("qortar"), *words, self.archive, *listing, "--root", self.work / "back",
+                            "--jobs", "4"])
+                self.assertEqual(done.returncode, 0, done.stdout + done.stderr)
+        self.assertEqual(tree_state(self.work / "back"), tree_state(self.root))
+
 
 if __name__ == "__main__":
     unittest.main()
