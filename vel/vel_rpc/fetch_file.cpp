@@ -103,12 +103,18 @@ void Fetch(const std::string& url, const std::string& path, int flags) {
     request.sink = &out;
     const Answer answer = Exchange(request, flags);
     if (answer.response.status != kOk) RefuseStatus(answer);
-    // TLS tells the end of a connection from a cut; without it only the header does.
-    if (!answer.response.TellsItsEnd() && Address(answer.url).Scheme() != "https")
+    // Not even TLS does: libcurl takes a connection that was cut for one that was closed.
+    if (!answer.response.TellsItsEnd())
         throw vel_err::Error("network", Address(answer.url).Host(), "the answer may be cut");
     out.Close();
     vel_file::Sync(tmp.Path());
     vel_file::Move(tmp.Path(), path);
+}
+
+/// The line in the log has the address already.
+std::string Reason(const std::exception& error) {
+    const auto* own = dynamic_cast<const vel_err::Error*>(&error);
+    return own && !own->value().empty() ? own->value() : error.what();
 }
 
 }  // namespace
@@ -144,7 +150,7 @@ bool FetchFile(const std::string& url, const std::string& path, int flags) try {
     Fetch(url, path, flags);
     return true;
 } catch (const std::exception& error) {
-    logger.Write(4, "Cannot fetch '%s': %s", WithoutQuery(url), error.what());
+    logger.Write(4, "Cannot fetch '%s': %s", WithoutQuery(url), Reason(error));
     return false;
 }
 
