@@ -31,15 +31,21 @@ wait_until() {
   die "the server does not answer"
 }
 
-# The server's own id, started in the background by this script: TERM, then KILL after 20 s.
+# end_process PID: TERM, then KILL after 20 s; returns when it has ended.
+end_process() {
+  local try
+  kill -TERM "$1" 2>/dev/null || return 0
+  for try in $(seq 800); do
+    alive "$1" || return 0
+    [ "$try" != 400 ] || kill -KILL "$1" 2>/dev/null || true
+    sleep 0.05
+  done
+}
+
+# The server's own id, started in the background by this script.
 stop_server() {
-  local pid tries=200
   [ -s "$WORK/pid" ] || return 0
-  pid=$(cat "$WORK/pid")
-  if kill -TERM "$pid" 2>/dev/null; then
-    while ((tries-- > 0)) && alive "$pid"; do sleep 0.1; done
-    if alive "$pid"; then kill -KILL "$pid"; fi
-  fi
+  end_process "$(cat "$WORK/pid")"
   [ ! -s "$WORK/socket_dir" ] || rm -rf "$(cat "$WORK/socket_dir")"
   rm -f "$WORK/pid" "$WORK/socket_dir"
 }

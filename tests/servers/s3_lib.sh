@@ -13,15 +13,10 @@ daemon() {
   echo "$LAST_PID" >>"$WORK/pid"
 }
 
-# All daemons in the reverse order of their start: TERM, then KILL after 10 s.
+# All daemons in the reverse order of their start.
 stop_server() {
-  local pid tries
-  for pid in $(tac "$WORK/pid" 2>/dev/null); do
-    kill -TERM "$pid" 2>/dev/null || continue
-    tries=100
-    while ((tries-- > 0)) && alive "$pid"; do sleep 0.1; done
-    if alive "$pid"; then kill -KILL "$pid"; fi
-  done
+  local pid
+  for pid in $(tac "$WORK/pid" 2>/dev/null); do end_process "$pid"; done
   [ ! -s "$WORK/socket_dir" ] || rm -rf "$(cat "$WORK/socket_dir")"
   rm -rf "$WORK/pid" "$WORK/socket_dir" "$WORK/data"
 }
