@@ -36,11 +36,12 @@ using Environment = std::map<std::string, std::string>;
 
 const vel_log::Module logger("panel");
 
-constexpr unsigned kAtOnce = 16, kAtOncePerAddress = 4;
+constexpr unsigned kAtOnce = 32, kAtOnceOfGuest = 4;
 constexpr std::size_t kMaxHead = 8 * 1024, kMaxUncounted = 1024 * 1024, kBlock = 128 * 1024;
 constexpr int kSilenceSeconds = 300, kPollMs = 500, kAfterwardsMs = 5000;
 constexpr seconds kWholeTime{24 * 60 * 60};
 constexpr char kFolder[] = "/velcgi/";
+constexpr char kSession[] = "auth";  // the parameter that brings one
 constexpr char kPath[] = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 const char* const kOwnVariables[] = {"VEL_LOG_LEVEL", "BACKUP2_CA_FILE"};
 
@@ -351,18 +352,26 @@ void Cgi::Route(httplib::Server& server, bool tls) {
     server.Post(pattern, answer);
 }
 
+/// Many users may share an address: each is a guest of his own once his session is known.
+std::string Cgi::GuestOf(const httplib::Request& in) const {
+    const std::string user =
+        in.has_param(kSession) ? user_of_(in.get_param_value(kSession)) : std::string();
+    return user.empty() ? in.remote_addr : "user " + user;
+}
+
 /// One place for as long as the answer lives.
-std::shared_ptr<void> Cgi::TakePlace(const std::string& address) {
+std::shared_ptr<void> Cgi::TakePlace(const std::string& guest) {
     const std::lock_guard lock(mutex_);
-    const auto own = places_.find(address);
-    if (taken_ >= kAtOnce || (own != places_.end() && own->second >= kAtOncePerAddress))
+    const auto own = places_.find(guest);
+    const unsigned has = own == places_.end() ? 0 : own->second;
+    if (taken_ >= kAtOnce || has >= std::min(kAtOnceOfGuest, kAtOnce - taken_))
         throw Refusal(503, "too many at once");
     ++taken_;
-    ++places_[address];
-    return {this, [address](Cgi* cgi) {
+    ++places_[guest];
+    return {this, [guest](Cgi* cgi) {
                 const std::lock_guard relock(cgi->mutex_);
                 --cgi->taken_;
-                if (--cgi->places_[address] == 0) cgi->places_.erase(address);
+                if (--cgi->places_[guest] == 0) cgi->places_.erase(guest);
             }};
 }
 
@@ -370,9 +379,8 @@ void Cgi::Serve(const httplib::Request& in, httplib::Response& out, bool tls) {
     const std::string name = ProgramName(in.target);
     if (name.empty() || !vel_file::Info("velcgi/" + name, false).IsFile())
         throw Refusal(404, "no such program");
-    if (in.ranges.size() > 1) throw Refusal(416, "one range at a time");
     const auto environment = MakeEnvironment(in, name, tls);
-    const auto place = TakePlace(in.remote_addr);
+    const auto place = TakePlace(GuestOf(in));
     // The place is given back when the run has ended.
     const std::shared_ptr<Run> run(new Run(name, environment, in.body, stopping_),
                                    [place](Run* ended) { delete ended; });

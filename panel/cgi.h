@@ -2,10 +2,12 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 namespace httplib {
 class Server;
@@ -26,8 +28,15 @@ namespace panel {
 /// panel does not know. With a Content-Length so many bytes pass as they come; when there are less,
 /// the connection is cut. Without one the body is collected and must be smaller than 1 MiB.
 /// Anything else makes the answer a 502. No request's address is logged: it may hold a session.
+///
+/// 32 run at once, of them four of a user (who is known by the parameter "auth", a session of the
+/// panel's protocol), or of an address that brings none. Nobody gets another while he has as many
+/// as are free. Who gets none is answered 503.
 class Cgi {
 public:
+    /// `user_of`: whose session that is, "" for none.
+    explicit Cgi(std::function<std::string(const std::string& session)> user_of)
+        : user_of_(std::move(user_of)) {}
     /// GET, HEAD and POST of /velcgi/... at this door. Before any other route of POST.
     void Route(httplib::Server& server, bool tls);
     /// From now on nothing is waited for: doors that close do not have to wait for programs.
@@ -37,13 +46,15 @@ public:
     static void SetConnection(int socket);
 
 private:
-    std::shared_ptr<void> TakePlace(const std::string& address);
+    std::string GuestOf(const httplib::Request& in) const;
+    std::shared_ptr<void> TakePlace(const std::string& guest);
     void Answer(const httplib::Request& in, httplib::Response& out, bool tls);
     void Serve(const httplib::Request& in, httplib::Response& out, bool tls);
 
+    const std::function<std::string(const std::string&)> user_of_;
     std::atomic<bool> stopping_ = false;
     std::mutex mutex_;
-    std::map<std::string, unsigned> places_;  // taken, by the client's address
+    std::map<std::string, unsigned> places_;  // taken, by guest
     unsigned taken_ = 0;
 };
 

@@ -16,6 +16,7 @@
 #include "vel/vel_user.h"
 
 #include "panel/checks.h"
+#include "panel/jobs.h"
 #include "panel/password.h"
 #include "panel/server.h"
 #include "panel/storages.h"
@@ -353,6 +354,9 @@ void ServeCommand(CLI::App& app, Values& v) {
             if (!path->empty()) *path = vel_tool::Absolute(*path);
         Serve(v.serve);
     });
+    auto* job = app.add_subcommand("job", "Runs what was started at the page")->group("");
+    job->add_option("id", v.name)->required();
+    job->callback([&v] { KeepJob(v.name); });
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 
@@ -45,6 +46,12 @@ std::size_t Collect(const char* data, std::size_t size, std::size_t count, void*
     return size * count;
 }
 
+/// Nobody took the request.
+struct Away : vel_err::Error {
+    Away(const std::string& panel, const std::string& reason)
+        : vel_err::Error("panel", "unreachable", panel + ": " + reason) {}
+};
+
 [[noreturn]] void Unreachable(const std::string& panel, const std::string& reason) {
     throw vel_err::Error("panel", "unreachable", panel + ": " + reason);
 }
@@ -57,7 +64,8 @@ std::size_t Collect(const char* data, std::size_t size, std::size_t count, void*
 std::string FindSocket(const std::string& panel) {
     const std::string path = "var/run/" + panel + ".sock";
     struct stat st {};
-    if (::stat(path.c_str(), &st) != 0 && errno == ENOENT) Unreachable(panel, "no socket " + path);
+    if (::stat(path.c_str(), &st) != 0 && errno == ENOENT)
+        throw Away(panel, "no socket " + std::filesystem::absolute(path).string());
     return path;
 }
 
@@ -93,6 +101,7 @@ Answer Post(const std::string& panel, const std::string& caller, const std::stri
     set(CURLOPT_WRITEDATA, &answer.body);
     const CURLcode code = curl_easy_perform(curl.get());
     if (code == CURLE_WRITE_ERROR) BadAnswer(panel, "over 64 MiB");
+    if (code == CURLE_COULDNT_CONNECT) throw Away(panel, curl_easy_strerror(code));
     if (code != CURLE_OK) Unreachable(panel, curl_easy_strerror(code));
     curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &answer.status);
     return answer;
@@ -133,9 +142,11 @@ std::string FillIn(const std::string& request, const std::vector<std::string>& v
     return out + rest;
 }
 
-std::chrono::seconds LockWait() {
-    const std::string text = vel_env::GetEnv("VEL_LOCK_WAIT");
-    return std::chrono::seconds(text.empty() ? kLockWaitSeconds : str::Int(text));
+/// So many seconds from now as the variable says.
+std::chrono::steady_clock::time_point Deadline(const char* variable, int otherwise) {
+    const std::string text = vel_env::GetEnv(variable);
+    return std::chrono::steady_clock::now() +
+           std::chrono::seconds(text.empty() ? otherwise : str::Int(text));
 }
 
 }  // namespace
@@ -167,15 +178,18 @@ Result Local::Query(const std::string& request, const std::string& a, const std:
 
 Result Local::Ask(std::string request, const std::vector<std::string>& values) {
     const std::string form = FillIn(request, values);
-    const auto deadline = std::chrono::steady_clock::now() + LockWait();
+    const auto locked_until = Deadline("VEL_LOCK_WAIT", kLockWaitSeconds);
+    const auto away_until = Deadline("VEL_PANEL_WAIT", 0);
     for (;;) {
         try {
             return Read(panel_, Post(panel_, name_, form));
+        } catch (const Away&) {
+            if (std::chrono::steady_clock::now() >= away_until) throw;
         } catch (const vel_err::Error& e) {
             const bool again = wait_locked_ && e.type() == "locked";
-            if (!again || std::chrono::steady_clock::now() >= deadline) throw;
+            if (!again || std::chrono::steady_clock::now() >= locked_until) throw;
         }
-        logger.Write(6, "Panel '%s' is locked, asking again", panel_);
+        logger.Write(6, "Panel '%s' is locked or away, asking again", panel_);
         vel_proc::Sleep(1000);
     }
 }

@@ -28,9 +28,10 @@ private:
 /// The panel of this machine, over the unix socket var/run/<panel>.sock below the working
 /// directory. Requests travel in the POST body, never in an URL. A panel that answers with
 /// <error type= object=><value>/<msg> becomes vel_err::Error(type, object, value); one that is
-/// not there or does not answer within ten minutes vel_err::Error("panel", "unreachable",
-/// "<panel>: <reason>"); an answer that is no document, over 64 MiB or of another HTTP status than
-/// 200 vel_err::Error("panel", "bad_answer", "<panel>: <reason>").
+/// not there (for VEL_PANEL_WAIT seconds, default 0) or does not answer within ten minutes
+/// vel_err::Error("panel", "unreachable", "<panel>: <reason>"); an answer that is no document, over
+/// 64 MiB or of another HTTP status than 200 vel_err::Error("panel", "bad_answer", "<panel>:
+/// <reason>").
 class Local {
 public:
     /// `name` is what the panel sees as the caller ("backup2").

@@ -7,6 +7,7 @@ import os
 import pathlib
 import ssl
 import subprocess
+import time
 import unittest
 
 import backup2_test
@@ -40,6 +41,7 @@ class Site:
 
     def __init__(self, stack):
         self.root = stack.enter_context(backup2_test.install_root())
+        self.restarted = stack.enter_context(contextlib.ExitStack())
         self.root.chmod(0o711)  # the database server is another account
         for place in ("store", "own"):
             (self.root / place).mkdir()
@@ -55,6 +57,7 @@ class Site:
         self.add_database(self.serve(stack, "mariadb"))
         settings = self.serve(stack, "panel")
         self.url, self.port = settings["url"], int(settings["port"])
+        stack.callback(self.wait_for_jobs)
         self.fill()
 
     def server(self, name, verb):
@@ -65,6 +68,25 @@ class Site:
     def serve(self, stack, name):
         stack.callback(self.server, name, "stop")
         return self.server(name, "start")
+
+    def restart_panel(self):
+        """Another panel in the place of the one that runs; what was begun goes on."""
+        self.server("panel", "stop")
+        data = self.root / "panel/data"
+        panel = backup2_test.start(["backup2_panel", "serve", "--tls", f"127.0.0.1:{self.port}", "--cert", str(data / "cert.pem"),
+                                    "--key", str(data / "key.pem")], PATH=self.openssl.path)
+        (self.root / "panel/pid").write_text(f"{panel.pid}\n")
+        self.restarted.callback(lambda: [panel.terminate(), panel.communicate()])
+        assert panel.stdout.readline() == "ready\n"
+
+    def wait_for_jobs(self):
+        """They would outlive the panel."""
+        self.hold.unlink(missing_ok=True)
+        runs = lambda record: json.loads(record.read_text())["running"]
+        for _ in range(1200):
+            if not any(map(runs, self.root.glob("var/backup2_panel.jobs/*/record"))):
+                break
+            time.sleep(0.1)
 
     def add_database(self, settings):
         self.mariadb = ["mariadb", f"--defaults-file={settings['options']}", "-N", "-e"]

@@ -3,6 +3,8 @@
 import concurrent.futures
 import json
 import os
+import pathlib
+import signal
 import socket
 import ssl
 import time
@@ -12,10 +14,20 @@ import urllib.parse
 from page.page_site import ANNA, BERT, MARK, MONDAY, PASSWORDS, PageCase
 
 
+def read(path):
+    """What /proc says of a process, "" when it has gone."""
+    try:
+        return path.read_text(errors="replace")
+    except OSError:
+        return ""
+
+
 class PageApi(PageCase):
     def test_one_user_gets_no_byte_of_another(self):
         cookie, token = self.log_in(ANNA)
         bert_cookie, bert_token = self.log_in(BERT)
+        jobs = lambda: {one["id"] for one in json.loads(self.ask("GET", "/api/jobs", cookie=bert_cookie)[2])}
+        before = jobs()
         job = json.loads(self.ask("POST", "/api/run", {"custom": True}, bert_cookie, X_CSRF_Token=bert_token)[2])["id"]
         names = [BERT, "%67ames", "games#", "games%00", "Games", "../games", "./games", "games/", "-games", " games",
                  "www-data#/../games", "*", "", "chief", "games#mail"]
@@ -41,8 +53,7 @@ class PageApi(PageCase):
         self.assertGreater(len(requests), 450)
         for method, path in (("GET", f"/api/files?date={MONDAY}&search=zebra"), ("GET", "/api/reports"), ("POST", "/api/reports/zebra-report")):
             self.assertIn(MARK, self.ask(method, path, {} if method == "POST" else None, bert_cookie, X_CSRF_Token=bert_token)[2])
-        jobs = json.loads(self.ask("GET", "/api/jobs", cookie=bert_cookie)[2])
-        self.assertEqual([one["id"] for one in jobs], [job])  # nobody began anything for him
+        self.assertEqual(jobs() - before, {job})  # nobody began anything for him
 
     def test_a_request_needs_cookie_token_origin_and_a_body_of_json(self):
         cookie, token = self.log_in(ANNA)
@@ -168,6 +179,33 @@ class PageApi(PageCase):
         job = json.loads(body)["id"]
         self.wait_for_job(job, cookie)
         self.assertEqual(post("restore", restore)[0], 200)
+
+    def test_a_job_goes_on_while_the_panel_is_away_and_is_found_again(self):
+        self.site.hold.touch()
+        begun = {}
+        for user, end in ((ANNA, "finished"), (BERT, "killed")):
+            cookie, token = self.log_in(user)
+            begun[end] = json.loads(self.ask("POST", "/api/run", {"custom": True}, cookie, X_CSRF_Token=token)[2])["id"]
+        self.site.restart_panel()
+        keeper = lambda job: [path.parent.name for path in pathlib.Path("/proc").glob("[0-9]*/cmdline") if job in read(path)]
+        os.kill(int(keeper(begun["killed"])[0]), signal.SIGKILL)
+        cookie, token = self.log_in(ANNA)
+        self.assertEqual([one["running"] for one in json.loads(self.ask("GET", "/api/jobs", cookie=cookie)[2]) if one["id"] == begun["finished"]], [True])
+        self.assertEqual(self.ask("POST", "/api/run", {}, cookie, X_CSRF_Token=token)[0], 409)
+        self.site.hold.unlink()
+        state = self.wait_for_job(begun["finished"], cookie)
+        self.assertEqual((state["status"], state["kind"], state["user"]), (0, "run", ANNA), state)
+        self.assertIn("custom backup", state["lines"][0])
+        state = self.wait_for_job(begun["killed"], self.log_in(BERT)[0])
+        self.assertEqual((state["status"], state["lines"]), (1, ["broken off: the machine or the program was stopped"]))
+
+    def test_two_addresses_cannot_keep_others_out(self):
+        silent = []
+        self.addCleanup(lambda: [one.close() for one in silent])
+        for number in range(400):  # more than there are threads
+            one = socket.create_connection(("127.0.0.1", self.site.port), 60, (f"127.0.0.{2 + number % 2}", 0))
+            silent.append(one)
+        self.log_in(BERT)
 
 
 if __name__ == "__main__":

@@ -106,7 +106,17 @@ class Programs(Case):
                          "..%2fvelcgi%2ffine", "%66ine", "fine%00", "fine%0a", "./fine", "fine;x", "x" * 300):
                 self.assertIn(self.ask("/velcgi/" + name, method)[0], (400, 404), name)
         self.assertEqual(self.ask("/velcgi/fine", Content_Encoding="gzip")[0], 415)
-        self.assertEqual(self.ask("/velcgi/fine", Range="bytes=0-1,3-4")[0], 416)
+
+    def test_what_is_no_range_counts_for_nothing(self):
+        self.add("tell", FINE + 'echo -n "$HTTP_RANGE"')
+        cases = {"bytes=0-5": "bytes=0-5", "Bytes=7-": "bytes=7-", "bytes=-05": "bytes=-5", "bytes=-0": "bytes=-0",
+                 f"bytes=0-{'9' * 30}": f"bytes=0-{'9' * 18}", f"bytes={'9' * 30}-": f"bytes={'9' * 18}-"}
+        nothing = ("", "0-5", "bytes=", "bytes=-", "bytes=5", "bytes=5-2", "bytes=a-b", "bytes=--5", "bytes=%30-5", "bytes=0-1,3-4",
+                   "bytes=0-1,", "items=0-5", "bytes=0x1-5", "bytes = 0-5", "bytes=0-5;q=1")
+        for given, seen in cases.items() | {(given, "") for given in nothing}:
+            for connection in (self.panel.connect(), UnixConnection(self.panel.socket)):
+                self.assertEqual(self.ask("/velcgi/tell", connection=connection, Range=given)[0::2], (200, seen.encode()), given)
+        self.assertEqual(self.ask("/velcgi/tell", Range="bytes=0-1", RANGE="bytes=2-3")[0::2], (200, b""))
 
     # ---- What a program may answer --------------------------------------------------------------
 
@@ -175,20 +185,24 @@ class Programs(Case):
         self.assertEqual(self.ask("/velcgi/tidies")[2], b"a")
         self.wait_until(lambda: (self.root / "tidy").exists(), "was ended")
 
-    def test_one_client_cannot_take_all_places_and_gets_his_back(self):
+    def test_one_user_cannot_take_all_places_and_gets_his_back(self):
+        for user in ("anna", "bert"):
+            self.panel.command(["user", "add", user, "--root", f"/srv/{user}", "--uid", "1999"], "her own")
+        anna, bert = (self.panel.session(user, "her own") for user in ("anna", "bert"))
         self.add("waits", f"echo >> {self.root}/started; printf 'Content-Type: a/b\\nContent-Length: 9\\n\\nabc'; exec sleep 60")
         self.add("fine", FINE)
         connections = [self.panel.connect() for _ in range(4)]
         for connection in connections:
-            connection.request("GET", "/velcgi/waits")
+            connection.request("GET", f"/velcgi/waits?auth={anna}")
         self.wait_until(lambda: (self.root / "started").exists() and
                         len((self.root / "started").read_text()) == 4, "do not start")
-        status, headers, _ = self.ask("/velcgi/fine")
+        status, headers, _ = self.ask(f"/velcgi/fine?auth={anna}")
         self.assertEqual((status, headers["Retry-After"]), (503, "60"))
-        self.assertEqual(self.ask("/velcgi/fine", connection=UnixConnection(self.panel.socket))[0], 200)
+        for others in (f"/velcgi/fine?auth={bert}", "/velcgi/fine", "/velcgi/fine?auth=" + "0" * 32):  # from the same address
+            self.assertEqual(self.ask(others)[0], 200)
         for connection in connections:
             connection.close()
-        self.wait_until(lambda: self.ask("/velcgi/fine")[0] == 200, "no place becomes free")
+        self.wait_until(lambda: self.ask(f"/velcgi/fine?auth={anna}")[0] == 200, "no place becomes free")
 
     def test_the_panel_ends_without_waiting_for_programs(self):
         self.add("waits", f"echo $$ > {self.root}/pid; exec sleep 60")
