@@ -131,6 +131,8 @@ class Downloads(DownloadCase):
                 self.assertEqual((status, headers["Content-Range"], headers["ETag"]),
                                  (206, f"bytes {first}-{last}/{size}", tag))
                 self.assertEqual(body, whole[first:last + 1])
+        for range_ in ("bytes=0-1,5-6", "bytes=5-2", "bytes=x-", "lines=0-1"):
+            self.assertEqual(self.get(Range=range_)[0::2], (200, whole), range_)
         for range_ in (f"bytes={size}-", f"bytes={'9' * 18}-", "bytes=-0"):
             status, headers, body = self.get(Range=range_)
             self.assertEqual((status, body), (416, b""), range_)
@@ -154,6 +156,8 @@ class Downloads(DownloadCase):
         auth = self.session()
         self.get("auth=" + auth, auth=auth)  # refused before it is looked at
         self.assertEqual(self.get(auth=auth)[0], 200)
+        for query in ("part=3", "part=1&part=1", "nodownload=on", "part=%00"):  # programs read what a check says
+            self.assertEqual(self.check(query, auth=auth), "ERR request")
         self.panel.command("lock")
         auth = "0" * 32
         self.assertEqual((self.get(auth=auth)[0], self.check(auth=auth)), (503, "ERR locked"))

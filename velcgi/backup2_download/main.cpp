@@ -146,7 +146,7 @@ int Run(const std::vector<std::string>&) {
     Request request;
     Answer answer(vel_env::GetEnv("REQUEST_METHOD") != "HEAD");
     try {
-        request = Request::Read();
+        request.Read();
         Serve(request, answer);
         return vel_tool::kDone;
     } catch (const Refusal& e) {

@@ -14,6 +14,7 @@ namespace backup2_download {
 namespace {
 
 constexpr std::size_t kMaxBody = 8 * 1024;
+constexpr char kCheck[] = "nodownload";
 constexpr char kForm[] = "application/x-www-form-urlencoded";
 
 [[noreturn]] void Refuse() { throw Refusal(400, "request"); }
@@ -41,14 +42,18 @@ std::string ReadBody() {
     return body;
 }
 
-/// Adds to what is there already; a name must be new.
-void Parse(const std::string& form, std::map<std::string, std::string>& values) {
+using Values = std::map<std::string, std::string>;
+
+/// Adds to what is there already; false when a name is not new.
+bool Parse(const std::string& form, Values& values) {
     std::vector<std::string> pairs;
     str::Split(form, "&", pairs);
+    bool all_new = true;
     for (std::string& pair : pairs) {
         const std::string name = str::url::Decode(str::GetWord(pair, '='));
-        if (!values.emplace(name, str::url::Decode(pair)).second) Refuse();
+        all_new &= values.emplace(name, str::url::Decode(pair)).second;
     }
+    return all_new;
 }
 
 bool IsSession(const std::string& text) {
@@ -57,21 +62,20 @@ bool IsSession(const std::string& text) {
 
 }  // namespace
 
-Request Request::Read() {
-    Request request;
-    request.method = vel_env::GetEnv("REQUEST_METHOD");
-    request.range = TakeVariable("HTTP_RANGE");
-    request.if_range = TakeVariable("HTTP_IF_RANGE");
-    std::map<std::string, std::string> values;
-    Parse(TakeVariable("QUERY_STRING"), values);
-    if (request.method == "POST") Parse(ReadBody(), values);
-    if (IsSession(values["auth"])) request.session = values["auth"];
-    if (const std::string part = values["part"]; !part.empty()) request.part = part;
-    const std::string check = values["nodownload"];
-    request.check_only = check == "on";
-    const bool known = request.part == "1" || request.part == "2" || request.part == "listing";
-    if (!known || (!check.empty() && !request.check_only)) Refuse();
-    return request;
+void Request::Read() {
+    method = vel_env::GetEnv("REQUEST_METHOD");
+    range = TakeVariable("HTTP_RANGE");
+    if_range = TakeVariable("HTTP_IF_RANGE");
+    Values values;
+    bool good = Parse(TakeVariable("QUERY_STRING"), values);
+    const auto is_check = [&] { return values.count(kCheck) != 0 && values[kCheck] == "on"; };
+    check_only = is_check();
+    if (method == "POST") good &= Parse(ReadBody(), values);
+    check_only = is_check();
+    if (IsSession(values["auth"])) session = values["auth"];
+    if (!values["part"].empty()) part = values["part"];
+    const bool known = part == "1" || part == "2" || part == "listing";
+    if (!good || !known || (!values[kCheck].empty() && !check_only)) Refuse();
 }
 
 }  // namespace backup2_download

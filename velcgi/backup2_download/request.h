@@ -24,9 +24,9 @@ struct Request {
     bool check_only = false;      ///< only say whether it would be served
 
     /// Throws Refusal 400 for a parameter that is given twice, in whatever place, and for values
-    /// outside their grammar; parameters that are not known count for nothing. The variables with
-    /// the query are taken out of the environment.
-    static Request Read();
+    /// outside their grammar; `check_only` says by then how to tell it. Parameters that are not
+    /// known count for nothing. The variables with the query are taken out of the environment.
+    void Read();
 };
 
 }  // namespace backup2_download
