@@ -1,8 +1,11 @@
 #include "sbin/backup2/restore_report.h"
 
 #include <algorithm>
+#include <chrono>
 #include <iostream>
+#include <map>
 #include <tuple>
+#include <utility>
 
 #include "vel/str.h"
 #include "vel/vel_date.h"
@@ -23,6 +26,8 @@ const vel_log::Module logger("backup2");
 
 const std::string kIdBytes = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-";
 constexpr std::size_t kLongestId = 64, kLongestUser = 32;
+constexpr std::size_t kMostOfOwner = 100;          // reports that have ended
+constexpr int64_t kLongestKept = 365 * 24 * 3600;  // seconds without being written or viewed
 const std::string kDatabase = "Database";  // the word by which the library knows a database's event
 const std::string kSystemTool = "backup2_system: ";
 const std::string kYes = "yes";
@@ -74,6 +79,42 @@ vel_xml::Xml Load(const std::string& id) {
     vel_xml::Xml xml;
     xml.LoadFromFile(backup2::GetReportFile(id));
     return xml;
+}
+
+}  // namespace
+
+// ---- What nobody needs any more -----------------------------------------------------------------
+
+namespace {
+
+bool IsOld(const std::string& id) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch() / std::chrono::seconds(1);
+    return vel_file::Info(backup2::GetReportFile(id)).Stat().st_mtime + kLongestKept < now;
+}
+
+/// Unless a restore has begun it afresh meanwhile.
+void Drop(const StoredReport& report) {
+    const ReportLock lock(report.id);
+    if (Load(report.id).GetRoot().GetProp("date") != report.date) return;
+    vel_file::RemoveFile(backup2::GetReportFile(report.id));
+}
+
+/// Of each owner the newest that nobody has viewed stays, and the one just written.
+void DropOldReports(const std::string& just_written) try {
+    struct Seen {
+        bool unviewed = false;
+        std::size_t ended = 0;
+    };
+    std::map<std::pair<std::string, std::string>, Seen> seen_of;
+    const auto reports = ListReports();
+    for (auto report = reports.rbegin(); report != reports.rend(); ++report) {
+        Seen& seen = seen_of[{report->owner, report->uid}];
+        const bool stays = !report->viewed && !std::exchange(seen.unviewed, true);
+        const bool over = report->finalized && ++seen.ended > kMostOfOwner;
+        if ((over || IsOld(report->id)) && !stays && report->id != just_written) Drop(*report);
+    }
+} catch (const std::exception& error) {
+    logger.Write(4, "Old reports stay: %s", error.what());
 }
 
 }  // namespace
@@ -168,6 +209,7 @@ void RestoreReport::AddFailure(const std::string& why, int code) {
 
 void RestoreReport::Finish(const std::string& type) {
     Write([&] { backup2::FinalizeReport(id_, type); });
+    DropOldReports(id_);
     if (trouble_.empty()) {
         std::cout << "Report: backup2 report " << id_ << std::endl;
     } else {

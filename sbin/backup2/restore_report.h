@@ -29,7 +29,9 @@ public:
     void AddSystem(const std::string& name, const std::string& why);
     /// A failure of the restore as a whole; `code` is the exit status of what failed.
     void AddFailure(const std::string& why, int code);
-    /// `type`: "all", "selected" or "import". Prints how to read the report.
+    /// `type`: "all", "selected" or "import". Prints how to read the report. Of each user's reports
+    /// that have ended the newest hundred stay, and none longer than a year after it was written or
+    /// viewed; the newest that nobody has viewed stays however old it is.
     void Finish(const std::string& type);
 
     const std::string& Id() const { return id_; }

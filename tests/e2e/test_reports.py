@@ -113,6 +113,21 @@ class Reports(StorageCase):
         self.assertFalse(self.target.exists())
         self.assertEqual([row["owner"] for row in json.loads(self.backup2("report", "--json"))], [OTHER])
 
+    def test_old_reports_go_but_for_the_newest_that_nobody_has_viewed(self):
+        def write(name, day, viewed, owner=USER):
+            mark = ' viewed="yes"' if viewed else ""
+            self.file(name).write_text(f'<doc owner="{owner}" uid="33" date="2024-01-01 10:00:{day:02}" type="all" finalized="yes"{mark}/>')
+        for number in range(130):
+            write(f"r{number:03}", number // 3, number > 20)
+        write("others", 1, True, OTHER)
+        write("aged", 2, False, OTHER)
+        write("aged-unviewed", 3, False, OTHER)
+        for name in ("aged", "aged-unviewed"):
+            os.utime(self.file(name), (0, 0))
+        self.restore("--report", "just-now")
+        left = sorted(row["id"] for row in json.loads(self.backup2("report", "--json")))
+        self.assertEqual(left, sorted(["aged-unviewed", "just-now", "others", *(f"r{number:03}" for number in range(31, 130))]))
+
     def test_a_killed_restore_leaves_a_report_that_is_not_ended(self):
         self.panel.command("storage set", local_token(self.root / "store", PASSWORD))
         self.backup2("run", USER, "--custom")
