@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <list>
+#include <memory>
 #include <stdexcept>
 
 #include "vel/str.h"
 #include "vel/vel_date.h"
+#include "vel/vel_err.h"
 #include "vel/vel_file.h"
+#include "vel/vel_proc.h"
 
 #include "backup_common/backup2_misc.h"
 
@@ -19,6 +22,24 @@ namespace {
 const char kMaking[] = ".making.";      // incomplete: whoever finds it takes it back
 const char kComplete[] = ".complete.";  // uploaded: whoever finds it lets it take its place
 const char kOldInfo[] = "old.info";     // the record of the one before, until its slices are gone
+
+/// Nobody else reads or removes what the folder holds while the result lives.
+std::unique_ptr<backup2::Lock> WaitForReaders(const std::string& folder) {
+    constexpr int kTries = 3600 * 5, kPauseMs = 200;
+    for (int tries = 1;; ++tries) {
+        try {
+            return std::make_unique<backup2::Lock>(folder);
+        } catch (const vel_err::Error& error) {
+            if (error.type() != "lock") throw;
+        }
+        if (tries == kTries) {
+            throw std::runtime_error(
+                "it is complete and takes its place with the next custom backup: the one before is "
+                "being read");
+        }
+        vel_proc::Sleep(kPauseMs);
+    }
+}
 
 void PutAgain(const std::string& local) {
     RunTool({"backup2_cp", "--put", "--no-delete", local}).ThrowIfFailed(local);
@@ -82,6 +103,7 @@ void CustomBackup::Finish() {
 void CustomBackup::TakeBack() { TakeBack(stamp_); }
 
 void CustomBackup::Complete(const std::string& stamp) {
+    const auto alone = WaitForReaders(backup2::MkLocalDir(local_dir_, user_, kCustom));
     const std::string dir = Dir(kComplete, stamp);
     const std::string index = "custom." + user_ + ".tgz", info = "custom." + user_ + ".info";
     const std::string old_info = vel_file::ConcatPath(dir, kOldInfo);

@@ -6,7 +6,8 @@
 ///   user/custom/custom.user.info       info: the same; with it the new backup counts
 ///
 /// Locally everything new stays in a directory of its own until then, so what the local tree says
-/// is always one complete backup, and a broken run can put the old index and info back.
+/// is always one complete backup, and a broken run can put the old index and info back. While
+/// somebody reads the one before, it stays.
 #pragma once
 
 #include <map>
@@ -24,14 +25,16 @@ public:
     CustomBackup(std::string local_dir, std::string place, std::string user,
                  const backup2::BackupToken& token);
 
-    /// Ends what runs left that died: takes back what was incomplete, finishes what was complete.
+    /// Ends what runs left that died: takes back what was incomplete, finishes what was complete,
+    /// as Finish does.
     void Recover();
     /// Begins a new one: chooses the stamp and makes the directory WorkDir().
     void Begin();
     const std::string& Stamp() const { return stamp_; }
     std::string WorkDir() const;
     /// The backup in WorkDir() is complete and uploaded: it takes the place of the one before,
-    /// whose slices are removed.
+    /// whose slices are removed. Waits an hour at most for those who read that, then throws; the
+    /// new one takes its place with the next run.
     void Finish();
     /// Removes what was made, also from the storage; the one before is as it was.
     void TakeBack();

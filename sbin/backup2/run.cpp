@@ -183,7 +183,9 @@ void Job::WriteWorkingInfo() const {
 }
 
 void Job::Archive() {
-    const backup2::Lock in_use(dir_);
+    // A custom one is made elsewhere: those who read the one before mark its folder.
+    std::optional<backup2::Lock> in_use;
+    if (!IsCustom()) in_use.emplace(dir_);
     // The full backup must not be removed while an increment to it is being made.
     std::unique_ptr<backup2::Lock> base_in_use;
     if (!base_.empty()) {

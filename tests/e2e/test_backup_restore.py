@@ -1,6 +1,7 @@
 """The command of the administrator, end to end: panel, archiver, copy tool, storage, databases."""
 
 import contextlib
+import fcntl
 import json
 import os
 import pathlib
@@ -149,8 +150,19 @@ class BackupRestore(unittest.TestCase):
         (self.home / "data/random").unlink()
         self.backup2("run", USER, "--custom")
         self.assertEqual((self.restored("custom") / "data/state").read_text(), "third")
-        self.assertEqual(len(self.slices("custom")), 1)
+        third = self.slices("custom")
+        self.assertEqual(len(third), 1)
         self.backup2("verify", USER, "custom", "--deep")
+        # Somebody reads it: it stays until he has.
+        with open(self.local / USER / "custom/.backup.inuse", "w") as reading:
+            fcntl.lockf(reading, fcntl.LOCK_EX)
+            process = backup2_test.start(["backup2", "run", USER, "--custom"])
+            while not list(self.local.glob(".complete.*")):
+                self.assertIsNone(process.poll())
+                time.sleep(0.01)
+            self.assertLess(set(third), set(self.slices("custom")))
+        self.assertEqual((process.communicate(timeout=60)[1], process.returncode), ("", 0))
+        self.assertFalse(set(third) & set(self.slices("custom")))
         self.assert_nothing_left()
 
     # ---- Faults ---------------------------------------------------------------------------------
