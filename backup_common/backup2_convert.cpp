@@ -2,8 +2,6 @@
 
 #include <cstddef>
 #include <optional>
-#include <utility>
-#include <vector>
 
 #include "vel/str.h"
 #include "vel/vel_env.h"
@@ -25,19 +23,19 @@ constexpr unsigned kCloudLinux = 0x20104;
 
 constexpr char kUserElement[] = "/doc/elem[@name='user.edit']";
 constexpr char kCloudLinuxParam[] = "/doc/elem[@name='user.edit']/param[@name='oscloudlinux']";
-constexpr char kArrow[] = "->";
+constexpr char kServer[] = "server", kType[] = "type";
+const std::string kArrow = "->", kElid = "elid", kName = "name";
 
 /// The larger edition's word for a type of server in the smaller one's; others as they are.
-std::string ServerOfType(const std::string& type) {
+std::string ServerOfType(std::string type) {
     if (type == "mysql") return "MySQL";
     return type == "postgresql" ? "PostgreSQL" : type;
 }
 
 }  // namespace
 
-/// What the elements of one conversion share: what each would look for by itself, and changes that
-/// would take other elements away. Those wait for the end, as the elements were all selected
-/// before.
+/// What the elements of one conversion share: what each would look for by itself, and how many of
+/// them take a mark away. Those wait for the end, as elements may stand in a mark.
 struct SharedWork {
     explicit SharedWork(const vel_xml::Xml& document) : xml(document) {}
 
@@ -45,25 +43,20 @@ struct SharedWork {
         if (!user) user = xml.GetNode(kUserElement);
         return *user;
     }
-    void Finish() {
-        // Backwards: what lies within another one goes before it.
-        for (auto change = texts.rbegin(); change != texts.rend(); ++change)
-            change->first.SetContent(change->second);
-        if (removals != 0) RemoveMarks();
-    }
     /// Each element of the user took one away: the first that was left then.
-    void RemoveMarks() {
-        std::vector<vel_xml::XmlNode> gone;
-        for (const vel_xml::XmlNode& node : xml.GetNodes(kCloudLinuxParam))
-            if (gone.size() < removals) gone.push_back(node);
+    void RemoveMarks() const {
+        if (removals == 0) return;
+        std::size_t gone = 0;
         // No such parameter lies in another one: its parent is an element of the top.
-        for (vel_xml::XmlNode& node : gone) node.Unlink();
+        for (vel_xml::XmlNode mark : xml.GetNodes(kCloudLinuxParam)) {
+            if (gone++ == removals) break;
+            mark.Unlink();
+        }
     }
 
     vel_xml::Xml xml;
     std::optional<vel_xml::XmlNode> user;
     std::size_t removals = 0;
-    std::vector<std::pair<vel_xml::XmlNode, std::string>> texts;
 };
 
 namespace {
@@ -71,10 +64,8 @@ namespace {
 std::shared_ptr<Conv> Pick(const vel_xml::Xml& xml, const vel_xml::XmlNode& node,
                            const std::string& kind, const std::shared_ptr<SharedWork>& work) {
     static const auto kUnchanged = std::make_shared<Conv>();
-    if (node.Parent().GetProp("name") == "db")
-        return std::make_shared<DBConv>(xml, node, kind, work);
-    if (node.GetProp("name") == "user.edit")
-        return std::make_shared<UserConv>(xml, node, kind, work);
+    if (node.Parent().IsProp("name", "db")) return std::make_shared<DBConv>(xml, node, kind, work);
+    if (node.IsProp("name", "user.edit")) return std::make_shared<UserConv>(xml, node, kind, work);
     return kUnchanged;
 }
 
@@ -118,9 +109,9 @@ DummyConverter::~DummyConverter() = default;
 
 vel_xml::Xml DummyConverter::ConvertElements(const std::string& kind) {
     const auto work = std::make_shared<SharedWork>(xml_);
-    for (const vel_xml::XmlNode& node : xml_.GetNodes("//elem"))
-        Pick(xml_, node, kind, work)->ConvertType();
-    work->Finish();
+    xml_.ForEach(
+        "elem", [&](const vel_xml::XmlNode& node) { Pick(xml_, node, kind, work)->ConvertType(); });
+    work->RemoveMarks();
     return xml_;
 }
 
@@ -161,17 +152,20 @@ DBConv::DBConv(const vel_xml::Xml& xml, const vel_xml::XmlNode& node, const std:
 DBConv::~DBConv() = default;
 
 void DBConv::ConvertType() {
-    const std::string elid = node_.GetProp("elid");
-    if (kind_ == kTavo2Merun) node_.SetProp("elid", ToMerun(elid));
-    if (kind_ == kMerun2Tavo) node_.SetProp("elid", ToTavo(elid));
-    ConvertChildren();
+    if (kind_ == kTavo2Merun) {
+        node_.SetProp(kElid, ToMerun(node_.GetProp(kElid)));
+        ConvertChildren(kServer, kType, str::Lower);
+    } else if (kind_ == kMerun2Tavo) {
+        node_.SetProp(kElid, ToTavo(node_.GetProp(kElid)));
+        ConvertChildren(kType, kServer, ServerOfType);
+    }
 }
 
 std::string DBConv::ToMerun(std::string elid) const {
-    const std::string server = str::RGetWord(elid, kArrow);
-    elid += kArrow + str::Lower(server);
+    const std::string server = str::Lower(str::RGetWord(elid, kArrow));
+    elid.append(kArrow).append(server);
     const vel_xml::XmlNode user = work_ ? work_->User() : xml_.GetNode(kUserElement);
-    if (user) elid += kArrow + user.GetProp("elid");
+    if (user) elid.append(kArrow).append(user.GetProp(kElid));
     return elid;
 }
 
@@ -181,25 +175,12 @@ std::string DBConv::ToTavo(std::string elid) {
     return elid + kArrow + ServerOfType(type);
 }
 
-void DBConv::ConvertChildren() {
+void DBConv::ConvertChildren(const char* from, const char* to,
+                             std::string (*convert)(std::string)) {
     for (vel_xml::XmlNode child = node_.FirstChild(); child; child = child.Next()) {
-        const std::string name = child.GetProp("name");
-        if (kind_ == kMerun2Tavo && name == "type") {
-            child.SetProp("name", "server");
-            SetText(child, ServerOfType(child.Str()));
-        } else if (kind_ == kTavo2Merun && name == "server") {
-            child.SetProp("name", "type");
-            SetText(child, str::Lower(child.Str()));
-        }
-    }
-}
-
-/// Elements within the child go with its old content, and may be among those to convert.
-void DBConv::SetText(vel_xml::XmlNode child, const std::string& text) const {
-    if (work_ && child.FirstChild()) {
-        work_->texts.emplace_back(child, text);
-    } else {
-        child.SetContent(text);
+        if (!child.IsProp("name", from)) continue;
+        child.SetProp(kName, to);
+        child.SetContent(convert(child.Str()));
     }
 }
 

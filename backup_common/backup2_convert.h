@@ -113,7 +113,7 @@ private:
 /// the text "mysql". An elid with too few parts loses from its end: the whole text is the part cut.
 class BACKUP2_EXPORT DBConv : public Conv {
 public:
-    /// As a UserConv; `work` also saves the search for the user's element.
+    /// `work` saves the search for the user's element.
     DBConv(const vel_xml::Xml& xml, const vel_xml::XmlNode& node, const std::string& kind,
            const std::shared_ptr<SharedWork>& work = nullptr);
     ~DBConv() override;
@@ -122,8 +122,8 @@ public:
 private:
     std::string ToMerun(std::string elid) const;
     static std::string ToTavo(std::string elid);
-    void ConvertChildren();
-    void SetText(vel_xml::XmlNode child, const std::string& text) const;
+    /// Children named `from` get the name `to`, and another text.
+    void ConvertChildren(const char* from, const char* to, std::string (*convert)(std::string));
 
     vel_xml::Xml xml_;
     vel_xml::XmlNode node_;

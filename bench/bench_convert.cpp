@@ -44,7 +44,7 @@ void Make(const std::string& path, int elements, std::size_t mib) {
 
 void Ours(const std::string& from, const std::string& to) {
     vel_xml::Xml xml;
-    xml.LoadFromFile(from);
+    xml.LoadFromFile(from, vel_xml::Texts::Joined);
     backup2::Convert(xml, "3");
     xml.Save(to, false);
 }

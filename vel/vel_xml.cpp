@@ -43,8 +43,9 @@ constexpr unsigned kParse =
 
 unsigned Byte(char c) { return static_cast<unsigned char>(c); }
 
+/// Signed: one comparison finds control bytes and those from 0x80 on.
 bool IsPlain(char c) {
-    return (Byte(c) >= 0x20 && Byte(c) < 0x80) || c == '\t' || c == '\n' || c == '\r';
+    return static_cast<signed char>(c) >= ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
 /// The size of the UTF-8 character at the beginning of `s` when XML can hold it, else 0.
@@ -63,19 +64,26 @@ std::size_t CharacterSize(std::string_view s) {
     return overlong || surrogate || code > 0x10ffff || (code & ~1U) == 0xfffe ? 0 : size;
 }
 
-/// How many bytes at the beginning of `s`, in steps of 16, are plain.
+using Block __attribute__((vector_size(16))) = signed char;
+
+/// 16 bytes, each -1 where one that is plain stands, else 0.
+Block PlainIn(const char* bytes) {
+    Block b;
+    std::memcpy(&b, bytes, sizeof(b));
+    return (b >= ' ') | (b == '\t') | (b == '\n') | (b == '\r');
+}
+
+/// How many bytes at the beginning of `s` are plain.
 std::size_t PlainBytes(std::string_view s) {
-    // Signed: one comparison finds control bytes and those from 0x80 on.
-    using Block __attribute__((vector_size(16))) = signed char;
     std::size_t i = 0;
-    for (; i + sizeof(Block) <= s.size(); i += sizeof(Block)) {
-        Block block;
-        std::memcpy(&block, &s[i], sizeof(block));
-        const auto bad = (block < ' ') & (block != '\t') & (block != '\n') & (block != '\r');
+    for (; i + 64 <= s.size(); i += 64) {
+        const char* at = &s[i];
+        const Block plain = PlainIn(at) & PlainIn(at + 16) & PlainIn(at + 32) & PlainIn(at + 48);
         uint64_t words[2];
-        std::memcpy(words, &bad, sizeof(words));
-        if ((words[0] | words[1]) != 0) break;
+        std::memcpy(words, &plain, sizeof(words));
+        if (~(words[0] & words[1]) != 0) break;
     }
+    while (i < s.size() && IsPlain(s[i])) ++i;
     return i;
 }
 
@@ -83,8 +91,8 @@ std::size_t PlainBytes(std::string_view s) {
 std::size_t FirstBad(std::string_view s) {
     std::size_t i = 0;
     while (i < s.size()) {
-        const std::size_t skipped = PlainBytes(s.substr(i));
-        const std::size_t size = skipped != 0 ? skipped : CharacterSize(s.substr(i));
+        const std::string_view rest = s.substr(i);
+        const std::size_t size = IsPlain(s[i]) ? PlainBytes(rest) : CharacterSize(rest);
         if (size == 0) break;
         i += size;
     }
@@ -167,7 +175,7 @@ void Skimmer::SkipElement() {
     std::size_t attributes = 0;
     for (; at_ != end_ && *at_ != '>'; ++at_) {
         const char quote = *at_;
-        if (quote != '"' && quote != '\'') continue;
+        if (quote > '>' || (quote != '"' && quote != '\'')) continue;  // mostly a letter
         if (++attributes > kMaxAttributes) Refuse("over 10000 attributes in one element");
         ++at_;
         if (!SkipTo(quote)) return;
@@ -178,6 +186,15 @@ void Skimmer::SkipElement() {
 
 // ---- Parsing ------------------------------------------------------------------------------------
 
+/// The value of an element is the text that it begins with.
+void SetValue(pugi::xml_node node, const std::string& value) {
+    if (node.type() == pugi::node_element) {
+        node.text().set(value.c_str());
+    } else {
+        node.set_value(value.c_str());
+    }
+}
+
 /// Cleans what came from outside, and refuses what is too deep for those who will walk it.
 class Inspector : public pugi::xml_tree_walker {
 public:
@@ -186,7 +203,7 @@ public:
         if (depth() >= kMaxDepth && node.type() == pugi::node_element) return false;
         if (clean_) return true;
         CheckForeignName(node.name());
-        if (IsBad(node.value())) node.set_value(Clean(node.value()).c_str());
+        if (IsBad(node.value())) SetValue(node, Clean(node.value()));
         for (pugi::xml_attribute attribute : node.attributes()) {
             CheckForeignName(attribute.name());
             if (IsBad(attribute.value())) attribute.set_value(Clean(attribute.value()).c_str());
@@ -235,7 +252,7 @@ void AddDeclaration(pugi::xml_document& doc) {
     declaration.append_attribute("encoding") = "UTF-8";
 }
 
-std::shared_ptr<Tree> Parse(std::string text) {
+std::shared_ptr<Tree> Parse(std::string text, Texts texts = Texts::Apart) {
     if (text.size() > kMaxSize) Refuse("over 512 MiB");
     // Usually one look at the bytes is enough: only a reference can bring in what is not there.
     const bool clean = FirstBad(text) == text.size() && text.find("&#") == std::string::npos;
@@ -244,9 +261,10 @@ std::shared_ptr<Tree> Parse(std::string text) {
     if (skimmed) Skimmer(text).Run();
     auto tree = std::make_shared<Tree>();
     tree->text = std::move(text);
+    const unsigned joined = texts == Texts::Joined ? pugi::parse_embed_pcdata : 0;
     // With the NUL behind it: the parser puts its end mark over the last byte.
     const pugi::xml_parse_result result = tree->doc.load_buffer_inplace(
-        tree->text.data(), tree->text.size() + 1, kParse, pugi::encoding_utf8);
+        tree->text.data(), tree->text.size() + 1, kParse | joined, pugi::encoding_utf8);
     if (!result) {
         Refuse(std::string(result.description()) + " at byte " + std::to_string(result.offset));
     }
@@ -289,15 +307,28 @@ pugi::xml_node ElementOrNext(pugi::xml_node node) {
 class TextCollector : public pugi::xml_tree_walker {
 public:
     bool for_each(pugi::xml_node& node) override {
-        if (IsText(node.type())) text += node.value();
+        if (IsText(node.type()) || node.type() == pugi::node_element) text += node.value();
         return true;
     }
     std::string text;
 };
 
-void SetText(pugi::xml_node node, const std::string& text) {
-    if (!text.empty()) node.append_child(pugi::node_pcdata).set_value(Clean(text).c_str());
-}
+class ElementWalker : public pugi::xml_tree_walker {
+public:
+    ElementWalker(const std::string& name, const std::function<void(const pugi::xml_node&)>& visit)
+        : name_(name.c_str()), visit_(visit) {}
+    bool for_each(pugi::xml_node& node) override {
+        if (std::strcmp(node.name(), name_) == 0 && node.type() == pugi::node_element) visit_(node);
+        return true;
+    }
+
+private:
+    const char* const name_;
+    const std::function<void(const pugi::xml_node&)>& visit_;
+};
+
+/// The text of a node that holds nothing else.
+void SetText(pugi::xml_node node, const std::string& text) { node.text().set(Clean(text).c_str()); }
 
 pugi::xpath_node_set Select(const std::shared_ptr<Tree>& tree, const std::string& xpath) {
     if (!tree) return {};
@@ -351,6 +382,7 @@ std::string XmlNode::Name() const { return Node(node_).name(); }
 
 std::string XmlNode::Str() const {
     TextCollector collector;
+    collector.text = Node(node_).value();
     Node(node_).traverse(collector);
     return std::move(collector.text);
 }
@@ -359,20 +391,28 @@ std::string XmlNode::GetProp(const std::string& name) const {
     return Node(node_).attribute(name.c_str()).value();
 }
 
+bool XmlNode::IsProp(const char* name, const char* value) const {
+    return std::strcmp(Node(node_).attribute(name).value(), value) == 0;
+}
+
 XmlNode XmlNode::SetProp(const std::string& name, const std::string& value) {
     if (!node_) return *this;
-    CheckName(name);
     pugi::xml_attribute attribute = Node(node_).attribute(name.c_str());
-    if (!attribute) attribute = Node(node_).append_attribute(name.c_str());
-    attribute.set_value(Clean(value).c_str());
+    if (!attribute || attribute.name() != name) {
+        CheckName(name);
+        attribute = Node(node_).append_attribute(name.c_str());
+    }
+    const bool clean = FirstBad(value) == value.size();
+    attribute.set_value(clean ? value.c_str() : Clean(value).c_str());
     return *this;
 }
 
 void XmlNode::DropProp(const std::string& name) { Node(node_).remove_attribute(name.c_str()); }
 
 void XmlNode::SetContent(const std::string& text) {
-    Node(node_).remove_children();
-    SetText(Node(node_), text);
+    pugi::xml_node node = Node(node_);
+    node.remove_children();
+    if (*node.value() != '\0' || !text.empty()) SetText(node, text);
 }
 
 void XmlNode::SetName(const std::string& name) {
@@ -403,7 +443,7 @@ XmlNode XmlNode::AppendChild(const std::string& name) {
 
 XmlNode XmlNode::AppendChild(const std::string& name, const std::string& text) {
     XmlNode child = AppendChild(name);
-    SetText(Node(child.node_), text);
+    child.SetContent(text);
     return child;
 }
 
@@ -434,10 +474,10 @@ Xml Xml::FromStranger(const std::string& text) {
     return FromString(text);
 }
 
-void Xml::LoadFromFile(const std::string& path) {
+void Xml::LoadFromFile(const std::string& path, Texts texts) {
     std::string text = vel_file::ReadE(path);
     try {
-        tree_ = Parse(std::move(text));
+        tree_ = Parse(std::move(text), texts);
     } catch (const vel_err::Error& e) {
         Refuse(path + ": " + e.value());
     }
@@ -464,6 +504,13 @@ XmlNodes Xml::GetNodes(const std::string& xpath) const {
         out.nodes_.push_back(XmlNode(tree_, one.node().internal_object()));
     }
     return out;
+}
+
+void Xml::ForEach(const std::string& name, const std::function<void(const XmlNode&)>& visit) const {
+    if (!tree_) return;
+    ElementWalker walker(
+        name, [&](const pugi::xml_node& node) { visit(XmlNode(tree_, node.internal_object())); });
+    tree_->doc.traverse(walker);
 }
 
 void Xml::RemoveNodes(const std::string& xpath) {

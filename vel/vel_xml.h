@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <istream>
 #include <memory>
 #include <string>
@@ -25,6 +26,7 @@ public:
     std::string Name() const;
     std::string Str() const;                             ///< all text below it, in document order
     std::string GetProp(const std::string& name) const;  ///< "" when absent
+    bool IsProp(const char* name, const char* value) const;  ///< whether GetProp gives this value
     XmlNode SetProp(const std::string& name, const std::string& value);
     void DropProp(const std::string& name);
     void SetContent(const std::string& text);  ///< replaces everything in it by the text
@@ -59,6 +61,10 @@ private:
     std::vector<XmlNode> nodes_;
 };
 
+/// How a document's texts are held. Joined with their elements they take a quarter less memory and
+/// time, but expressions must not ask for texts: for large documents that are changed and saved.
+enum class Texts { Apart, Joined };
+
 class Xml {
 public:
     Xml();  ///< <doc/>
@@ -66,7 +72,8 @@ public:
     static Xml FromString(const std::string& text);
     /// For texts from other machines: over kStrangersLimit is refused as well.
     static Xml FromStranger(const std::string& text);
-    void LoadFromFile(const std::string& path);  ///< as vel_file::ReadE reads
+    /// Reads as vel_file::ReadE does.
+    void LoadFromFile(const std::string& path, Texts texts = Texts::Apart);
     void Load(std::istream& in);
 
     XmlNode GetRoot() const;
@@ -74,6 +81,9 @@ public:
     /// in all three.
     XmlNode GetNode(const std::string& xpath) const;
     XmlNodes GetNodes(const std::string& xpath) const;  ///< all elements, in document order
+    /// Every element of this name, in document order. `visit` may change what it gets and all that
+    /// lies in it, but not take it out of its place.
+    void ForEach(const std::string& name, const std::function<void(const XmlNode&)>& visit) const;
     void RemoveNodes(const std::string& xpath);
     /// Replaces the file in one step.
     void Save(const std::string& path, bool formatted) const;

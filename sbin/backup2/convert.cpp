@@ -57,7 +57,7 @@ int RunConvert(const Options& options) {
     const std::string dist =
         options.host_dist.empty() ? AskHostDist() : CheckDist(options.host_dist);
     vel_xml::Xml xml;
-    xml.LoadFromFile(file);
+    xml.LoadFromFile(file, vel_xml::Texts::Joined);
     const bool known = static_cast<bool>(xml.GetNode("/doc/info"));
     const std::string kind = ConvertFor(xml, dist);
     if (kind.empty()) {

@@ -6,6 +6,7 @@
 
 #include "vel/vel_err.h"
 
+#include "tests/support/work_dir.h"
 #include "tests/vel/fixtures.h"
 
 namespace {
@@ -84,6 +85,39 @@ TEST(Xml, BrokenUtf8BecomesQuestionMarksAndGoodUtf8Stays) {
         EXPECT_EQ(Xml::FromString(made.Str()).GetRoot().Str(), want);
     }
     EXPECT_EQ(Xml::FromString("<a>&#1;&#xFFFF;&#x20AC;</a>").GetRoot().Str(), "????\xe2\x82\xac");
+}
+
+TEST(Xml, AByteThatXmlCannotHoldIsFoundWhereverItStands) {
+    for (std::size_t i = 0; i < 200; ++i) {
+        std::string text(200, 'x'), want = text;
+        text[i] = i % 2 == 0 ? '\x1f' : '\xff';
+        want[i] = '?';
+        EXPECT_EQ(Xml::FromString("<a>" + text + "</a>").GetRoot().Str(), want) << i;
+    }
+}
+
+TEST(Xml, JoinedTextsReadChangeAndSaveAsOthersDo) {
+    const WorkDir work;
+    for (const std::string text :
+         {"<r>a<i>b<j>c</j>d</i>e<k/></r>", "<r>\n <i>  <j>x</j></i>\n</r>", "<r/>",
+          "<r><![CDATA[a]]>b<i><!--c-->d</i></r>", "<r>a\xff&#1;&#13;<i>&lt;\x01</i></r>",
+          "<r>&#0;a<i/></r>", "<r><i a='b'>c</i><!--d-->e<?f g?></r>"}) {
+        SCOPED_TRACE(text);
+        WriteFile("file", text);
+        Xml apart, joined;
+        apart.LoadFromFile("file");
+        joined.LoadFromFile("file", vel_xml::Texts::Joined);
+        EXPECT_EQ(joined.GetRoot().Str(), apart.GetRoot().Str());
+        for (const std::string content : {"", "text", "longer than the text before"}) {
+            for (const Xml* xml : {&apart, &joined}) {
+                xml->GetRoot().AppendChild(xml->GetRoot()).AppendChild("new", content);
+                xml->GetNode("/r/i").SetContent(content);
+            }
+            EXPECT_EQ(joined.Str(), apart.Str());
+            EXPECT_EQ(joined.Str(true), apart.Str(true));
+            EXPECT_EQ(joined.GetRoot().Str(), apart.GetRoot().Str());
+        }
+    }
 }
 
 TEST(Xml, BlanksAndMarkupInTextsStayAsTheyWere) {
