@@ -81,7 +81,7 @@ Account ConvertAccount(Job& job, const Collected& from) {
     job.document.External("layout", from.layout);
     job.document.External("version", Line(FirstLine(from.Text("version"))));
     PanelObject user = job.document.Account(account.here);
-    const Password password = FromShadow(FirstLine(from.Text("shadow")));
+    const Password& password = account.password = FromShadow(FirstLine(from.Text("shadow")));
     job.Secret(user, password, "account", account.there);
     const std::string contact = FirstLine(from.Text("homedir/.contactemail"));
     const std::string email =
@@ -97,6 +97,9 @@ Account ConvertAccount(Job& job, const Collected& from) {
     user.Flag("shell", values["HASSHELL"] == "1" || str::EndsWith(shell, "/bash"));
     Limits(user, values);
     job.document.Add("path", Line(account.home)).Param("to", "data");
+    for (const auto& [key, value] : values)
+        if (str::StartsWith(key, "MXCHECK-") && (value == "remote" || value == "secondary"))
+            job.Lost("mail domain", Line(key.substr(8)), "its mail went to another server");
     job.Carried("account", account.there);
     if (account.here != account.there)
         job.Changed("account", account.there,

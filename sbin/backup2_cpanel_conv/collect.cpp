@@ -51,6 +51,7 @@ const std::set<std::string> kNotNeeded = {"logs",
                                           "fp",
                                           "dnssec",
                                           "sslstorage.db",
+                                          "pds2",
                                           "team",
                                           "strata",
                                           "digestshadow",
@@ -124,10 +125,17 @@ private:
         } else if (file && (In(kTextFolders, top) || In(kTextFiles, name))) {
             Keep(name, reader);
         } else if (file) {
+            if (top == "vf" && IsEmpty(reader)) return;  // no filters: every domain has this file
             others_.insert(others_.size() < kMostOthers ? top : "(others)");
         } else if (entry.type != 'd') {
             job_.Lost("archive", name, "a link or device beside the home directory");
         }
+    }
+
+    static bool IsEmpty(ArchiveReader& reader) {
+        std::string_view bytes;
+        uint64_t offset = 0;
+        return !reader.Data(bytes, offset);
     }
 
     // ---- Texts ----
@@ -188,7 +196,9 @@ private:
     }
     /// DOMAIN/BOX/cur/MESSAGE and the like.
     Unpacker::Tap Mail(const Entry& entry, const std::string& path) {
-        const std::string domain = First(path), box = First(Rest(path)), inner = Rest(Rest(path));
+        const std::string domain = First(path), box = First(Rest(path));
+        if (entry.type == 'f' && !box.empty() && (domain == "cur" || domain == "new"))
+            return MessageIn("", entry, path);
         if (box.empty() || entry.type == 'l' || Domain(domain).empty() ||
             domain.find('.') == std::string::npos)
             return {};
@@ -197,7 +207,11 @@ private:
                       "too many mailboxes: its folder is kept, not its log-in");
             return {};
         }
-        MailFolder& folder = from_.mail[domain + "/" + box];
+        return MessageIn(domain + "/" + box, entry, Rest(Rest(path)));
+    }
+    Unpacker::Tap MessageIn(const std::string& mailbox, const Entry& entry,
+                            const std::string& inner) {
+        MailFolder& folder = from_.mail[mailbox];
         const std::string part = First(inner);
         folder.maildir = folder.maildir || part == "cur" || part == "new";
         folder.mdbox = folder.mdbox || part == "storage" || part == "mailboxes";

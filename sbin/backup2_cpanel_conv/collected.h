@@ -21,7 +21,7 @@ struct Collected {
     /// Texts by their names below the archive's top folder; those of the home directory begin with
     /// "homedir/".
     std::map<std::string, std::string> texts;
-    std::map<std::string, MailFolder> mail;  ///< by "DOMAIN/BOX"
+    std::map<std::string, MailFolder> mail;  ///< by "DOMAIN/BOX"; "" is the account's own mailbox
     std::map<std::string, std::optional<foreign_panel::Dump>> mysql, postgresql;  ///< by database
     std::string layout;  ///< "homedir/" or "homedir.tar", "" without a home directory
 
@@ -39,6 +39,7 @@ struct Account {
     std::string there, here;  ///< its name on the other machine and on this one
     std::string home;         ///< its home directory there
     std::string main_domain;
+    foreign_panel::Password password;
     std::set<std::string> domains;       ///< of every kind
     std::set<std::string> certificates;  ///< domains that have one
 };

@@ -72,9 +72,17 @@ private:
     void AddGrant(PanelObject& object, const std::string& user, const Grant& grant) {
         if (dumps_.count(grant.database) > 0)
             object.Grant(grant.database, Line(grant.host), Line(grant.privileges));
-        else if (!str::EndsWith(grant.database, "%"))  // the account's right to make databases
+        else if (str::EndsWith(grant.database, "%"))
+            AddGrants(object, grant.database.substr(0, grant.database.size() - 1), grant);
+        else
             job_.Lost("database user", user,
                       "rights on " + Line(grant.database) + ", which the archive does not hold");
+    }
+    /// The account's own log-in has rights in all that begins with its name, also in what it makes.
+    void AddGrants(PanelObject& object, const std::string& prefix, const Grant& grant) {
+        for (auto it = dumps_.lower_bound(prefix);
+             it != dumps_.end() && str::StartsWith(it->first, prefix); ++it)
+            object.Grant(it->first, Line(grant.host), Line(grant.privileges));
     }
 
     Job& job_;

@@ -128,6 +128,10 @@ private:
         if (kind != "alias") {
             const std::string& root = web->Get("documentroot");
             object.Param("docroot", Place(domain, root.empty() ? old_root : root));
+            const std::string& secure =
+                WebServer((served_by.empty() ? domain : served_by) + "_SSL")->Get("documentroot");
+            if (!secure.empty() && !root.empty() && secure != root)
+                job_.Lost("domain", domain, "another document root with TLS: " + Line(secure));
             object.Param("php", Line(web->Get("phpversion"))).Param("ip", Line(web->Get("ip")));
         }
         object.Param("certificate", account_.certificates.count(domain) > 0 ? domain : "");

@@ -56,6 +56,7 @@ public:
             Mailboxes(domain);
             CatchAll(domain);
         }
+        OwnMailbox();
         for (const auto& [address, alias] : aliases_) Forward(address, alias);
         Replies();
     }
@@ -71,9 +72,10 @@ private:
             std::string rest = folder;
             domains.insert(str::GetWord(rest, '/'));
         }
+        for (const std::string& name : from_.Names("vad")) domains.insert(name);
         for (const auto& [address, alias] : aliases_)
             if (address[0] == '*') domains.insert(address.substr(2));
-        std::erase_if(domains, [](const std::string& d) { return Domain(d) != d; });
+        std::erase_if(domains, [](const std::string& d) { return d.empty() || Domain(d) != d; });
         return domains;
     }
 
@@ -90,7 +92,7 @@ private:
             aliases_[name] = Read(line);
         }
     }
-    Alias Read(const std::string& text) const {
+    Alias Read(const std::string& text) {
         Alias alias;
         for (const std::string& one : Destinations(text)) {
             if (str::StartsWith(one, ":fail:") || str::StartsWith(one, ":blackhole:") ||
@@ -100,7 +102,8 @@ private:
             } else if (one.find("/autorespond ") != std::string::npos && one[0] == '|') {
                 alias.replies = true;
             } else if (one == account_.there) {
-                alias.to.push_back(account_.there + "@" + account_.main_domain);
+                alias.to.push_back(OwnAddress());
+                own_is_used_ = true;
             } else if (const std::string address = Address(one); !address.empty()) {
                 alias.to.push_back(address);
             } else {
@@ -167,28 +170,40 @@ private:
                  const std::string& quota) {
         const std::string address = Address(name + "@" + domain);
         if (address.empty()) return job_.Lost("mailbox", name + "@" + domain, "no address");
+        PanelObject object = Add(name, domain, address, FromShadow(hash));
+        if (const auto bytes = Number(quota); bytes && *bytes > 0)
+            object.Param("quota", str::Str(*bytes));
+        Folder(object, domain + "/" + name, DocumentPath("data/mail/" + domain + "/" + name));
+    }
+    PanelObject Add(const std::string& name, const std::string& domain, const std::string& address,
+                    const Password& password) {
         mailboxes_.insert(address);
         PanelObject object = job_.document.Add("email", address);
         object.Param("name", name).Param("domain", domain);
-        const Password password = FromShadow(hash);
         job_.Secret(object, password, "mailbox", address);
-        if (const auto bytes = Number(quota); bytes && *bytes > 0)
-            object.Param("quota", str::Str(*bytes));
         object.Flag("suspended", password.locked && !password.text.empty());
-        Folder(object, name, domain);
         if (const auto found = aliases_.find(address); found != aliases_.end()) {
             for (const std::string& to : found->second.to)
                 if (to != address) object.Param("forward", to);
             ReportPrograms(address, found->second);
         }
         job_.Carried("mailbox", address);
+        return object;
     }
-    void Folder(PanelObject& object, const std::string& name, const std::string& domain) {
-        const auto found = from_.mail.find(domain + "/" + name);
-        const std::string path = DocumentPath("data/mail/" + domain + "/" + name);
+    void Folder(PanelObject& object, const std::string& folder, const std::string& path) {
+        const auto found = from_.mail.find(folder);
         if (found == from_.mail.end() || path.empty()) return;
         object.Param("path", path).Param("format", found->second.mdbox ? "mdbox" : "maildir");
         object.Param("compressed", found->second.compression);
+    }
+    std::string OwnAddress() const { return account_.there + "@" + account_.main_domain; }
+    /// The account's log-in has a mailbox too: where the other ones' folders are.
+    void OwnMailbox() {
+        const std::string address = Address(OwnAddress());
+        const bool used = from_.mail.count("") > 0 || own_is_used_;
+        if (!used || address.empty() || mailboxes_.count(address) > 0) return;
+        PanelObject object = Add(account_.there, account_.main_domain, address, account_.password);
+        Folder(object, "", "data/mail");
     }
 
     // ---- Autoresponders: a header and a text in one file each ----
@@ -214,6 +229,7 @@ private:
     const Account& account_;
     std::map<std::string, Alias> aliases_;
     std::set<std::string> mailboxes_;
+    bool own_is_used_ = false;  // an alias leads to the account itself
 };
 
 }  // namespace

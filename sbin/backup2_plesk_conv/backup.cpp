@@ -235,6 +235,11 @@ std::vector<XmlNode> Children(const XmlNode& node, const std::string& name) {
     return found;
 }
 
+std::string DomainOf(const XmlNode& node) {
+    const std::string name = foreign_panel::Domain(node.GetProp("ascii-name"));
+    return name.empty() ? foreign_panel::Domain(node.GetProp("name")) : name;
+}
+
 Password PasswordOf(const XmlNode& node) {
     XmlNode element = Child(node, "password");
     if (!element) element = Child(node, "properties/password");

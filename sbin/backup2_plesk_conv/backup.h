@@ -43,6 +43,9 @@ std::string Value(const vel_xml::XmlNode& node, const std::string& name);
 /// The first element at a path like "properties/dns-zone", perhaps null.
 vel_xml::XmlNode Child(vel_xml::XmlNode node, const std::string& path);
 std::vector<vel_xml::XmlNode> Children(const vel_xml::XmlNode& node, const std::string& name);
+/// The domain that the element names, "" when that is no host name. Names in other letters stand
+/// beside their form for the DNS, which counts.
+std::string DomainOf(const vel_xml::XmlNode& node);
 /// The "password" element of `node`, or of its "properties".
 foreign_panel::Password PasswordOf(const vel_xml::XmlNode& node);
 bool IsSuspended(const vel_xml::XmlNode& node);

@@ -90,13 +90,14 @@ public:
           account_(account),
           of_(of),
           contents_(contents),
-          domain_(Domain(of.name)),
+          domain_(DomainOf(of.node)),
           place_("data/vhosts/" + domain_) {}
 
     void Convert() {
         if (domain_.empty()) return job_.Lost("domain", of_.name, "no name of a domain");
         const std::string there = "/var/www/vhosts/" + domain_;
         job_.unpacker.Map(there, place_);
+        job_.unpacker.Map("/var/www/vhosts/" + of_.name, place_);
         job_.document.Add("path", there).Param("to", place_);
         const bool first = &account_.subscriptions.front().name == &of_.name;
         Site(of_.node, domain_, first ? "main" : "addon", "");
@@ -136,7 +137,7 @@ private:
         ConvertZone(job_, node, name);
     }
     void SubSite(const XmlNode& node) {
-        const std::string name = Domain(node.GetProp("name"));
+        const std::string name = DomainOf(node);
         if (name.empty()) return job_.Lost("domain", node.GetProp("name"), "no name of a domain");
         const bool below = str::EndsWith(name, "." + domain_);
         Site(node, name, below ? "sub" : "addon", below ? domain_ : "");
@@ -174,9 +175,15 @@ private:
         return place;
     }
     void Alias(const XmlNode& node, const std::string& of) {
-        const std::string name = Domain(node.GetProp("name"));
+        const std::string name = DomainOf(node);
         if (name.empty()) return job_.Lost("domain", node.GetProp("name"), "no name of a domain");
         AddDomain(name, "alias", of);
+        if (node.GetProp("mail") == "true")
+            job_.document.Add("emaildomain", name).Param("forward", of);
+        if (Child(node, "properties/dns-zone"))
+            ConvertZone(job_, node, name);
+        else if (node.GetProp("dns") == "true")
+            job_.Lost("dns", name, "its zone followed that of " + of);
     }
     static std::string CertificateOf(const XmlNode& hosting) {
         const std::string name = Line(Value(hosting, "certificate"));
@@ -191,8 +198,7 @@ private:
                 pem +=
                     (text.find("%0A") == std::string::npos ? text : str::url::Decode(text)) + "\n";
             }
-            AddCertificate(job_, name.empty() ? domain_ : name, {Domain(node.GetProp("name"))},
-                           pem);
+            AddCertificate(job_, name.empty() ? domain_ : name, {DomainOf(node)}, pem);
         }
     }
     void Protected(const XmlNode& hosting, const std::string& root) {
@@ -305,7 +311,7 @@ void ConvertAccount(Job& job, const Account& account) {
         user.Param("created", Line(account.client.GetProp("cr-date")));
         UnknownOfClient(job, account.client);
     }
-    user.Param("domain", Domain(account.subscriptions.front().name));
+    user.Param("domain", DomainOf(account.subscriptions.front().node));
     job.Carried("account", account.there);
     if (account.here != account.there)
         job.Changed("account", account.there, "is " + account.here + " here");

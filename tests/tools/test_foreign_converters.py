@@ -43,6 +43,8 @@ CPANEL_OBJECTS = [
     ("email", "info@example.com", "path", ["data/mail/example.com/info"]), ("email", "info@example.com", "forward", ["bob@else.example"]),
     ("email", "info@example.com", "compressed", []), ("email", "zip@example.com", "compressed", ["gzip"]),
     ("email", "zip@example.com", "suspended", ["yes"]), ("email", "team@addon.example", "format", ["mdbox"]),
+    ("email", "bob@example.com", "path", ["data/mail"]), ("email", "bob@example.com", "password", [HASH]),
+    ("emaildomain", "parked.example", "forward", ["example.com"]),
     ("emailforward", "sales@example.com", "to", ["info@example.com", "bob@else.example"]),
     ("emailforward", "gone@example.com", "action", ["discard"]), ("emailforward", "self@example.com", "to", ["bob@example.com"]),
     ("emailforward", "robot@example.com", "to", []),
@@ -59,11 +61,12 @@ CPANEL_ZONE = {
     ("mail.example.com.", "A", "3600", "192.0.2.7"), ("www.deep.example.com.", "CNAME", "14400", "deep.example.com."),
     ("txt.deep.example.com.", "TXT", "14400", '"v=1; a" "b"')}
 CPANEL_LOST = ["bob_cut", "bob_text", "robot@example.com", "$INCLUDE /etc/passwd", "nonsense here", "not a line",
-               "out@example.com", "Mailman", "GRANT SUPER"]
+               "out@example.com", "Mailman", "GRANT SUPER", "went to another server"]
 PLESK_OBJECTS = [
     ("webdomain", "example.com", "kind", ["main"]), ("webdomain", "example.com", "docroot", ["data/vhosts/example.com/httpdocs"]),
     ("webdomain", "example.com", "ip", ["192.0.2.9"]), ("webdomain", "example.com", "certificate", ["cert1"]),
-    ("webdomain", "alias.example", "parent", ["example.com"]), ("webdomain", "addon.example", "kind", ["addon"]),
+    ("webdomain", "alias.example", "parent", ["example.com"]), ("emaildomain", "alias.example", "forward", ["example.com"]),
+    ("webdomain", "xn--bcher-kva.example", "kind", ["addon"]), ("webdomain", "addon.example", "kind", ["addon"]),
     ("webdomain", "addon.example", "docroot", ["data/vhosts/example.com/addon.example"]),
     ("webdomain", "blog.example.com", "kind", ["sub"]), ("webdomain", "blog.example.com", "suspended", ["yes"]),
     ("webdomain", "blog.example.com", "docroot", ["data/vhosts/example.com/blog.example.com/web"]),
@@ -121,7 +124,7 @@ class Case(unittest.TestCase):
 
 class Good(Case):
     def test_an_account_of_cpanel_is_carried_whichever_version_packed_it(self):
-        for name, layout, lost in (("cpmove-bob.tar.gz", "homedir/", ["/srv/elsewhere", "does not hold it"]),
+        for name, layout, lost in (("cpmove-bob.tar.gz", "homedir/", ["/srv/elsewhere", "does not hold it", "with TLS: /home/bob/sites/secure"]),
                                    ("backup-1.31.2024_12-00-00_bob.tar.gz", "homedir.tar", [])):
             with self.subTest(name=name):
                 report = self.convert(CPANEL, self.archive(name), status=3)
@@ -135,6 +138,7 @@ class Good(Case):
                                  ["databases=10", "domains=3", "traffic=1048576000"])
                 self.assertEqual({(r.get("name"), r.get("type"), r.get("ttl"), r.text) for r in doc.iter("record")}, CPANEL_ZONE)
                 self.assertEqual([(g.get("database"), g.get("host"), g.text) for g in doc.iter("grant")],
+                                 [(name, "localhost", "ALL PRIVILEGES") for name in ("bob_cut", "bob_shop", "bob_zip")] +
                                  [("bob_shop", "10.0.0.%", "SELECT, INSERT (A, B)"), ("bob_shop", "localhost", "ALL PRIVILEGES"),
                                   ("bob_pg", None, "ALL PRIVILEGES")])
                 said = json.dumps(report["lost"])
@@ -167,7 +171,7 @@ class Good(Case):
                 self.check_objects(PLESK_OBJECTS)
                 said = json.dumps(report["lost"])
                 for text in ("conf of example.com", "httpdocs/etc", "mssql", "PTR", "mailing lists", "log-in plain",
-                             "stray/Maildir/cur/3"):
+                             "stray/Maildir/cur/3", "its zone followed"):
                     self.assertIn(text, said)
                 self.assertIn("encrypted with the other panel's key", json.dumps(report["changed"]))
                 web = self.out / "data/vhosts/example.com"
