@@ -274,6 +274,7 @@ void Import::Files() {
     RunArchiver({"sbin/qortar", "--create", archive, "--root", converted_, "--save-listing",
                  listing, kTree})
         .ThrowIfFatal("the converted tree");
+    vel_file::Remove(vel_file::ConcatPath(converted_, kTree));  // room for what is unpacked now
     vel_file::Remove(vel_file::ConcatPath(converted_, kTree));  // its room is needed
     vel_file::MkDir(root_);
     const auto result = RunArchiver({"sbin/qortar", "--extract", archive, "--listing", listing,
