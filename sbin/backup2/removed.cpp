@@ -96,16 +96,19 @@ private:
                 return "the backup of " + other.date + " builds on it";
         return "";
     }
-    int DeleteOne(const Backup& backup) const {
+    /// What is in the place now counts: since the backups were listed, a run may have put the
+    /// present user's there.
+    int DeleteOne(const Backup& listed) const {
+        const bool gone = !vel_file::Exists(listed.info_path);  // an increment, with its base
+        const Backup backup = gone ? listed : ReadBackup(listed.info_path);
+        if (!IsFormer(backup)) return vel_tool::kDone;
         std::cout << backup.Title() << ": ";
         if (const std::string why = WhyItStays(backup); !why.empty()) {
             std::cout << "is a former user's, but " << why << std::endl;
             return vel_tool::kWarnings;
         }
         const FailureWatch watch;
-        // An increment has gone with its base.
-        if (vel_file::Exists(backup.info_path))
-            backup2::CheckDeletedUser(user_, backup.date, backup.Get(kUid));
+        if (!gone) backup2::CheckDeletedUser(user_, backup.date, backup.Get(kUid));
         if (vel_file::Exists(backup.info_path)) {
             std::cout << "could not be deleted" << watch.Reason() << std::endl;
             return vel_tool::kFailed;

@@ -18,7 +18,8 @@ NOTHING = b"<doc/>"
 
 
 class Interposed:
-    """Between the service and the panel: answers what `answers` ({function: bytes}) says, passes the rest on."""
+    """Between the service and the panel: answers what `answers` ({function: bytes}) says, passes the rest on;
+    in place of bytes something to do first."""
 
     def __init__(self, panel, answers, delay=0):
         self.path, self.behind, outer = panel.socket, panel.socket + ".real", self
@@ -31,6 +32,8 @@ class Interposed:
                 outer.asked.append(function)
                 outer.stop.wait(delay)
                 answer = answers.get(function, answers.get("all"))
+                if callable(answer):
+                    answer = answer()
                 if answer is None:
                     answer = outer.pass_on(body)
                 self.send_response(200)
@@ -113,6 +116,13 @@ class RemovedUsers(StorageCase):
         self.backup2("unpin", USER, "custom")
         self.backup2("cleanup")
         self.assertEqual(self.have(), {(OTHER, MONDAY), (USER, WEDNESDAY)})
+
+    def test_what_a_run_puts_in_the_place_meanwhile_stays(self):
+        self.remove()
+        self.panel.command(["user", "add", USER, "--root", str(self.home), "--uid", "4712"])
+        with Interposed(self.panel, {"user": lambda: self.backup2("run", USER, "--custom") and None}):
+            self.backup2("cleanup", USER)
+        self.assertEqual(self.have(), {(OTHER, MONDAY), (USER, "custom")})
 
     def test_a_panel_that_makes_no_sense_deletes_nothing(self):
         before = self.have()
