@@ -19,8 +19,9 @@ void Sort(const std::string& output, Extraction::Result& result) {
     str::Split(output, "\n", lines);
     for (std::string& line : lines) {
         if (line.find('\t') == std::string::npos) {
+            const std::string prefix = kArchiver + ": ";
             result.message =
-                str::StartsWith(line, kArchiver + ": ") ? line.substr(kArchiver.size() + 2) : line;
+                PlainWords(str::StartsWith(line, prefix) ? line.substr(prefix.size()) : line);
             continue;
         }
         result.failed += line + "\n";

@@ -13,6 +13,7 @@
 #include "sbin/backup2/commands.h"
 #include "sbin/backup2/entries.h"
 #include "sbin/backup2/job.h"
+#include "sbin/backup2/near_names.h"
 #include "sbin/backup2/output.h"
 
 namespace backup2_admin {
@@ -91,13 +92,21 @@ Found FolderView::Page(std::size_t offset, std::size_t limit) const {
 Found ListFolder(const std::string& index, const Options& options) {
     FolderView view(options.folder);
     bool exists = options.folder.empty();
+    Found itself;
     EachListedEntry(index, [&](const ListedEntry& entry) {
         if (entry.Gone()) return;
+        if (entry.name == options.folder && entry.type != 'd') itself = {{{entry, 0}}, 1};
         exists = exists || entry.name == options.folder ||
                  str::StartsWith(entry.name, options.folder + "/");
         view.Add(entry);
     });
-    if (!exists) throw vel_err::Error("missed", "folder", Printable(options.folder));
+    if (!exists) {
+        std::string what = Printable(options.folder);
+        const std::string near = AskNear(NearNames(index, {options.folder}).front());
+        if (!near.empty()) what += ": " + near;
+        throw vel_err::Error("missed", "folder", what);
+    }
+    if (itself.total > 0) return itself;
     return view.Page(options.offset, options.limit);
 }
 
@@ -154,7 +163,7 @@ void PrintRows(const Found& found, const Options& options) {
                    row.entry.type == 'd' ? str::Str(row.files) : "",
                    row.entry.name + (flaw.empty() ? "" : "  (" + flaw + ")")});
     }
-    std::cout << table.Str();
+    std::cout << (found.total > 0 ? table.Str() : "nothing\n");
     if (found.rows.size() < found.total)
         std::cout << "shown: " << found.rows.size() << " of " << found.total << "\n";
 }

@@ -159,6 +159,12 @@ std::string ReadSecret() {
 std::string Reason(const std::exception& error) {
     const auto* own = dynamic_cast<const vel_err::Error*>(&error);
     if (!own) return error.what();
+    static const std::map<std::string, std::string> kWords = {
+        {"panel unreachable", "the panel does not answer, is it running? "},
+        {"panel bad_answer", "that is no answer of a panel: "},
+        {"restore disk_full", "the disk is full: "}};
+    const auto words = kWords.find(own->type() + " " + own->object());
+    if (words != kWords.end()) return words->second + own->value();
     if (own->type() == "missed") {
         return "there is no " + own->object() + (own->value().empty() ? "" : " " + own->value());
     }
@@ -166,6 +172,19 @@ std::string Reason(const std::exception& error) {
     str::Append(text, own->object(), " ");
     str::Append(text, own->value(), own->object().empty() ? " " : ": ");
     return text;
+}
+
+std::string PlainWords(const std::string& line) {
+    const std::string begin = "Type: '";
+    const std::size_t at = line.find(begin);
+    if (at == std::string::npos) return line;
+    std::string rest = line.substr(at + begin.size());
+    const std::string type = str::GetWord(rest, "' Object: '");
+    const std::string object = str::GetWord(rest, "' Value: '");
+    const std::size_t end = rest.rfind('\'');
+    if (end == std::string::npos) return line;
+    return line.substr(0, at) + Reason(vel_err::Error(type, object, rest.substr(0, end))) +
+           rest.substr(end + 1);
 }
 
 int WorseStatus(int a, int b) {
@@ -373,7 +392,13 @@ std::vector<Backup> FindBackups(const std::string& local_dir, const std::string&
     }
     std::vector<Backup> backups;
     for (const auto& path : paths) {
-        Backup backup = ReadBackup(path);
+        Backup backup;
+        try {
+            backup = ReadBackup(path);
+        } catch (const vel_err::Error&) {
+            if (vel_file::Exists(path)) throw;
+            continue;  // the limits were faster
+        }
         const bool service_name = vel_file::Name(path) == backup.date + "." + backup.user + ".info";
         if (!service_name || (!date.empty() && backup.date != date)) continue;
         if (backup.info.count("finished")) backups.push_back(std::move(backup));
@@ -391,7 +416,8 @@ Backup GetBackup(const std::string& local_dir, const std::string& user, const st
         Backup backup = ReadBackup(path);
         if (backup.info.count("finished") && backup.MadeFor(uid)) return backup;
     }
-    throw vel_err::Error("missed", "backup", user + " " + date);
+    throw vel_err::Error("missed", "backup",
+                         user + " " + date + ", \"backup2 list " + user + "\" shows what there is");
 }
 
 void ChangeInfo(const Backup& backup, const std::function<void(const std::string& copy)>& change) {
@@ -414,7 +440,8 @@ void CheckPassword(const Backup& backup, const backup2::BackupToken& token) {
     if (backup.Get("key_hash").empty() || backup.Get("key_hash") == token.Hash()) return;
     throw std::runtime_error(backup.Title() + ": the backup is encrypted, and " +
                              (token.IsEncrypted() ? "the storage has another password now"
-                                                  : "the storage has no password"));
+                                                  : "the storage has no password") +
+                             "; \"backup2 restore --password-stdin\" takes the old one");
 }
 
 std::string NeedIndex(const Backup& backup, const backup2::BackupToken& token) {
@@ -432,7 +459,7 @@ std::string NeedIndex(const Backup& backup, const backup2::BackupToken& token) {
 std::string Done::LastLine() const {
     const std::string text = str::Trim(output);
     const auto cut = text.rfind('\n');
-    return cut == std::string::npos ? text : text.substr(cut + 1);
+    return PlainWords(cut == std::string::npos ? text : text.substr(cut + 1));
 }
 
 void Done::ThrowIfFailed(const std::string& what) const {

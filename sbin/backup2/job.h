@@ -36,6 +36,8 @@ inline constexpr char kUidHelp[] = "Nothing that was made for another number of 
 std::string ReadSecret();
 /// An error in words for people.
 std::string Reason(const std::exception& error);
+/// The same in a line that a program printed about itself.
+std::string PlainWords(const std::string& line);
 /// Of two exit statuses of users' jobs the one to end with: a failure before warnings.
 int WorseStatus(int a, int b);
 
@@ -118,8 +120,8 @@ struct Backup {
 /// backup yet and is left out.
 std::vector<Backup> FindBackups(const std::string& local_dir, const std::string& user,
                                 const std::string& date);
-/// Throws vel_err::Error("missed", "backup", "<user> <date>") when there is none, and none MadeFor
-/// this number.
+/// Throws vel_err::Error("missed", "backup", "<user> <date> ...") when there is none, and none
+/// MadeFor this number.
 Backup GetBackup(const std::string& local_dir, const std::string& user, const std::string& date,
                  const std::string& uid = "");
 Backup ReadBackup(const std::string& info_path);

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "vel/str.h"
 #include "vel/vel_err.h"
 #include "vel/vel_rpc/kept_tokens.h"
 #include "vel/vel_ssh.h"
@@ -11,6 +12,7 @@
 
 #include "sbin/backup2/commands.h"
 #include "sbin/backup2/job.h"
+#include "sbin/backup2/near_names.h"
 
 namespace {
 
@@ -46,6 +48,44 @@ void RefuseEmptyValues(const std::vector<std::string>& words) {
     }
 }
 
+using Commands = std::vector<const CLI::App*>;
+
+Commands CommandsOf(const CLI::App& app) {
+    return app.get_subcommands(
+        [](const CLI::App* command) { return !command->get_name().empty(); });
+}
+
+/// `word`: what stands in the place of one of these, or "".
+[[noreturn]] void RefuseCommand(const std::string& typed, const std::string& word,
+                                const Commands& commands) {
+    std::string names,
+        text = word.empty() ? "no command is given" : "there is no command \"" + word + "\"";
+    for (const CLI::App* command : commands) {
+        const std::string name = command->get_name();
+        if (!command->get_group().empty()) str::Append(names, name, ", ");
+        if (backup2_admin::IsOneSlip(name, word)) text += ", is it \"" + name + "\"?";
+    }
+    throw vel_tool::UsageError(text + " (" + typed + " --help; " + names + ")");
+}
+
+/// The command that the words lead to, as it is typed. Of one that is missing, or is none, the
+/// parser would say too little.
+std::string FindCommand(const CLI::App& app, const std::vector<std::string>& words) {
+    std::string typed = app.get_name();
+    Commands commands = CommandsOf(app);
+    for (const std::string& word : words) {
+        if (commands.empty() || word.empty() || word[0] == '-') return typed;
+        const auto found = std::find_if(commands.begin(), commands.end(), [&](const CLI::App* one) {
+            return one->get_name() == word;
+        });
+        if (found == commands.end()) RefuseCommand(typed, word, commands);
+        typed += " " + word;
+        commands = CommandsOf(**found);
+    }
+    if (!commands.empty()) RefuseCommand(typed, "", commands);
+    return typed;
+}
+
 int Body(const std::vector<std::string>& args) {
     using namespace backup2_admin;
     RefuseEmptyValues(args);
@@ -60,12 +100,14 @@ int Body(const std::vector<std::string>& args) {
                            AddCleanup, AddStorage, AddFetchSlice}) {
         add(app, chosen);
     }
+    const std::string command = FindCommand(app, args);
     try {
         app.parse(Reversed(args));
     } catch (const CLI::Success& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& wrong) {
-        throw vel_tool::UsageError(std::string(wrong.what()) + " (backup2 --help shows the usage)");
+        throw vel_tool::UsageError(std::string(wrong.what()) + " (" + command +
+                                   " --help shows the usage)");
     }
     vel_ssh::PinHostKeys();
     vel_rpc::KeepTokensIn("var/backup2_cp.tokens");

@@ -17,6 +17,7 @@
 #include "sbin/backup2/entries.h"
 #include "sbin/backup2/extract.h"
 #include "sbin/backup2/job.h"
+#include "sbin/backup2/near_names.h"
 #include "sbin/backup2/output.h"
 #include "sbin/backup2/progress.h"
 #include "sbin/backup2/restore_report.h"
@@ -49,6 +50,8 @@ struct Options {
 };
 
 const std::string kSystem = ".system";
+const std::string kNotThere = "is not in the archive";  // the archiver's words
+constexpr std::size_t kMostHints = 10;
 
 bool IsSystem(const std::string& path) {
     return path == kSystem || str::StartsWith(path, kSystem + "/");
@@ -65,6 +68,7 @@ private:
     void ChooseTarget();
     int Files();
     int Databases();
+    void Print(const Extraction::Result& result) const;
 
     const Options& options_;
     RestoreReport* const report_;
@@ -97,7 +101,8 @@ void Restore::ChooseParts() {
     for (const std::string& path : options_.paths) {
         const std::string name = vel_file::GoodPath(path);
         if (name.empty() || name[0] == '/') {
-            throw vel_tool::UsageError("'" + path + "' is not relative to the user's root");
+            throw vel_tool::UsageError("'" + path +
+                                       "' is not relative to the user's root, as data/index.html");
         }
         (IsSystem(name) ? system_ : files_).push_back(name);
     }
@@ -114,6 +119,8 @@ void Restore::ChooseTarget() {
     if (target_.empty()) {
         throw vel_tool::UsageError(backup_.user + " has no root in the panel: say where --to");
     }
+    if (vel_file::Exists(target_) && !vel_file::Info(target_).IsDir())
+        throw vel_tool::UsageError(Printable(target_) + " is no folder");
     if (!options_.to.empty() || options_.yes || options_.dry_run) return;
     if (!isatty(STDIN_FILENO)) {
         throw vel_tool::UsageError("this changes " + target_ + ": add --yes, or --to DIR");
@@ -123,6 +130,24 @@ void Restore::ChooseTarget() {
     std::string answer;
     std::getline(std::cin, answer);
     if (answer != "y" && answer != "yes") throw vel_tool::UsageError("nothing was restored");
+}
+
+/// What did not come back; for names that the backup does not have, those that may be meant.
+void Restore::Print(const Extraction::Result& result) const {
+    for (const std::string& line : result.lines) std::cout << line << "\n";
+    std::vector<std::string> lines, wrong;
+    str::Split(result.failed, "\n", lines);
+    for (std::string& line : lines) {
+        const std::string name = str::GetWord(line, '\t');
+        if (line == kNotThere && wrong.size() < kMostHints)
+            wrong.push_back(backup2::DecodeFileName(name));
+    }
+    if (wrong.empty()) return;
+    const auto near = NearNames(index_, wrong);
+    for (std::size_t i = 0; i < wrong.size(); ++i)
+        if (!near[i].empty()) std::cout << Printable(wrong[i]) << "\t" << AskNear(near[i]) << "\n";
+    std::cout << "\"backup2 files " << backup_.Title() << " --search TEXT\" finds names"
+              << std::endl;
 }
 
 int Restore::Files() {
@@ -139,14 +164,14 @@ int Restore::Files() {
     if (options_.dry_run) more.push_back("--dry-run");
     const auto result =
         extraction.Run("--extract", nothing ? nothing->Path() : target_, more, files_);
-    for (const std::string& line : result.lines) std::cout << line << "\n";
+    Print(result);
     const auto seen = progress.Finish("qortar");
     const double seconds = progress.Seconds();
     std::cout << backup_.Title() << ": " << Plural(seen.files, "file") << ", "
               << HumanSize(seen.bytes) << " in " << HumanTime(seconds);
     const std::string rate = HumanRate(seen.bytes, seconds);
     std::cout << (rate.empty() ? "" : ", " + rate) << std::endl;
-    result.ThrowIfFatal(backup_.Title());
+    result.ThrowIfFatal(backup_.Title() + " into " + Printable(target_));
     if (report_) report_->AddFiles(result);
     return result.status;
 }
@@ -160,7 +185,7 @@ int Restore::Databases() {
     std::vector<std::string> more;
     if (options_.dry_run) more.push_back("--dry-run");
     const auto result = extraction.Run("--extract", staging.Path(), more, system_);
-    for (const std::string& line : result.lines) std::cout << line << "\n";
+    Print(result);
     result.ThrowIfFatal(backup_.Title());
     if (report_) report_->AddFiles(result);
     const int status = result.status;

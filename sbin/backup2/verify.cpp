@@ -242,6 +242,8 @@ int Verify(const Options& options) {
             rows.push_back(Json(report));
         }
     }
+    // Of a user who has none, or is misspelt, nothing is known to be good.
+    if (rows.empty() && !user.empty()) throw vel_err::Error("missed", "backup", "of " + user);
     if (options.json) PrintJson(rows);
     if (!options.json && rows.empty()) std::cout << "no backups\n";
     if (bad == 0) return vel_tool::kDone;
