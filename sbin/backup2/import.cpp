@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "vel/vel_file.h"
 #include "vel/vel_tool.h"
 
 #include "sbin/backup2/commands.h"
@@ -26,27 +27,27 @@ Examples:
   backup2 import /root/backup.tar bob --panel Plesk --server main)";
 
 struct Options {
-    std::vector<std::string> words;
+    std::string first, second;  // FILE and USER, or with --from USER alone
     PanelImport panel;
     FileImport file;
 };
 
 int Import(Options& options, bool from_panel) {
-    const std::size_t wanted = from_panel ? 1 : 2;
-    if (options.words.size() != wanted)
+    if (options.first.empty() || options.second.empty() != from_panel)
         throw vel_tool::UsageError(from_panel ? "with --from a user is wanted and nothing else"
                                               : "import wants a file and a user, or --from");
     if (!options.file.host_dist.empty()) CheckDist(options.file.host_dist);
     if (!from_panel) {
-        options.file.file = options.words[0];
-        options.file.user = options.words[1];
+        options.file.file = options.first;
+        options.file.user = options.second;
         options.file.report = options.panel.report;
         return ImportFile(options.file);
     }
-    options.panel.user = options.words[0];
+    options.panel.user = options.first;
     options.panel.host_dist = options.file.host_dist;
-    if (!options.panel.ca_file.empty())
-        options.panel.ca_file = vel_tool::Absolute(options.panel.ca_file);
+    std::string& ca = options.panel.ca_file;
+    if (!ca.empty()) ca = vel_tool::Absolute(ca);
+    if (!ca.empty() && !vel_file::Info(ca).IsFile()) throw vel_tool::UsageError(ca + " is no file");
     return ImportFromPanel(options.panel);
 }
 
@@ -57,7 +58,8 @@ void AddImport(CLI::App& app, Action& chosen) {
     const auto options = std::make_shared<Options>();
     PanelImport& panel = options->panel;
     FileImport& file = options->file;
-    command->add_option("words", options->words, "[FILE] USER")->required()->expected(1, 2);
+    command->add_option("file", options->first, "The archive to import; none with --from");
+    command->add_option("user", options->second, "Whose it becomes; he must exist here");
     auto* from = command->add_option("--from", panel.from, "The other panel: https://host:port");
     auto* admin = command->add_option("--admin", panel.admin, "An administrator there");
     from->needs(admin);

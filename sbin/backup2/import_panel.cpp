@@ -141,6 +141,8 @@ void Import::Fetch() {
         throw std::runtime_error(
             "the backups there change while they are fetched: try again later");
     full_ = Look(In("full.tgz"));
+    if (full_.files.empty() && !full_.system)
+        throw std::runtime_error("the archive that was fetched is empty");
     if (has_increment_) increment_ = Look(In("increment.tgz"));
     uint64_t bytes = vel_file::Info(In("full.tgz")).Size();
     if (has_increment_) bytes += vel_file::Info(In("increment.tgz")).Size();
@@ -203,7 +205,7 @@ int Import::Extract(const std::string& archive, const TopLevel& top, ProgressVie
     const auto seen = progress.Finish("qortar");
     std::cout << options_.user << ": " << Plural(seen.files, "file") << ", "
               << HumanSize(seen.bytes) << " in " << HumanTime(progress.Seconds()) << std::endl;
-    result.ThrowIfFatal("the archive");
+    result.ThrowIfFatal(Printable(root_));
     report_.AddFiles(result);
     return result.status;
 }
