@@ -183,7 +183,8 @@ BACKUP2_EXPORT void FinalizeReport(const std::string& report, const std::string&
 BACKUP2_EXPORT void CheckDeletedUser(const std::string& user, const std::string& name,
                                      const std::string& uid);
 /// Removes a backup that was made only to carry an import, from the administrator's storage. A
-/// failed deletion is only logged.
+/// failed deletion is only logged. For the panel's plug-in, whose imports make one where backups
+/// are disabled; those of this service's own programs make none.
 BACKUP2_EXPORT void DeleteAfterImport(const Settings& settings, const std::string& user,
                                       const std::string& name);
 
