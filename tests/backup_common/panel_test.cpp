@@ -130,7 +130,6 @@ std::vector<EvilAnswer> Dialogue(const EvilAnswer& check, const EvilAnswer& down
 }
 
 TEST_F(Panels, TheCheckIsOnlyAnAdvice) {
-    const EnvGuard impatient("BACKUP2_STALL_SECONDS", "1");
     const std::pair<EvilAnswer, const char*> checks[] = {
         {Doc("<status>ok</status>"), nullptr},
         {Doc("<status>ERR no backup</status>"), "Remote call cgi return error: 'ERR no backup'"},

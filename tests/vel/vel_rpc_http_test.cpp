@@ -32,7 +32,7 @@ private:
             return 'f';
         }
         if (kind_ == Throws) throw std::runtime_error("the archiver died");
-        vel_proc::Sleep(1500);
+        vel_proc::Sleep(3000);
         return std::streambuf::traits_type::eof();
     }
     const Kind kind_;
@@ -139,7 +139,7 @@ TEST_F(HttpCore, WhatTheSourceAndTheSinkThrowPasses) {
 }
 
 TEST_F(HttpCore, ASlowSourceIsNoStall) {
-    const EnvGuard impatient("BACKUP2_STALL_SECONDS", "1");
+    const EnvGuard impatient("BACKUP2_STALL_SECONDS", "2");
     const EvilServer server({{Answer("200 OK", "ok")}});
     OddSource slow(OddSource::Waits);
     Request request = Ask(server);
