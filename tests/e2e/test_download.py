@@ -1,6 +1,5 @@
 """Downloads of the newest backup through the panel's door: the right bytes, all of them, to their owner only."""
 
-import http.client
 import itertools
 import os
 import pathlib
@@ -13,7 +12,7 @@ import unittest
 import urllib.parse
 import xml.etree.ElementTree
 
-from backup2_test import run, tree_state
+from backup2_test import exchange, run, tree_state
 from panel import TlsPanel, UnixConnection
 from storage_case import MONDAY, PASSWORD, TUESDAY, USER, WEDNESDAY, StorageCase, ftp, sftp
 
@@ -45,18 +44,9 @@ class DownloadCase(StorageCase):
         connection = connection or self.panel.connect()
         auth = self.session() if auth is None else auth
         words = "&".join(word for word in (f"auth={auth}" if auth else "", query) if word)
-        try:
-            if method == "POST":
-                connection.request(method, DOWNLOAD, words, {"Content-Type": "application/x-www-form-urlencoded"})
-            else:
-                connection.request(method, f"{DOWNLOAD}?{words}", headers={
-                    name.replace("_", "-"): value for name, value in headers.items()})
-            answer = connection.getresponse()
-            return answer.status, answer.headers, answer.read()
-        except http.client.IncompleteRead as cut:
-            return 0, answer.headers, cut.partial
-        finally:
-            connection.close()
+        if method == "POST":
+            return exchange(connection, method, DOWNLOAD, words, Content_Type="application/x-www-form-urlencoded")
+        return exchange(connection, method, f"{DOWNLOAD}?{words}", **headers)
 
     def check(self, query="", auth=None):
         """What the check request says."""

@@ -150,18 +150,12 @@ class PageCase(unittest.TestCase):
         """Status, headers and body."""
         trust = ssl._create_unverified_context()
         connection = http.client.HTTPSConnection("127.0.0.1", self.site.port, context=trust, timeout=60)
-        headers = {name.replace("_", "-"): value for name, value in headers.items()}
         if cookie:
             headers["Cookie"] = cookie
         if body is not None:
-            headers.setdefault("Content-Type", "application/json")
+            headers.setdefault("Content_Type", "application/json")
             body = body if isinstance(body, (str, bytes)) else json.dumps(body)
-        try:
-            connection.request(method, path, body, headers)
-            answer = connection.getresponse()
-            return answer.status, answer.headers, answer.read()
-        finally:
-            connection.close()
+        return backup2_test.exchange(connection, method, path, body, **headers)
 
     def log_in(self, user):
         status, headers, body = self.ask("POST", "/api/login", {"user": user, "password": PASSWORDS[user]})

@@ -13,6 +13,7 @@ import base64
 import collections
 import contextlib
 import hashlib
+import http.client
 import os
 import pathlib
 import random
@@ -72,6 +73,19 @@ def run(argv, *, cwd=None, stdin=None, timeout=120, **env):
     return subprocess.run(argv, cwd=cwd, env=environment(**env), timeout=timeout,
                           input="" if stdin is None else stdin, capture_output=True, text=True,
                           encoding="utf-8", errors="surrogateescape", check=False)
+
+
+def exchange(connection, method, target, body=None, **headers):
+    """One HTTP request, the last one of its connection: status, headers and body. Keywords are
+    headers, "_" for "-". An answer that is cut has the status 0 and the body as far as it came."""
+    try:
+        connection.request(method, target, body, {name.replace("_", "-"): value for name, value in headers.items()})
+        answer = connection.getresponse()
+        return answer.status, answer.headers, answer.read()
+    except http.client.IncompleteRead as cut:
+        return 0, answer.headers, cut.partial
+    finally:
+        connection.close()
 
 
 def start(argv, *, stdin="", **env):

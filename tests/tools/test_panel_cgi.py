@@ -1,6 +1,5 @@
 """How the panel runs the programs of velcgi/: what they learn, what they may answer, when they end."""
 
-import http.client
 import os
 import pathlib
 import socket
@@ -41,15 +40,7 @@ class Case(unittest.TestCase):
 
     def ask(self, target, method="GET", body=None, connection=None, **headers):
         """Status, headers and body; a cut connection gives what came of the body, and status 0."""
-        connection = connection or self.panel.connect()
-        try:
-            connection.request(method, target, body, {k.replace("_", "-"): v for k, v in headers.items()})
-            answer = connection.getresponse()
-            return answer.status, answer.headers, answer.read()
-        except http.client.IncompleteRead as cut:
-            return 0, answer.headers, cut.partial
-        finally:
-            connection.close()
+        return backup2_test.exchange(connection or self.panel.connect(), method, target, body, **headers)
 
     def wait_until(self, happened, what):
         for _ in range(1200):
