@@ -48,7 +48,8 @@ int List(bool as_json) {
     nlohmann::json rows = nlohmann::json::array();
     Table table("lllrl");
     table.Add({"REPORT", "OWNER", "BEGUN", "EVENTS", "STATE"});
-    for (const StoredReport& report : ListReports()) {
+    std::vector<std::string> unreadable;
+    for (const StoredReport& report : ListReports(&unreadable)) {
         rows.push_back(Head(report));
         rows.back()["events"] = report.events.size();
         table.Add({report.id, report.owner, report.date, str::Str(uint64_t{report.events.size()}),
@@ -56,12 +57,11 @@ int List(bool as_json) {
     }
     if (as_json) {
         PrintJson(rows);
-    } else if (rows.empty()) {
-        std::cout << "no reports\n";
-    } else {
-        std::cout << table.Str();
+        return vel_tool::kDone;
     }
-    return vel_tool::kDone;
+    std::cout << (rows.empty() ? "no reports\n" : table.Str());
+    for (const std::string& line : unreadable) std::cout << line << "\n";
+    return unreadable.empty() ? vel_tool::kDone : vel_tool::kWarnings;
 }
 
 void PrintEvents(const StoredReport& report) {

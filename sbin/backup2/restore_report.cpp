@@ -267,7 +267,7 @@ std::string IdOf(const std::string& file) {
 
 }  // namespace
 
-std::vector<StoredReport> ListReports() {
+std::vector<StoredReport> ListReports(std::vector<std::string>* unreadable) {
     std::vector<StoredReport> reports;
     for (vel_file::Dir entries(vel_file::SplitPath(backup2::GetReportFile("")).dir, 2);
          entries.Next();) {
@@ -277,6 +277,7 @@ std::vector<StoredReport> ListReports() {
             reports.push_back(ReadReport(id, Load(id)));
         } catch (const vel_err::Error& error) {
             logger.Write(4, "Cannot read the report '%s': %s", id, error.what());
+            if (unreadable) unreadable->push_back(id + "\t" + Reason(error));
         }
     }
     std::sort(reports.begin(), reports.end(), [](const StoredReport& a, const StoredReport& b) {

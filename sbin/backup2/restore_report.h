@@ -64,8 +64,9 @@ struct StoredReport {
     std::vector<ReportEvent> events;
 };
 
-/// All reports of this install root, by date and id. One that cannot be read is left out.
-std::vector<StoredReport> ListReports();
+/// All reports of this install root, by date and id. One that cannot be read is left out;
+/// `unreadable` gets a line for it, its id, a TAB and why.
+std::vector<StoredReport> ListReports(std::vector<std::string>* unreadable = nullptr);
 /// Reads a report and marks it as viewed: whatever writes to it next begins afresh. Throws
 /// vel_err::Error("missed", "report", id), and for a file that is no XML, which is set aside under
 /// its name and ".bad".

@@ -65,6 +65,7 @@ private:
     void UseOwnStorage() const;
     void RemoveLeftovers();
     void ChooseBase();
+    [[noreturn]] void RefuseSecond() const;
     void ChooseNames();
     void WriteWorkingInfo() const;
     void Archive();
@@ -140,11 +141,20 @@ void Job::RemoveLeftovers() {
     }
 }
 
+void Job::RefuseSecond() const {
+    for (const Backup& backup : FindBackups(settings_.local_dir(), user_, date_))
+        if (!uid_.empty() && !backup.MadeFor(uid_))
+            throw std::runtime_error(
+                "a former user of this name has a backup of this day: "
+                "\"backup2 cleanup\" removes it");
+    throw std::runtime_error("the backup exists already");
+}
+
 /// What a former user of this name left is no base: it is removed one day, and is none of his.
 void Job::ChooseBase() {
     base_ = IsCustom() ? "" : backup2::LookupLastFull(settings_, user_, date_);
     if (base_.empty()) return;
-    if (base_ == "exists") throw std::runtime_error("the backup exists already");
+    if (base_ == "exists") RefuseSecond();
     const std::string day = backup2::GetDate(vel_file::Name(base_));
     const std::string uid = GetBackup(settings_.local_dir(), user_, day).Get("uid");
     if (!uid.empty() && uid != uid_) base_.clear();

@@ -108,6 +108,7 @@ class RemovedUsers(StorageCase):
         self.backup2("pin", USER, "custom")
         self.remove()
         self.panel.command(["user", "add", USER, "--root", str(self.home), "--uid", "4712"])
+        self.assertIn("a former user of this name", self.backup2("run", USER, "--date", TUESDAY, expect=1))
         self.backup2("run", USER, "--date", WEDNESDAY)
         # Nothing of the former user's is under it.
         self.assertIn("full", [line for line in self.backup2("list", USER).splitlines() if WEDNESDAY in line][0])

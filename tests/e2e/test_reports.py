@@ -7,7 +7,7 @@ import time
 import unittest
 
 import backup2_test
-from backup2_test import local_token
+from backup2_test import local_token, run
 from storage_case import MONDAY, PASSWORD, USER, StorageCase
 
 OTHER = "games"
@@ -94,7 +94,8 @@ class Reports(StorageCase):
             self.file().write_text(content)
             self.assertIn("is no XML document", self.backup2("report", "r1", expect=1))
             self.file().write_text(content)
-            self.backup2("report")
+            self.assertIn("r1\txml parse_failed", run(["backup2", "report"], **self.env).stdout)
+            self.assertEqual(self.backup2("report", "--json"), "[]\n")
             self.restore("--report", "r1", "data/a")
             self.assertTrue(self.report()["finalized"])
             self.assertEqual(self.file().with_suffix(".xml.bad").read_text(), content)
