@@ -41,13 +41,16 @@ void SaveBeside(const vel_xml::Xml& xml, const std::string& file, const std::str
     vel_file::Move(tmp.Path(), output);
 }
 
-/// "" stays. A folder that is not there is a slip of the pen, and is not made.
+/// "" stays. A folder that is not there is a slip of the pen, and is not made; what is no file (a
+/// link, a device) would be gone for good.
 std::string CheckOutput(const std::string& typed) {
     if (typed.empty()) return "";
     const std::string output = vel_tool::Absolute(typed);
     const std::string folder = vel_file::SplitPath(output).dir;
     if (!folder.empty() && !vel_file::Exists(folder))
         throw std::runtime_error("there is no folder " + folder);
+    const vel_file::Info there(output, false);
+    if (there.Exists() && !there.IsFile()) throw std::runtime_error("not a file: " + output);
     return output;
 }
 

@@ -76,6 +76,17 @@ class Command(unittest.TestCase):
         self.convert("--host-dist", "3", expect=1)
         self.assertEqual(target.read_text(), SMALL)
 
+    def test_what_is_no_file_is_not_replaced(self):
+        out = self.root / "out"
+        for make in (os.mkfifo, os.mkdir, lambda path: os.symlink(self.file, path)):
+            make(out)
+            before = out.lstat().st_ino
+            for dist in ("3", "1"):  # to convert, to copy
+                self.convert("--host-dist", dist, "--output", out, expect=1)
+                self.assertEqual(out.lstat().st_ino, before)
+            out.rmdir() if out.is_dir() else out.unlink()
+        self.assertEqual(self.file.read_text(), SMALL)
+
     def test_the_panel_here_says_which_edition_it_is(self):
         with Panel() as panel:
             self.assertIn("tavo2merun", self.convert())
