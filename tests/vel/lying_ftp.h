@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 /// An honest server says what `Replies` holds by default, for a whole command or for its first
@@ -144,8 +145,7 @@ private:
         } else if (data_ == "!") {
             const linger now{1, 0};
             ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
-            ::recv(fd, buffer, upload ? sizeof buffer : 0, 0);
-            upload = false;
+            if (std::exchange(upload, false)) ::recv(fd, buffer, sizeof buffer, 0);
         } else if (!upload) {
             Send(fd, data_);
         }
