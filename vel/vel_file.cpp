@@ -336,8 +336,8 @@ void WriteAt(int fd, const char* bytes, std::size_t size, off_t at, const std::s
 /// Copies one file's content; `at` moves over the data, holes stay holes.
 class ContentCopy {
 public:
-    ContentCopy(int in, int out, off_t size, const std::string& path)
-        : in_(in), out_(out), size_(size), path_(path) {}
+    ContentCopy(int in, int out, off_t size, const std::string& path, const std::string& to)
+        : in_(in), out_(out), size_(size), path_(path), to_(to) {}
 
     void Run() {
         for (off_t at = 0; at < size_;) {
@@ -350,7 +350,7 @@ public:
             at = end;
         }
         if (IsShorter()) throw Cut();
-        if (::ftruncate(out_, size_) != 0) Raise("truncate", path_);
+        if (::ftruncate(out_, size_) != 0) Raise("truncate", to_);
     }
 
 private:
@@ -376,7 +376,7 @@ private:
         } while (got < 0 && errno == EINTR);
         if (got < 0) Raise("read", path_);
         if (got == 0) throw Cut();
-        WriteAt(out_, buffer_.data(), static_cast<std::size_t>(got), begin, path_);
+        WriteAt(out_, buffer_.data(), static_cast<std::size_t>(got), begin, to_);
         return got;
     }
     bool IsShorter() const {
@@ -389,7 +389,7 @@ private:
 
     const int in_, out_;
     const off_t size_;
-    const std::string& path_;
+    const std::string &path_, &to_;
     bool in_kernel_ = true;
     std::vector<char> buffer_;
 };
@@ -794,11 +794,11 @@ void RemoveAt(const ResHandle& folder, const std::string& name, const std::strin
 
 namespace {
 
-void CopyRegular(const Place& from, int out) {
+void CopyRegular(const Place& from, int out, const std::string& to) {
     struct stat st;
     const ResHandle in = OpenRegular(from, st);
     if (!in) Raise("open", from.path);
-    ContentCopy(in, out, st.st_size, from.path).Run();
+    ContentCopy(in, out, st.st_size, from.path, to).Run();
     KeepOwnerAndMode(out, st, from.path);
     KeepTimes(out, st, from.path);
 }
@@ -872,7 +872,7 @@ private:
             const int flags = O_WRONLY | O_CREAT | O_EXCL | kPlain;
             const ResHandle out(::openat(target, from.name.c_str(), flags, 0600));
             if (!out) Raise("open", from.path);
-            CopyRegular(from, out);
+            CopyRegular(from, out, from.path);
         } else {
             CopySpecial(from, st, target, from.name.c_str());
         }
@@ -950,7 +950,7 @@ void CopySpecialTo(const Place& from, const struct stat& st, const Place& to) {
 
 void CopyFileTo(const Place& from, const Place& to) {
     Temporary temporary(to);
-    CopyRegular(from, temporary.Fd());
+    CopyRegular(from, temporary.Fd(), to.path);
     temporary.SyncAndRename();
 }
 

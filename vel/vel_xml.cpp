@@ -181,7 +181,9 @@ void Skimmer::SkipElement() {
         if (!SkipTo(quote)) return;
         --at_;  // on the quote that ends the value
     }
-    if (at_ != end_ && at_[-1] != '/' && ++depth_ > kMaxDepth) Refuse("over 256 levels deep");
+    if (at_ == end_) return;
+    if (depth_ >= kMaxDepth) Refuse("over 256 levels deep");
+    if (at_[-1] != '/') ++depth_;
 }
 
 // ---- Parsing ------------------------------------------------------------------------------------
@@ -195,13 +197,10 @@ void SetValue(pugi::xml_node node, const std::string& value) {
     }
 }
 
-/// Cleans what came from outside, and refuses what is too deep for those who will walk it.
-class Inspector : public pugi::xml_tree_walker {
+/// Cleans what came from outside.
+class Cleaner : public pugi::xml_tree_walker {
 public:
-    explicit Inspector(bool clean) : clean_(clean) {}
     bool for_each(pugi::xml_node& node) override {
-        if (depth() >= kMaxDepth && node.type() == pugi::node_element) return false;
-        if (clean_) return true;
         CheckForeignName(node.name());
         if (IsBad(node.value())) SetValue(node, Clean(node.value()));
         for (pugi::xml_attribute attribute : node.attributes()) {
@@ -216,8 +215,6 @@ private:
     static void CheckForeignName(const char* name) {
         if (IsBad(name)) Refuse("a name is not UTF-8");
     }
-
-    const bool clean_;
 };
 
 void CheckEncoding(const pugi::xml_node& declaration) {
@@ -257,8 +254,7 @@ std::shared_ptr<Tree> Parse(std::string text, Texts texts = Texts::Apart) {
     // Usually one look at the bytes is enough: only a reference can bring in what is not there.
     const bool clean = FirstBad(text) == text.size() && text.find("&#") == std::string::npos;
     if (!clean && text.find('\0') != std::string::npos) Refuse("a NUL byte");
-    const bool skimmed = text.size() > kStrangersLimit;  // a smaller one cannot grow too big
-    if (skimmed) Skimmer(text).Run();
+    Skimmer(text).Run();
     auto tree = std::make_shared<Tree>();
     tree->text = std::move(text);
     const unsigned joined = texts == Texts::Joined ? pugi::parse_embed_pcdata : 0;
@@ -269,8 +265,8 @@ std::shared_ptr<Tree> Parse(std::string text, Texts texts = Texts::Apart) {
         Refuse(std::string(result.description()) + " at byte " + std::to_string(result.offset));
     }
     CheckTopLevel(tree->doc);
-    Inspector inspector(clean);
-    if (!(clean && skimmed) && !tree->doc.traverse(inspector)) Refuse("over 256 levels deep");
+    Cleaner cleaner;
+    if (!clean) tree->doc.traverse(cleaner);
     AddDeclaration(tree->doc);
     return tree;
 }
@@ -475,6 +471,8 @@ Xml Xml::FromStranger(const std::string& text) {
 }
 
 void Xml::LoadFromFile(const std::string& path, Texts texts) {
+    // Not read at all: a file with a hole has any size for nothing.
+    if (vel_file::Info(path, false).Size() > kMaxSize) Refuse(path + ": over 512 MiB");
     std::string text = vel_file::ReadE(path);
     try {
         tree_ = Parse(std::move(text), texts);

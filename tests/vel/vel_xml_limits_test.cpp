@@ -2,6 +2,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -99,6 +100,7 @@ std::vector<Bomb> Bombs() {
         {"a million levels", Repeat("<a>", 1'000'000) + Repeat("</a>", 1'000'000)},
         {"a million levels, not ended", Repeat("<a b='>'>", 1'000'000)},
         {"a million attributes", "<doc" + Repeat(" a=\"\"", 1'000'000) + "/>"},
+        {"10001 attributes", "<doc" + Repeat(" a=\"\"", 10'001) + "/>"},
         {"a million comments", Doc(Repeat("<!---->", 1'000'000))},
         {"a million instructions", Doc(Repeat("<?a?>", 1'000'000))},
         {"levels behind comments", Doc(Repeat("<!-- > --><a>", 500'000))},
@@ -133,6 +135,20 @@ TEST(XmlLimits, WhateverAStrangersMebibyteHoldsFitsIntoLittleMemory) {
             attribute ? "<doc" + Repeat(piece, count) + "/>" : Doc(Repeat(piece, count));
         EXPECT_LT(Read(text, Xml::FromStranger).grown, kMost) << piece;
     }
+}
+
+TEST(XmlLimits, AFileThatIsTooBigIsNotRead) {
+    const WorkDir work;
+    std::ofstream("big.xml") << "<doc/>";
+    std::filesystem::resize_file("big.xml", std::uintmax_t{1} << 40);  // one hole
+    const auto load = [](const std::string& path) {
+        Xml xml;
+        xml.LoadFromFile(path);
+        return xml;
+    };
+    const Outcome outcome = Read("big.xml", load);
+    EXPECT_TRUE(outcome.refused);
+    EXPECT_LT(outcome.grown, kMost);
 }
 
 TEST(XmlLimits, ABigHonestFileOfThisMachineLoads) {
