@@ -41,6 +41,7 @@ constexpr int kRequestsOfConnection = 5;
 // A request has to come whole, whatever comes of it meanwhile.
 constexpr seconds kHandshakeTime{10}, kRequestTime{15}, kIdleTime{5}, kWriteTime{60};
 constexpr std::size_t kMaxHead = 64 << 10, kMaxReceived = 1 << 20;  // of a request, a connection
+constexpr int kMostBody = 64 << 10;
 constexpr milliseconds kLookAround{250};  // how soon a door that closes is noticed
 
 // ---- The head of a request ----------------------------------------------------------------------
@@ -294,6 +295,19 @@ bool PeerIsRoot(int fd) {
 /// Programs cut their answers themselves, and nothing else is asked for in parts.
 void TakeRangesAway(httplib::Request& request) { request.ranges.clear(); }
 
+/// False when the library leaves the body unread, or may take another length than somebody before
+/// it did: what comes behind such a request must not count as the next one.
+bool BodyIsRead(const httplib::Request& request) {
+    if (request.has_header("Transfer-Encoding") || request.has_header("Content-Encoding"))
+        return false;
+    if (!request.has_header("Content-Length")) return true;
+    const std::string length = request.get_header_value("Content-Length");
+    const bool number = !length.empty() && length.size() < 10 &&
+                        length.find_first_not_of("0123456789") == std::string::npos;
+    return number && request.get_header_value_count("Content-Length") == 1 &&
+           (length == "0" || (request.method == "POST" && str::Int(length) <= kMostBody));
+}
+
 // ---- The servers --------------------------------------------------------------------------------
 
 class LocalServer final : public httplib::Server {
@@ -356,8 +370,16 @@ private:
     }
     bool Talk(TlsConnection& connection) {
         bool closed = false;
-        for (int left = kRequestsOfConnection; left > 0 && !closed && connection.ReadHead(); --left)
-            if (!process_request(connection, left == 1, closed, TakeRangesAway)) return false;
+        for (int left = kRequestsOfConnection; left > 0 && !closed && connection.ReadHead();
+             --left) {
+            bool clean = false;  // as long as there is no request that could be read
+            const auto prepare = [&clean](httplib::Request& request) {
+                TakeRangesAway(request);
+                clean = BodyIsRead(request);
+            };
+            if (!process_request(connection, left == 1, closed, prepare)) return false;
+            closed |= !clean;
+        }
         return true;
     }
 
@@ -370,6 +392,7 @@ private:
 
 std::unique_ptr<httplib::Server> LocalDoor(const std::string& path) {
     auto server = std::make_unique<LocalServer>();
+    server->set_payload_max_length(kMostBody);
     server->set_address_family(AF_UNIX);
     if (!server->bind_to_port(path, kAnyPort)) vel_err::RaiseErrno("bind", path, errno);
     if (!server->LetManyWait()) vel_err::RaiseErrno("listen", path, errno);
@@ -382,6 +405,7 @@ std::unique_ptr<httplib::Server> TlsDoor(const std::string& address, const std::
     auto server = std::make_unique<TlsServer>(certificate, key);
     if (!server->is_valid())
         throw vel_err::Error("panel", "tls", "cannot use " + certificate + " and its key");
+    server->set_payload_max_length(kMostBody);
     std::string host = address;
     const std::string port = str::RGetWord(host, ":");
     if (host.size() > 2 && host.front() == '[') host = host.substr(1, host.size() - 2);

@@ -1,5 +1,6 @@
 /// The sockets that the panel listens on, as servers of the HTTP library. Both read the head of a
-/// request whole before the library sees it, within a time and a size that are the door's.
+/// request whole before the library sees it, within a time and a size that are the door's; bodies
+/// may have 64 KiB.
 #pragma once
 
 #include <memory>

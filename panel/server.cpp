@@ -37,7 +37,6 @@ Parameters Collect(const httplib::Request& request) {
 }
 
 void Route(httplib::Server& server, Requests& requests, Caller caller) {
-    server.set_payload_max_length(64 * 1024);
     // The library would unpack the one and collect the other, whatever they grow to.
     server.set_pre_routing_handler([](const httplib::Request& in, httplib::Response& out) {
         if (!in.has_header("Content-Encoding") && !in.has_header("Transfer-Encoding"))

@@ -22,6 +22,14 @@ def read(path):
         return ""
 
 
+def receive(connection):
+    """What comes next; b"" at the end, in whatever way it comes."""
+    try:
+        return connection.recv(65536)
+    except OSError:
+        return b""
+
+
 class PageApi(PageCase):
     def test_one_user_gets_no_byte_of_another(self):
         cookie, token = self.log_in(ANNA)
@@ -109,6 +117,17 @@ class PageApi(PageCase):
                 for _ in range(512):  # 32 MiB
                     connection.sendall(more)
         self.log_in(BERT)
+
+    def test_nothing_behind_an_odd_body_counts_as_a_request(self):
+        trust = ssl._create_unverified_context()
+        hidden = b"GET /api/session HTTP/1.1\r\nHost: x\r\n\r\n"
+        length = b"Content-Length: %d\r\n" % len(hidden)
+        for method, head in ((b"POST", b"Transfer-Encoding: chunked\r\n" + length), (b"GET", length), (b"POST", b"Content-Length: 0\r\n" + length),
+                             (b"POST", b"Content-Length: 70000\r\n"), (b"POST", b"Content-Encoding: gzip\r\n" + length)):
+            with self.subTest(head), socket.create_connection(("127.0.0.1", self.site.port), 60) as plain, trust.wrap_socket(plain) as connection:
+                connection.sendall(method + b" /api/session HTTP/1.1\r\nHost: x\r\n" + head + b"\r\n" + hidden)
+                said = b"".join(iter(lambda: receive(connection), b""))
+                self.assertLessEqual(said.count(b"HTTP/1.1 "), 1, said)
 
     def test_guessing_a_password_ends_soon_and_for_this_name_only(self):
         self.site.tell("user", "add", "victim", "--root", "/srv/victim", "--uid", "1999", secret="x")
