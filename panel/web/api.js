@@ -3,6 +3,7 @@
 
 let token = '';
 let whenLoggedOut = () => {};
+let whenStale = () => {};
 
 export class ApiError extends Error {
   constructor(status, code, message) {
@@ -18,6 +19,11 @@ export function setToken(csrf) {
 
 export function onLoggedOut(handler) {
   whenLoggedOut = handler;
+}
+
+/** Another window has logged in: what stands here may be somebody else's. */
+export function onStale(handler) {
+  whenStale = handler;
 }
 
 async function send(method, path, body, signal) {
@@ -38,6 +44,7 @@ async function send(method, path, body, signal) {
   if (answer.ok) return json;
   const {code = 'internal', message = `The server answered with ${answer.status}.`} = json.error ?? {};
   if (code === 'session') whenLoggedOut();
+  if (code === 'csrf') whenStale();
   throw new ApiError(answer.status, code, message);
 }
 

@@ -1,5 +1,5 @@
 // The frame: who is logged in, which page is shown, where the focus goes.
-import {get, onLoggedOut, post, setToken} from './api.js';
+import {get, onLoggedOut, onStale, post, setToken} from './api.js';
 import {allBackupsPage, backupsPage} from './backups.js';
 import {browsePage} from './browse.js';
 import {announce, h, notice} from './dom.js';
@@ -21,6 +21,8 @@ const ROUTES = [
   [/^\/report\/([\w-]+)$/, reportPage, ['id'], 'reports'],
   [/^\/storages$/, storagesPage, [], 'storages'],
 ];
+
+const LOG_IN_MARK = 'backup2-log-in';  // changes in all windows when somebody logs in or out
 
 const main = document.getElementById('main');
 let session = null;
@@ -51,18 +53,33 @@ function put({title, content, focus}, moveFocus) {
   (focus ?? heading ?? main).focus({preventScroll: true});
 }
 
-function showLogin() {
+function showLogin(hint = '') {
   session = null;
   setToken('');
   leaving.abort();
+  document.querySelectorAll('dialog').forEach((dialog) => dialog.close());
   drawFrame('');
   put(loginPage((found) => {
     session = found;
     setToken(found.csrf);
+    localStorage.setItem(LOG_IN_MARK, String(Math.random()));
     announce('You are logged in');
     if (location.hash.length > 2) route();
     else location.hash = home();
-  }), true);
+  }, hint), true);
+}
+
+function sessionEnded() {
+  if (session) showLogin('Your session has ended. When you log in again, you come back to where you were; what runs goes on meanwhile.');
+}
+
+/** Another window logged in or out: this one must not show one user under the name of another. */
+async function lookAgain() {
+  const found = await get('session').catch(() => null);
+  if (!found) return;
+  if (!found.logged_in) sessionEnded();
+  else if (found.user !== session?.user) location.reload();
+  else setToken(found.csrf);
 }
 
 function find() {
@@ -95,7 +112,8 @@ async function route(moveFocus = true) {
   } catch (error) {
     if (error.name === 'AbortError' || signal.aborted || error.code === 'session') return;
     put({title: 'Not found', content: [h('h1', {}, 'That did not work'), notice('bad', error.message),
-      h('p', {class: 'actions'}, h('a', {class: 'button', href: home()}, 'To the start'))]}, moveFocus);
+      h('p', {class: 'actions'}, h('button', {class: 'button', type: 'button', onclick: () => route()}, 'Try again'),
+        h('a', {class: 'button', href: home()}, 'To the start'))]}, moveFocus);
   }
 }
 
@@ -115,6 +133,7 @@ function prepareTheme() {
 
 async function logOut() {
   await post('logout').catch(() => {});
+  localStorage.setItem(LOG_IN_MARK, String(Math.random()));
   location.hash = '';
   showLogin();
   announce('You are logged out');
@@ -122,7 +141,9 @@ async function logOut() {
 
 async function start() {
   prepareTheme();
-  onLoggedOut(showLogin);
+  onLoggedOut(sessionEnded);
+  onStale(lookAgain);
+  window.addEventListener('storage', (event) => { if (event.key === LOG_IN_MARK) lookAgain(); });
   document.querySelector('.skip').addEventListener('click', (event) => {
     event.preventDefault();
     (main.querySelector('h1') ?? main).focus();

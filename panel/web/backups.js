@@ -4,10 +4,11 @@ import {sizeChart} from './chart.js';
 import {announce, badge, h, icon, notice, table} from './dom.js';
 import {openDownload} from './download.js';
 import {age, bytes, day, plural, weekday} from './format.js';
-import {runningJob} from './jobs.js';
+import {jobViews} from './jobs.js';
 
 const KINDS = {full: 'Full', incremental: 'Increment', custom: 'Custom'};
 const SHOWN_AT_ONCE = 200;
+const ROWS_AT_ONCE = 100;
 
 export const usable = (backup) => !backup.deleted && !backup.damaged;
 
@@ -80,12 +81,24 @@ function chainHead(chain, columns) {
     h('span', {class: 'muted'}, ` · ${plural(increments, 'increment')} · ${bytes(size)}`)));
 }
 
-function backupTable(caption, backups, context) {
+function backupTable(caption, backups, context, limit = ROWS_AT_ONCE) {
   const columns = [{name: 'Backup'}, {name: 'Kind'}, {name: 'Size', class: 'number'}, {name: 'Storage'}, {name: 'Verified'},
     {name: 'Actions', hidden: true}];
-  const bodies = chains(backups).map((chain) => [chainHead(chain, columns.length), chain.map((backup) => backupRow(backup, context))]
-    .flat().filter(Boolean));
-  return table(caption, columns, ...bodies);
+  let room = limit;
+  const bodies = chains(backups).map((chain) => {
+    const shown = chain.slice(0, Math.max(0, room));
+    room -= shown.length;
+    return shown.length ? [chainHead(chain, columns.length), ...shown.map((backup) => backupRow(backup, context))].filter(Boolean) : [];
+  });
+  const place = h('div', {class: 'long-table'}, table(caption, columns, ...bodies.filter((rows) => rows.length)));
+  if (limit < backups.length) {
+    place.append(h('button', {class: 'button', type: 'button', onclick: () => {
+      const longer = backupTable(caption, backups, context, limit * 5);
+      place.replaceWith(longer);
+      longer.querySelectorAll('tbody tr:not(.chain) th a')[limit]?.focus();
+    }}, `Show more (${(backups.length - limit).toLocaleString('en')} left)`));
+  }
+  return place;
 }
 
 function figure(name, value, hint, tone = '') {
@@ -98,7 +111,7 @@ function overview(backups) {
   const bad = backups.filter((backup) => backup.damaged || (backup.verified && !backup.verified_good)).length;
   return h('dl', {class: 'figures-row'},
     figure('Newest backup', last ? day(last.finished) : 'none', last ? age(day(last.finished)) : ''),
-    figure('Backups', String(backups.length), plural(backups.filter((backup) => backup.kind === 'full').length, 'full one')),
+    figure('Backups', backups.length.toLocaleString('en'), plural(backups.filter((backup) => backup.kind === 'full').length, 'full one')),
     figure('Stored', bytes(backups.reduce((sum, backup) => sum + backup.size, 0)), 'in all'),
     bad ? figure('Verified', plural(bad, 'backup'), 'cannot be relied on', 'bad') : figure('Verified', good ? day(good) : 'not yet', good ? 'good' : ''));
 }
@@ -121,7 +134,7 @@ function startButton(text, style, body) {
 export async function backupsPage({params, session, signal, reload}) {
   const user = params.user ?? session.user;
   const asked = user === session.user ? {} : {user};
-  const [{backups, own}, job] = await Promise.all([get('backups', asked, signal), runningJob(user, signal)]);
+  const [{backups, own}, jobs] = await Promise.all([get('backups', asked, signal), jobViews(user, signal)]);
   const context = {admin: session.admin, reload};
   const download = h('button', {class: 'button', type: 'button', onclick: () => openDownload(user, newest(backups), download)}, 'Download the newest');
   const title = user === session.user ? 'Your backups' : `Backups of ${user}`;
@@ -129,9 +142,9 @@ export async function backupsPage({params, session, signal, reload}) {
     h('div', {class: 'page-head'}, h('h1', {}, title), h('div', {class: 'actions'},
       startButton('Back up now', 'primary', {user}), startButton('Custom backup', '', {user, custom: true}),
       newest(backups) ? download : null)),
-    h('div', {id: 'start-problem', role: 'alert'}), job,
+    h('div', {id: 'start-problem', role: 'alert'}), jobs.running, jobs.ended,
     backups.length ? [overview(backups), sizeChart(backups), backupTable('Backups, the newest first', backups, context)]
-      : h('p', {class: 'card empty'}, 'There is no backup yet.'),
+      : h('p', {class: 'card empty'}, 'There is no backup yet. “Back up now” makes the first one; those that are made every day will stand here, too.'),
     own === null ? null : h('div', {class: 'part-of-page'}, h('h2', {}, 'Copies in the private storage'),
       own.length ? backupTable('Private copies, the newest first', own, {...context, own: true})
         : h('p', {class: 'card empty'}, 'Nothing has been copied there yet.')),

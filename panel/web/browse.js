@@ -59,7 +59,7 @@ function selectionBar(selection, restore) {
   const bar = h('div', {class: 'selection-bar', role: 'region', 'aria-label': 'What is chosen'}, words, clear, go);
   const draw = () => {
     clear.hidden = selection.size === 0;
-    words.textContent = selection.size ? `${plural(selection.size, 'item')} chosen` : 'Nothing is chosen: everything comes back';
+    words.textContent = selection.size ? `${plural(selection.size, 'item')} chosen` : 'Nothing chosen: everything comes back';
     go.textContent = selection.size ? 'Restore what is chosen' : 'Restore everything';
   };
   draw();

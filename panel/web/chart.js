@@ -2,12 +2,12 @@
 import {h, s} from './dom.js';
 import {bytes} from './format.js';
 
-const HEIGHT = 168;
+const HEIGHT = 190;
 const LEFT = 64;
 const BOTTOM = 24;
 const TOP = 10;
 const LABEL = 100;
-const WIDE = {width: 720, bars: 120};
+const WIDE = {width: 960, bars: 120};
 const NARROW = {width: 340, bars: 45};
 let plotWidth = WIDE.width;
 
@@ -30,7 +30,7 @@ function bar(backup, index, width, top) {
   const tall = Math.max(2, (backup.size / top) * full);
   const gap = Math.min(width * 0.3, 8);
   return s('rect', {class: `bar-${backup.kind}`, x: LEFT + index * width + gap / 2, y: HEIGHT - BOTTOM - tall,
-    width: Math.min(width - gap, 28), height: tall, rx: 2},
+    width: Math.min(width - gap, 40), height: tall, rx: 2},
   s('title', {}, `${backup.date}: ${backup.kind}, ${bytes(backup.size)}`));
 }
 
@@ -38,7 +38,7 @@ function bar(backup, index, width, top) {
 function dates(backups, width) {
   let free = -LABEL;
   return backups.map((backup, index) => {
-    const middle = LEFT + index * width + Math.min(width, 32) / 2;
+    const middle = LEFT + index * width + Math.min(width, 44) / 2;
     if (middle - free < LABEL) return null;
     free = middle;
     return s('text', {class: 'axis', y: HEIGHT - 6, x: Math.min(Math.max(middle, LEFT + LABEL / 2 - 30), plotWidth - LABEL / 2),

@@ -56,11 +56,21 @@ export function notice(tone, ...content) {
   return h('div', {class: `notice ${tone}`}, icon(pictures[tone] ?? 'clock'), h('div', {}, ...content));
 }
 
+/** On narrow screens a table is a list: each cell says what it is, and stays a cell for those who hear it. */
+function describe(row, columns) {
+  row.setAttribute('role', 'row');
+  [...row.children].forEach((cell, index) => {
+    cell.setAttribute('role', cell.tagName === 'TH' ? 'rowheader' : 'cell');
+    if (cell.tagName === 'TD' && !columns[index].hidden) cell.dataset.name = columns[index].name;
+  });
+  return row;
+}
+
 /** A table with its caption; `columns`: {name, class}; `bodies`: arrays of rows (tr elements). */
 export function table(caption, columns, ...bodies) {
-  const head = h('tr', {}, columns.map((column) => h('th', {scope: 'col', class: column.class},
+  const head = h('tr', {role: 'row'}, columns.map((column) => h('th', {scope: 'col', role: 'columnheader', class: column.class},
     column.hidden ? h('span', {class: 'visually-hidden'}, column.name) : column.name)));
   return h('div', {class: 'table-frame', role: 'region', 'aria-label': caption, tabindex: '0'},
-    h('table', {}, h('caption', {}, caption), h('thead', {}, head),
-      bodies.map((rows) => h('tbody', {}, rows))));
+    h('table', {role: 'table'}, h('caption', {}, caption), h('thead', {role: 'rowgroup'}, head),
+      bodies.map((rows) => h('tbody', {role: 'rowgroup'}, rows.map((row) => describe(row, columns))))));
 }

@@ -42,14 +42,22 @@ async function target(name) {
 /** Broken off for good, whoever tries again. */
 class Refused extends Error {}
 
+/** What an answer that is no download says to people. */
+async function reason(answer) {
+  if (answer.status === 503) return 'Too many downloads are running just now. Try again in a minute.';
+  const text = await answer.text();
+  const words = text.match(/<p>([^<]+)</)?.[1] ?? (text.startsWith('<') ? '' : text.trim());
+  return words.slice(0, 200) || `The server answered with ${answer.status}.`;
+}
+
 async function request(user, part, state, signal) {
   const {url} = await post('download', {user, part}, signal);
   const headers = state.done > 0 ? {Range: `bytes=${state.done}-`, ...(state.tag ? {'If-Range': state.tag} : {})} : {};
   const answer = await fetch(url, {headers, signal, cache: 'no-store'});
-  if (!answer.ok) throw new Refused(`The server answered with ${answer.status}: ${(await answer.text()).slice(0, 200)}`);
+  if (!answer.ok) throw new Refused(await reason(answer));
   if (state.done > 0 && answer.status !== 206) throw new Refused('The backup has changed meanwhile; begin again.');
   if (!(answer.headers.get('Content-Type') ?? '').startsWith('application/') || !answer.headers.get('Content-Length')) {
-    throw new Refused((await answer.text()).slice(0, 200));
+    throw new Refused(await reason(answer));
   }
   if (state.done === 0) {
     state.total = Number(answer.headers.get('Content-Length'));

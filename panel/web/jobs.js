@@ -1,9 +1,10 @@
 // Long work: its progress while it runs, and what came of it.
 import {get} from './api.js';
-import {announce, h, icon, notice, table} from './dom.js';
+import {announce, badge, h, icon, notice, table} from './dom.js';
 import {bytes, moment, plural, seconds} from './format.js';
 
 const PAUSE_MS = 500;
+const RECENT = 8;
 const LOST_TRIES = 60;
 const LOST_PAUSE_MS = 2000;
 const TITLES = {run: 'Backup', restore: 'Restore', preview: 'Dry run', verify: 'Verification', check: 'Storage test'};
@@ -83,6 +84,12 @@ export function linesView(job) {
 }
 
 const WORDS = {done: 'finished', warnings: 'finished with warnings', failed: 'failed'};
+const ADVICE = {
+  run: 'The earlier backups are as they were. Try it again; if it fails once more, tell the administrator what stands here.',
+  restore: 'What came back stays. The report says what did not; a restore can be repeated.',
+  verify: 'Make a new full backup (“Custom backup”), and look at the storage.',
+  check: 'Backups cannot go there until this is mended.',
+};
 const TONES = {done: 'good', warnings: 'warn', failed: 'bad'};
 
 export function resultView(job) {
@@ -90,7 +97,7 @@ export function resultView(job) {
   const took = job.finished > job.started ? ` after ${seconds(job.finished - job.started)}` : '';
   return h('div', {class: 'job'},
     notice(TONES[result], h('p', {}, h('strong', {}, `${jobTitle(job)} ${WORDS[result]}`), `${took}, ${moment(job.finished)}`)),
-    linesView(job));
+    linesView(job), result === 'failed' && ADVICE[job.kind] ? h('p', {class: 'hint'}, ADVICE[job.kind]) : null);
 }
 
 const pause = (signal, milliseconds = PAUSE_MS) => new Promise((resolve) => {
@@ -147,10 +154,29 @@ export async function jobPage({params, signal}) {
   return {title: jobTitle(job), content: [h('h1', {}, jobTitle(job)), place, end]};
 }
 
+const getJobs = (user, signal) => get('jobs', user ? {user} : {all: 'yes'}, signal);
+
 /** A line that leads to the job that runs, if one does. */
-export async function runningJob(user, signal) {
-  const jobs = await get('jobs', user ? {user} : {all: 'yes'}, signal);
+function runningLine(jobs) {
   const job = jobs.find((one) => one.running);
   return job ? h('p', {class: 'notice info'}, icon('clock'),
     h('span', {}, `${jobTitle(job)} is running. `, h('a', {href: `#/job/${job.id}`}, 'Watch it'))) : null;
+}
+
+export const runningJob = async (user, signal) => runningLine(await getJobs(user, signal));
+
+/** What has ended lately, in case nobody looked. */
+function endedList(jobs) {
+  const ended = jobs.filter((job) => !job.running && job.kind !== 'preview').slice(0, RECENT);
+  if (!ended.length) return null;
+  return h('details', {class: 'card recent'}, h('summary', {}, `Latest work: ${jobTitle(ended[0])} ${WORDS[outcome(ended[0])]}`),
+    h('ul', {class: 'bare'}, ended.map((job) => h('li', {},
+      h('a', {href: `#/job/${job.id}`}, jobTitle(job)), badge(WORDS[outcome(job)], TONES[outcome(job)]),
+      h('span', {class: 'muted'}, moment(job.finished))))));
+}
+
+/** The line and the list for a page. */
+export async function jobViews(user, signal) {
+  const jobs = await getJobs(user, signal);
+  return {running: runningLine(jobs), ended: endedList(jobs)};
 }

@@ -25,7 +25,7 @@ export async function reportsPage({session, signal}) {
   reports.sort((a, b) => b.date.localeCompare(a.date));
   return {title: 'Reports', content: [h('h1', {}, 'Restore reports'),
     reports.length ? table('Reports, the newest first', [{name: 'Begun'}, {name: 'User'}, {name: 'Restored'}, {name: 'Result'}, {name: 'State'}],
-      reports.map(listRow)) : h('p', {class: 'card empty'}, 'Nothing has been restored yet.')]};
+      reports.map(listRow)) : h('p', {class: 'card empty'}, 'Nothing has been restored yet. Each restore leaves a report here that says what did not come back.')]};
 }
 
 const reason = (event) => event.error ?? (event.code === undefined ? '' : `code ${event.code}`);
@@ -40,7 +40,8 @@ function eventTable(events) {
 
 export async function reportPage({params, signal}) {
   const report = await post(`reports/${params.id}`, {}, signal);
-  const none = report.finalized ? notice('good', h('p', {}, 'Everything came back.')) : notice('info', h('p', {}, 'Nothing failed so far.'));
+  const none = report.finalized ? notice('good', h('p', {}, 'Everything came back.'))
+    : notice('info', h('p', {}, 'Nothing failed so far. The restore still runs, or it was broken off before its end.'));
   return {title: `Report of ${report.date}`, content: [
     h('p', {class: 'crumbs'}, h('a', {href: '#/reports'}, 'Reports'), ` / ${report.date}`),
     h('h1', {}, `Restore of ${report.owner}, ${report.date}`),

@@ -3,13 +3,13 @@ import {post} from './api.js';
 import {findBackup, selectionFor} from './browse.js';
 import {h, notice} from './dom.js';
 import {bytes, plural} from './format.js';
-import {linesView, outcome, previewView, watchJob} from './jobs.js';
+import {linesView, outcome, previewView, runningJob, watchJob} from './jobs.js';
 
 const STEPS = ['Choose', 'Dry run', 'Confirm', 'Restore'];
 const OVERWRITE = {
-  always: 'Replace them with those of the backup',
+  always: 'Replace them all',
   changed: 'Replace those that differ',
-  newer: 'Replace those that are older than the backup’s',
+  newer: 'Replace those that are older',
   never: 'Leave them as they are',
 };
 
@@ -43,7 +43,7 @@ class Wizard {
   words() {
     const {what} = this.choice;
     if (what === 'all') return 'all files and databases';
-    return what === 'files' ? 'all files, no databases' : plural(this.selection.size, 'chosen item');
+    return what === 'files' ? 'all files (no databases)' : plural(this.selection.size, 'chosen item');
   }
 
   // ---- Choose
@@ -72,7 +72,7 @@ class Wizard {
         this.radio('paths', 'What I have chosen', this.selection.size ? plural(this.selection.size, 'item') : 'Nothing is chosen yet', !this.selection.size)),
       this.chosenNames(),
       h('p', {}, h('a', {href: browse}, this.selection.size ? 'Change what is chosen' : 'Choose files and databases')),
-      h('div', {class: 'field'}, h('label', {for: 'overwrite'}, 'Files that are there now'), overwrite,
+      h('div', {class: 'field'}, h('label', {for: 'overwrite'}, 'Files that are there now and in the backup'), overwrite,
         h('p', {class: 'hint'}, 'What is there and not in the backup stays in any case.')),
       h('p', {class: 'actions'}, h('button', {class: 'button primary', type: 'submit'}, 'Try it without changing anything'))));
     if (focus) title.focus();
@@ -137,7 +137,8 @@ class Wizard {
 }
 
 export async function restorePage(context) {
-  const backup = await findBackup(context.params, context.session, context.signal);
+  const [backup, running] = await Promise.all([findBackup(context.params, context.session, context.signal),
+    runningJob(context.params.user, context.signal)]);
   const {user, date, own} = context.params;
   const wizard = new Wizard(context, backup);
   const title = `Restore ${user}, ${date}`;
@@ -145,5 +146,5 @@ export async function restorePage(context) {
     h('p', {class: 'crumbs'}, h('a', {href: `#/backups/${encodeURIComponent(user)}`}, 'Backups'), ' / ',
       h('a', {href: `#/backup/${encodeURIComponent(user)}/${date}${own ? '/own' : ''}`}, date), ' / Restore'),
     h('h1', {}, title), h('p', {class: 'facts'}, h('span', {}, `${backup.kind} backup`), h('span', {}, bytes(backup.size)), h('span', {}, `finished ${backup.finished}`)),
-    wizard.place]};
+    running, wizard.place]};
 }

@@ -225,6 +225,8 @@ await step('a backup that was started shows its progress, also after the page wa
   await page.getByText(/Backup of .* finished/).first().waitFor();
   await page.getByRole('link', {name: 'To the backups'}).click();
   await page.getByRole('link', {name: /^Custom, /}).first().waitFor();
+  await page.getByText(/^Latest work: Backup of .* finished/).click();
+  await page.getByRole('link', {name: /^Restore of /}).first().waitFor();
 });
 
 await step('the private storage can be tried', async () => {
@@ -372,8 +374,30 @@ await step('a narrow screen shows everything without moving sideways', async () 
     await phone.goto(`${facts.url}/#/${place}`);
     await phone.waitForFunction(() => !document.querySelector('main[aria-busy]'));
     assert.ok(await phone.evaluate(() => document.documentElement.scrollWidth <= innerWidth), place);
+    if (place === 'backups' || place === 'storages') await accessible(phone, `${place}, narrow`);
   }
   await phone.context().close();
+});
+
+await step('a session that ends leads back to where one was, and other windows follow', async () => {
+  const first = await open(anna);
+  await first.goto(`${facts.url}/#/restore/${anna}/${monday}`);
+  await heading(first, `Restore ${anna}, ${monday}`);
+  expected = [401, 403];
+  await first.context().clearCookies();
+  await first.getByRole('button', {name: 'Try it without changing anything'}).click();
+  await first.getByText('Your session has ended.').waitFor();
+  await logIn(first, anna);
+  await heading(first, `Restore ${anna}, ${monday}`);
+  const second = await first.context().newPage();
+  await second.goto(facts.url);
+  await second.getByRole('button', {name: 'Log out'}).click();
+  await heading(first, 'Log in');
+  await logIn(second, bert);
+  await first.getByText('That is not yours.').waitFor();
+  assert.equal(await first.locator('#who-name').textContent(), bert);
+  expected = [];
+  await first.context().close();
 });
 
 await step('guessing passwords ends in words', async () => {
