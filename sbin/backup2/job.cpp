@@ -8,7 +8,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <iterator>
 #include <list>
 #include <set>
@@ -148,12 +147,6 @@ std::string CheckDate(const std::string& date) {
     } catch (const vel_err::Error&) {
         throw vel_tool::UsageError("'" + date + "' is neither a date (YYYY-MM-DD) nor \"custom\"");
     }
-}
-
-std::string ReadSecret() {
-    std::string line;
-    if (!std::getline(std::cin, line)) throw vel_tool::UsageError("no password on standard input");
-    return line;
 }
 
 std::string Reason(const std::exception& error) {

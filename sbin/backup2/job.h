@@ -32,8 +32,6 @@ std::string CheckDate(const std::string& date);
 /// Help of the option --uid for those who act for one user, who must not see what a former one of
 /// his name had.
 inline constexpr char kUidHelp[] = "Nothing that was made for another number of the user";
-/// One line of standard input, without its line end: how a password gets in.
-std::string ReadSecret();
 /// An error in words for people.
 std::string Reason(const std::exception& error);
 /// The same in a line that a program printed about itself.

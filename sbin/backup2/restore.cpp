@@ -21,6 +21,7 @@
 #include "sbin/backup2/output.h"
 #include "sbin/backup2/progress.h"
 #include "sbin/backup2/restore_report.h"
+#include "sbin/backup2/secret.h"
 #include "sbin/backup2/system_data.h"
 
 namespace backup2_admin {
@@ -88,7 +89,7 @@ Restore::Restore(const Options& options, RestoreReport* report)
                         options.uid)),
       alone_("restore", backup_.user) {
     if (options.password_stdin) {
-        site_.token.SetParam("arch_password", str::base64::Encode(ReadSecret()));
+        site_.token.SetParam("arch_password", str::base64::Encode(AskSecret("archive password")));
     }
     backup_.CheckRecord();
     CheckPassword(backup_, site_.token);
