@@ -8,6 +8,8 @@ import subprocess
 import sys
 import urllib.parse
 
+from backup2_test import exchange
+
 SERVERS = pathlib.Path(__file__).parents[1] / "servers"
 
 
@@ -19,19 +21,11 @@ class CloudServer:
         self.address = urllib.parse.urlsplit(self.api).netloc
 
     def call(self, method, path, body=b"", **headers):
-        """One request: (status, headers, body). Keywords are headers, "_" for "-". `body`: bytes,
-        or what becomes JSON. Raises http.client.HTTPException or OSError when there is no answer."""
-        headers = {name.replace("_", "-"): value for name, value in headers.items()}
+        """One exchange; `body`: bytes, or what becomes JSON."""
         if not isinstance(body, bytes):
             body = json.dumps(body).encode()
-            headers.setdefault("Content-Type", "application/json")
-        connection = http.client.HTTPConnection(self.address, timeout=30)
-        try:
-            connection.request(method, path, body, headers)
-            answer = connection.getresponse()
-            return answer.status, answer.headers, answer.read()
-        finally:
-            connection.close()
+            headers.setdefault("Content_Type", "application/json")
+        return exchange(http.client.HTTPConnection(self.address, timeout=30), method, path, body, **headers)
 
     def command(self, **commands):
         status, _, body = self.call("POST", "/_control", commands)
