@@ -69,9 +69,10 @@ class Site:
         stack.callback(self.server, name, "stop")
         return self.server(name, "start")
 
-    def restart_panel(self):
+    def restart_panel(self, meanwhile=lambda: None):
         """Another panel in the place of the one that runs; what was begun goes on."""
         self.server("panel", "stop")
+        meanwhile()
         data = self.root / "panel/data"
         panel = backup2_test.start(["backup2_panel", "serve", "--tls", f"127.0.0.1:{self.port}", "--cert", str(data / "cert.pem"),
                                     "--key", str(data / "key.pem")], PATH=self.openssl.path)
