@@ -428,7 +428,9 @@ class Faults(StorageCase):
         self.kill_a_run(held.exists)
         held.unlink()
         cat.unlink()
-        self.assert_recovers()
+        self.assertEqual(len(self.stored(MONDAY)), 1, "ssh has no way to give it a name at the end only")
+        self.assert_recovers(TUESDAY)
+        self.assertEqual(self.stored(MONDAY), [], "the half slice is gone")
 
 
 if __name__ == "__main__":

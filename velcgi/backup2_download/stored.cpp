@@ -23,6 +23,8 @@
 namespace backup2_download {
 namespace {
 
+constexpr int kSilentSeconds = 300;  // then a server behind ssh is given up
+
 /// A private key for ssh that never lies on a disk: a file in memory, which ssh finds by the number
 /// it has in this process. Whoever ends this process leaves no key behind.
 class KeyInMemory {
@@ -134,6 +136,7 @@ void Stored::RunThere(const std::string& program, const std::string& path,
         {"ssh", "-q", "-o", "StrictHostKeyChecking=no", "-i", key.Path(), "-p",
          port.empty() ? "22" : port, host, program + " " + vel_proc::Escape(full)},
         vel_proc::kStream);
+    ssh.EndWhenStalled(kSilentSeconds);  // the time that the reader takes does not count
     Pump(ssh.Out(), next);
     if (const int status = ssh.Result(); status != 0)
         throw std::runtime_error(path + ": ssh ended with status " + std::to_string(status));
