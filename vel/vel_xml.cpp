@@ -309,9 +309,10 @@ public:
     std::string text;
 };
 
+template <class Visit>
 class ElementWalker : public pugi::xml_tree_walker {
 public:
-    ElementWalker(const std::string& name, const std::function<void(const pugi::xml_node&)>& visit)
+    ElementWalker(const std::string& name, const Visit& visit)
         : name_(name.c_str()), visit_(visit) {}
     bool for_each(pugi::xml_node& node) override {
         if (std::strcmp(node.name(), name_) == 0 && node.type() == pugi::node_element) visit_(node);
@@ -320,7 +321,7 @@ public:
 
 private:
     const char* const name_;
-    const std::function<void(const pugi::xml_node&)>& visit_;
+    const Visit& visit_;
 };
 
 /// The text of a node that holds nothing else.
@@ -506,8 +507,8 @@ XmlNodes Xml::GetNodes(const std::string& xpath) const {
 
 void Xml::ForEach(const std::string& name, const std::function<void(const XmlNode&)>& visit) const {
     if (!tree_) return;
-    ElementWalker walker(
-        name, [&](const pugi::xml_node& node) { visit(XmlNode(tree_, node.internal_object())); });
+    const auto each = [&](pugi::xml_node& node) { visit({tree_, node.internal_object()}); };
+    ElementWalker walker(name, each);
     tree_->doc.traverse(walker);
 }
 
