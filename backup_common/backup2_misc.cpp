@@ -350,18 +350,28 @@ struct InfoSearch {
         if (CheckCondition(entry, user, date, flag)) out.push_back(entry.Path());
     }
 
-    void TakeAll(vel_file::Dir entries) {
-        while (entries.Next()) Take(entries);
+    void TakeAll(const vel_file::Dir& folder) {
+        auto entries = Enter(folder);
+        while (entries && entries->Next()) Take(*entries);
     }
 
-    void Descend(vel_file::Dir entries) {
-        while (entries.Next()) {
-            if (!IsDateDirectory(entries)) {
-                if (!admin_data) Take(entries);
-            } else if (date.empty() || entries.NameView() == date) {
-                TakeAll(entries.Enter());
+    void Descend(const vel_file::Dir& folder) {
+        auto entries = Enter(folder);
+        while (entries && entries->Next()) {
+            if (!IsDateDirectory(*entries)) {
+                if (!admin_data) Take(*entries);
+            } else if (date.empty() || entries->NameView() == date) {
+                TakeAll(*entries);
             }
         }
+    }
+
+    /// Nothing for a folder that was removed meanwhile.
+    static std::optional<vel_file::Dir> Enter(const vel_file::Dir& folder) try {
+        return folder.Enter();
+    } catch (const vel_err::Error&) {
+        if (vel_file::Exists(folder.Path())) throw;
+        return std::nullopt;
     }
 };
 
@@ -413,7 +423,7 @@ void GetInfoFiles(std::list<std::string>& out, const std::string& dir, bool flag
     for (vel_file::Dir entries(dir, kNoFollow); entries.Next();) {
         if (IsHidden(entries)) continue;
         if (entries.IsDir()) {
-            search.Descend(entries.Enter());
+            search.Descend(entries);
         } else {
             search.Take(entries);
         }

@@ -8,9 +8,10 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <list>
+#include <optional>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <tuple>
 
@@ -89,8 +90,10 @@ bool WorksWith(const std::string& process, const std::string& path) {
     if (::stat(".", &here) != 0 || ::stat((process + "/cwd").c_str(), &there) != 0) return false;
     if (here.st_dev != there.st_dev || here.st_ino != there.st_ino) return false;
     if (::stat(process.c_str(), &owner) != 0 || owner.st_uid != ::geteuid()) return false;
-    std::ifstream file(process + "/cmdline", std::ios::binary);
-    const std::string words(std::istreambuf_iterator<char>(file), {});
+    const std::ifstream file(process + "/cmdline", std::ios::binary);
+    std::ostringstream read;
+    read << file.rdbuf();  // fails without a word when the process ends meanwhile
+    const std::string words = read.str();
     return kPrograms.count(words.substr(0, words.find('\0'))) != 0 &&
            (Names(words, path) || Names(words, vel_proc::Escape(path)));
 }
@@ -377,6 +380,18 @@ Backup ReadBackup(const std::string& info_path) {
     return backup;
 }
 
+namespace {
+
+/// Nothing for a backup that another process has removed by now.
+std::optional<Backup> ReadIfThere(const std::string& info_path) try {
+    return ReadBackup(info_path);
+} catch (const vel_err::Error&) {
+    if (vel_file::Exists(info_path)) throw;
+    return std::nullopt;
+}
+
+}  // namespace
+
 std::vector<Backup> FindBackups(const std::string& local_dir, const std::string& user,
                                 const std::string& date) {
     std::list<std::string> paths;
@@ -385,16 +400,11 @@ std::vector<Backup> FindBackups(const std::string& local_dir, const std::string&
     }
     std::vector<Backup> backups;
     for (const auto& path : paths) {
-        Backup backup;
-        try {
-            backup = ReadBackup(path);
-        } catch (const vel_err::Error&) {
-            if (vel_file::Exists(path)) throw;
-            continue;  // the limits were faster
-        }
-        const bool service_name = vel_file::Name(path) == backup.date + "." + backup.user + ".info";
-        if (!service_name || (!date.empty() && backup.date != date)) continue;
-        if (backup.info.count("finished")) backups.push_back(std::move(backup));
+        auto backup = ReadIfThere(path);
+        if (!backup || (!date.empty() && backup->date != date)) continue;
+        const std::string service_name = backup->date + "." + backup->user + ".info";
+        if (vel_file::Name(path) == service_name && backup->info.count("finished"))
+            backups.push_back(std::move(*backup));
     }
     std::sort(backups.begin(), backups.end(), [](const Backup& a, const Backup& b) {
         return std::tie(a.user, a.date) < std::tie(b.user, b.date);
@@ -405,10 +415,8 @@ std::vector<Backup> FindBackups(const std::string& local_dir, const std::string&
 Backup GetBackup(const std::string& local_dir, const std::string& user, const std::string& date,
                  const std::string& uid) {
     const std::string path = backup2::GetInfoFile(local_dir, user, date);
-    if (vel_file::Exists(path)) {
-        Backup backup = ReadBackup(path);
-        if (backup.info.count("finished") && backup.MadeFor(uid)) return backup;
-    }
+    const auto backup = ReadIfThere(path);
+    if (backup && backup->info.count("finished") && backup->MadeFor(uid)) return *backup;
     throw vel_err::Error("missed", "backup",
                          user + " " + date + ", \"backup2 list " + user + "\" shows what there is");
 }

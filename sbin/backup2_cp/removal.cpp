@@ -34,6 +34,13 @@ std::string BaseOf(const InfoMap& keys) {
     return base ? base->base : "";
 }
 
+std::string BaseIn(const std::string& info) try {
+    return BaseOf(backup2::GetInfo(info));
+} catch (const vel_err::Error&) {
+    if (vel_file::Exists(info)) throw;
+    return "";  // another process removed it
+}
+
 std::string FullName(const BackupName& name) { return "F" + name.date + "." + name.name; }
 
 bool IsOwn(const std::string& bare, const BackupName& backup) {
@@ -142,7 +149,7 @@ std::list<std::string> Increments(const Place& place) {
     for (const auto& path : InfosOf(place.top, place.name.user)) {
         const auto name = ParseName(vel_file::Name(path));
         if (!name || name->name != place.name.name || name->SameBackup(place.name)) continue;
-        if (BaseOf(backup2::GetInfo(path)) == FullName(place.name)) found.push_back(path);
+        if (BaseIn(path) == FullName(place.name)) found.push_back(path);
     }
     return found;
 }

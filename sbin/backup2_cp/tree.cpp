@@ -123,6 +123,7 @@ Found Look(std::string path, const std::string& top) {
     try {
         out.backup = ReadBackup(path, *name);
     } catch (const std::exception& e) {
+        if (!vel_file::Exists(path)) return {};  // another process removed it
         out.complaint = Shown(path) + ": " + Shown(Reason(e));
         out.backup = Backup();
         out.backup.date = name->date;
