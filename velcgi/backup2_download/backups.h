@@ -31,11 +31,11 @@ struct Newest {
     std::optional<Archive> base;  ///< when `own` is an increment
 };
 
-/// The newest backup (of those of one second the one of the later day) that is complete: finished, not marked as deleted, made for this user and this
-/// uid, each of its slices recorded with size and sum, and the same of its base (which may be
-/// marked as deleted: it stays as long as an increment needs it). Names are made from `user` and
-/// the dates; an info file that says other ones counts as incomplete.
-/// Throws Refusal 404 "missed" when there is none.
+/// The newest backup (of those of one second the one of the later day) that is complete: finished,
+/// not marked as deleted, made for this user and this uid, each of its slices recorded with size
+/// and sum, and the same of its base (which may be marked as deleted: it stays as long as an
+/// increment needs it). Names are made from `user` and the dates; an info file that says other ones
+/// counts as incomplete. Throws Refusal 404 "missed" when there is none.
 Newest FindNewest(const std::string& local_dir, const std::string& user, const std::string& uid);
 
 }  // namespace backup2_download
