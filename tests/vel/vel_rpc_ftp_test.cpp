@@ -217,7 +217,10 @@ TEST(Ftp, ReplacesWhereTheServerDoesNot) {
 
 TEST(Ftp, ARefusedLoginIsNotTriedAgain) {
     for (const auto& [reply, kind, again] :
-         {std::tuple{"530 No", "unauthorized|", false}, {"421 Too many users", "network|", true}}) {
+         {std::tuple{"530 No", "unauthorized|", false},
+          {"421 Too many users", "network|", true},
+          {"530 Sorry, the maximum number of clients (2) from your host are already connected.",
+           "network|", true}}) {
         LyingFtp server({{"PASS", reply}}, "");
         vel_rpc::Ftp ftp(server.Address(), "u", "canary", 20);
         std::list<std::string> names;

@@ -112,6 +112,11 @@ bool IsRefusal(CURLcode code, int status) {
     }
 }
 
+/// Of a login that was refused: there are too many others just now. ProFTPD says that with 530.
+bool IsForAMoment(const FtpReply& reply) {
+    return reply.status < 500 || str::Lower(reply.text).find("maximum number") != std::string::npos;
+}
+
 }  // namespace
 
 class FtpSession::State {
@@ -335,7 +340,7 @@ void FtpSession::State::RefuseLogin(const std::string& step) const {
 
 void FtpSession::State::Fail(const std::string& step, CURLcode code, const FtpReply& reply) {
     const std::string where = server + ": " + step + ": ";
-    if (code == CURLE_LOGIN_DENIED && reply.status >= 500) {  // else: too many users, try later
+    if (code == CURLE_LOGIN_DENIED && !IsForAMoment(reply)) {
         login_refusal_ = reply.text;
         RefuseLogin(step);
     }
