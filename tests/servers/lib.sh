@@ -1,6 +1,7 @@
 # Shared by the scripts that run a throw-away server: SCRIPT start|stop|status WORKDIR.
-# Everything a server writes lies in WORKDIR, but for its socket, which wants a short path. Servers
-# run under accounts of their own: the folders above WORKDIR must let them pass.
+# Everything a server writes lies in WORKDIR, but for its socket, which wants a short path, and the
+# empty files that its ports are locked by. Servers run under accounts of their own: the folders above
+# WORKDIR must let them pass.
 # "start" returns when the server answers and prints key=value lines; "status" prints them again.
 # shellcheck shell=bash
 set -euo pipefail
