@@ -349,6 +349,12 @@ public:
         if (!usable_) return;
         ::SSL_CTX_set_options(context_.get(), SSL_OP_NO_COMPRESSION | SSL_OP_NO_RENEGOTIATION);
         new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
+        // The library would let two panels share the port, and none begin where connections of
+        // another server have just ended.
+        set_socket_options([](socket_t socket) {
+            const int yes = 1;
+            ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+        });
     }
     bool is_valid() const override { return usable_; }
     bool LetManyWait() { return ::listen(svr_sock_, SOMAXCONN) == 0; }

@@ -41,8 +41,8 @@ class Panel:
         self.process = backup2_test.start(["backup2_panel", "serve", *self._options])
         ready = self.process.stdout.readline()
         if ready != "ready\n":
-            self.stop()
-            raise AssertionError("the panel does not start: " + ready + self.process.stderr.read())
+            self.process.kill()
+            raise AssertionError("the panel does not start: " + ready + self.process.communicate()[1])
         return self
 
     def __exit__(self, *_):

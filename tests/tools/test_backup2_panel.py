@@ -235,6 +235,19 @@ class OverTls(PanelCase):
                 client.settimeout(30)
                 client.connect(self.panel.socket)
 
+    def test_a_port_whose_last_connections_just_ended_serves_and_one_panel_only(self):
+        with socket.create_server(("127.0.0.1", 0)) as former:
+            with socket.create_connection(former.getsockname()) as client:
+                former.accept()[0].close()  # the kernel remembers the side that ends first
+                client.recv(1)
+            address = "{}:{}".format(*former.getsockname())
+        setting = self.panel.setting
+        door = ["--tls", address, "--cert", setting["cert"], "--key", setting["key"]]
+        with backup2_test.install_root(), Panel(*door), backup2_test.install_root():
+            done = backup2_test.run(["backup2_panel", "serve", *door])
+            self.assertEqual(done.returncode, 1)
+            self.assertIn("cannot listen on " + address, done.stderr)
+
     def test_the_network_may_log_in_and_nothing_else(self):
         self.add_bob()
         self.panel.command("user add root --admin --uid 0", "admin's")
