@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <iostream>
 #include <memory>
+#include <system_error>
 
 #include <nlohmann/json.hpp>
 
@@ -63,6 +64,14 @@ uint64_t Count(const nlohmann::json& report, const char* name) {
     return found != report.end() && found->is_number_unsigned() ? found->get<uint64_t>() : 0;
 }
 
+/// Without a thread nothing is shown, which is no reason to fail.
+template <class Work>
+std::thread StartIfPossible(const Work& work) try {
+    return std::thread(work);
+} catch (const std::system_error&) {
+    return {};
+}
+
 }  // namespace
 
 ProgressView::ProgressView(std::string title, const std::string& dir)
@@ -73,7 +82,7 @@ ProgressView::ProgressView(std::string title, const std::string& dir)
     }
     reports_ = OpenReports(file_ ? file_->Path() : vel_tool::Absolute(caller_file_));
     read_to_ = ::lseek(reports_, 0, SEEK_END);  // what stands there is of an earlier step
-    if (isatty(STDERR_FILENO)) drawer_ = std::thread([this] { Draw(); });
+    if (isatty(STDERR_FILENO)) drawer_ = StartIfPossible([this] { Draw(); });
 }
 
 ProgressView::~ProgressView() {
@@ -85,7 +94,7 @@ void ProgressView::Measure(const std::string& root, const std::list<std::string>
     if (!drawer_.joinable() && caller_file_.empty()) return;
     // Made here: the variable that names the file must not be read beside a change of others.
     const auto report = std::make_shared<vel_tool::Progress>("measure");
-    measurer_ = std::thread([this, root, folders, report] {
+    measurer_ = StartIfPossible([this, root, folders, report] {
         uint64_t total = 0;
         for (const std::string& folder : folders) {
             total += SizeOf(vel_file::ConcatPath(root, folder), stop_);

@@ -149,7 +149,7 @@ std::vector<Found> LookAtAll(std::list<std::string>& paths, const std::string& t
         }
     };
     std::vector<std::future<void>> readers;
-    for (int i = 1; i < kReaders; ++i) readers.push_back(std::async(std::launch::async, read));
+    for (int i = 1; i < kReaders; ++i) readers.push_back(std::async(read));
     read();
     for (auto& reader : readers) reader.get();
     return found;

@@ -55,11 +55,12 @@ bool NeedsCopy(const Target& target, const std::string& local, const std::string
     return keep || source.Stat().st_nlink > own;
 }
 
-/// Digest of a file on a second thread, while this one uploads it.
+/// Digest of a file on a second thread, while this one uploads it; behind that where the system has
+/// no second one to give.
 class Summing {
 public:
     explicit Summing(const std::string& path)
-        : sums_(std::async(std::launch::async, [this, path] { return SumFile(path, &stop_); })) {}
+        : sums_(std::async([this, path] { return SumFile(path, &stop_); })) {}
     ~Summing() { stop_ = true; }  // the future waits
     Sums Result() { return sums_.get(); }
 
