@@ -210,8 +210,8 @@ TEST_F(Proc, ChildThatDoesNotGoOnIsEnded) {
         {"exec sleep 1000", 0, 1, 128 + SIGTERM},
         {slow, 0, 1, 128 + SIGTERM},
         {slow, 1, 1000, 128 + SIGTERM},
-        {deaf + slow, 1, 0, 128 + SIGKILL},
-        {"for i in $(seq 15); do sleep 0.1; printf %0100d 0; done", 100, 1, 0},
+        {deaf + slow, 3, 0, 128 + SIGKILL},
+        {"for i in $(seq 40); do sleep 0.1; printf %0100d 0; done", 100, 3, 0},
     };
     std::vector<std::thread> waiting;
     for (const auto& c : cases) {
