@@ -4,14 +4,17 @@
 #include <algorithm>
 #include <iostream>
 #include <list>
+#include <new>
 #include <set>
 #include <streambuf>
+#include <system_error>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include "vel/str.h"
 #include "vel/stream.h"
+#include "vel/vel_err.h"
 #include "vel/vel_file.h"
 #include "vel/vel_hash.h"
 #include "vel/vel_tool.h"
@@ -36,7 +39,8 @@ Examples:
   backup2 verify bob                  all backups of bob
   backup2 verify bob 2024-01-31 --deep
 
-Exit status 1: something is wrong; the bad slices are named.)";
+Exit status 1: something is wrong; the bad slices are named. So it is when a storage cannot be
+reached: nothing is known then, and what was known of its backups stays.)";
 
 struct Options {
     std::string user, date;
@@ -47,7 +51,22 @@ struct Report {
     std::string user, date;
     uint64_t slices = 0, bytes = 0;
     std::vector<std::pair<std::string, std::string>> bad;  // name, why
+    std::string unknown;                                   // why nothing was learned of the backup
+
+    bool IsGood() const { return bad.empty() && unknown.empty(); }
 };
+
+/// True for failures that say nothing about the backup: of the way to the storage, or of this
+/// machine.
+bool IsOfTheWay(const std::exception& error) {
+    static const std::set<std::string> kNoWayIn = {"unreachable", "login_refused", "host_key"};
+    if (const auto* own = dynamic_cast<const vel_err::Error*>(&error)) {
+        return own->type() == "network" || own->type() == "unauthorized" ||
+               (own->type() == "storage" && kNoWayIn.count(own->object()) != 0);
+    }
+    return dynamic_cast<const Busy*>(&error) || dynamic_cast<const std::system_error*>(&error) ||
+           dynamic_cast<const std::bad_alloc*>(&error);
+}
 
 /// Takes bytes and keeps their number and digest.
 class SumBuffer : public std::streambuf {
@@ -105,6 +124,7 @@ std::string CheckSlice(const backup2::BackupToken& token, const Slice& slice, ui
     try {
         ReadStored(token, slice.path, out);
     } catch (const std::exception& error) {
+        if (IsOfTheWay(error)) throw;
         return "cannot be read: " + Reason(error);
     }
     bytes += sums.Size();
@@ -142,14 +162,16 @@ Report Verification::Check(const Backup& backup) {
         CheckSlices(backup, report);
         CheckBase(backup, report);
         if (deep_ && report.bad.empty()) CheckDeep(backup, report);
-    } catch (const Busy& busy) {
-        report.bad.emplace_back(backup.Title(), busy.what());
-        return report;  // nothing was learned about the backup
     } catch (const std::exception& error) {
-        report.bad.emplace_back(backup.Title(), Reason(error));
+        if (IsOfTheWay(error)) {
+            report.unknown = Reason(error);
+        } else {
+            report.bad.emplace_back(backup.Title(), Reason(error));
+        }
     }
-    checked_.insert(backup.info_path);
-    RecordVerified(backup, {"", report.bad.empty(), deep_});
+    if (report.IsGood()) checked_.insert(backup.info_path);
+    if (report.IsGood() || !report.bad.empty())
+        RecordVerified(backup, {"", report.IsGood(), deep_});
     return report;
 }
 
@@ -178,7 +200,9 @@ void Verification::CheckSlices(const Backup& backup, Report& report) {
 void Verification::CheckBase(const Backup& backup, Report& report) {
     if (backup.BaseDate().empty()) return;
     const Backup base = GetBackup(site_.local_dir, backup.user, backup.BaseDate());
-    if (checked_.insert(base.info_path).second) CheckSlices(base, report);
+    if (checked_.count(base.info_path) != 0) return;
+    CheckSlices(base, report);
+    if (report.bad.empty()) checked_.insert(base.info_path);
 }
 
 void Verification::CheckDeep(const Backup& backup, Report& report) {
@@ -197,9 +221,10 @@ void Verification::CheckDeep(const Backup& backup, Report& report) {
 }
 
 nlohmann::json Json(const Report& report) {
-    nlohmann::json json = {{"user", report.user},        {"date", report.date},
-                           {"slices", report.slices},    {"bytes", report.bytes},
-                           {"good", report.bad.empty()}, {"bad", nlohmann::json::array()}};
+    nlohmann::json json = {{"user", report.user},      {"date", report.date},
+                           {"slices", report.slices},  {"bytes", report.bytes},
+                           {"good", report.IsGood()},  {"bad", nlohmann::json::array()},
+                           {"unknown", report.unknown}};
     for (const auto& [name, why] : report.bad) {
         json["bad"].push_back({{"name", name}, {"why", why}});
     }
@@ -208,13 +233,14 @@ nlohmann::json Json(const Report& report) {
 
 void Print(const Report& report) {
     std::cout << Printable(report.user) << " " << report.date << ": ";
-    if (report.bad.empty()) {
+    if (report.IsGood()) {
         std::cout << "good, " << Plural(report.slices, "slice") << ", " << HumanSize(report.bytes)
                   << std::endl;
         return;
     }
-    std::cout << "BAD" << std::endl;
+    std::cout << (report.bad.empty() ? "not checked" : "BAD") << std::endl;
     for (const auto& [name, why] : report.bad) std::cout << name << "\t" << why << std::endl;
+    if (!report.unknown.empty()) std::cout << report.unknown << std::endl;
 }
 
 std::vector<Report> VerifySite(const Options& options, const Site& site, const std::string& user,
@@ -235,10 +261,11 @@ int Verify(const Options& options) {
     const std::string user = options.user.empty() ? "" : CheckUser(options.user);
     const std::string date = options.date.empty() ? "" : CheckDate(options.date);
     nlohmann::json rows = nlohmann::json::array();
-    std::size_t bad = 0;
+    std::size_t bad = 0, unknown = 0;
     for (const Site& site : AskSites(options.own, user)) {
         for (const Report& report : VerifySite(options, site, user, date)) {
             bad += report.bad.empty() ? 0 : 1;
+            unknown += report.bad.empty() && !report.unknown.empty() ? 1 : 0;
             rows.push_back(Json(report));
         }
     }
@@ -246,9 +273,13 @@ int Verify(const Options& options) {
     if (rows.empty() && !user.empty()) throw vel_err::Error("missed", "backup", "of " + user);
     if (options.json) PrintJson(rows);
     if (!options.json && rows.empty()) std::cout << "no backups\n";
-    if (bad == 0) return vel_tool::kDone;
-    std::cerr << "backup2: " << Plural(bad, "backup") << " cannot be relied on" << std::endl;
-    return vel_tool::kFailed;
+    const auto tell = [](std::size_t count, const char* what) {
+        if (count > 0)
+            std::cerr << "backup2: " << Plural(count, "backup") << " " << what << std::endl;
+    };
+    tell(bad, "cannot be relied on");
+    tell(unknown, "could not be checked");
+    return bad + unknown == 0 ? vel_tool::kDone : vel_tool::kFailed;
 }
 
 }  // namespace

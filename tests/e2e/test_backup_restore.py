@@ -189,7 +189,11 @@ class BackupRestore(unittest.TestCase):
                 self.backup2("restore", USER, MONDAY, f"--to={target}", expect=1)
                 self.assert_only_whole_files(target)
                 names[1].write_bytes(whole[1])
+        self.backup2("run", USER, "--date", TUESDAY)
         self.backup2("verify", USER)
+        names[1].write_bytes(flip(whole[1]))  # nor is what builds on it any good
+        shown = json.loads(run(["backup2", "verify", USER, "--json"]).stdout)
+        self.assertEqual([(row["date"], row["good"]) for row in shown], [(MONDAY, False), (TUESDAY, False)])
 
     def test_a_damaged_info_file_is_told_and_never_good(self):
         (self.home / "data/random").write_bytes(os.urandom(3 << 20))

@@ -220,8 +220,12 @@ class Faults(StorageCase):
         ssh = self.serve("sshd")
         self.use(sftp(ssh, "store"))
         self.backup2("run", USER, "--date", MONDAY)
+        self.backup2("verify", USER)
         settings = pathlib.Path(ssh["log"]).parent
         subprocess.run([SERVERS / "sshd", "stop", settings], check=True)
+        shown = run(["backup2", "verify", USER, "--deep"])
+        self.assertRegex(shown.stdout, r": not checked\n.*127\.0\.0\.1.*refused\n$")
+        self.assertTrue(json.loads(self.backup2("list", USER, "--json"))[0]["verified_good"])
         shutil.rmtree(self.root / "var/run/backup2_cp.reached")  # as after a minute
         self.assertIn("no way in", self.backup2("delete", USER, MONDAY, expect=1))
         self.assertIn(MONDAY, self.backup2("list", USER))  # still known: its files are there yet
