@@ -149,7 +149,7 @@ private:
 
     Site site_;
     bool deep_;
-    std::set<std::string> checked_;  // info paths
+    std::set<std::string> good_;  // titles: increments share a full backup
 };
 
 Report Verification::Check(const Backup& backup) {
@@ -169,7 +169,7 @@ Report Verification::Check(const Backup& backup) {
             report.bad.emplace_back(backup.Title(), Reason(error));
         }
     }
-    if (report.IsGood()) checked_.insert(backup.info_path);
+    if (report.IsGood()) good_.insert(backup.Title());
     if (report.IsGood() || !report.bad.empty())
         RecordVerified(backup, {"", report.IsGood(), deep_});
     return report;
@@ -200,9 +200,9 @@ void Verification::CheckSlices(const Backup& backup, Report& report) {
 void Verification::CheckBase(const Backup& backup, Report& report) {
     if (backup.BaseDate().empty()) return;
     const Backup base = GetBackup(site_.local_dir, backup.user, backup.BaseDate());
-    if (checked_.count(base.info_path) != 0) return;
+    if (good_.count(base.Title()) != 0) return;
     CheckSlices(base, report);
-    if (report.bad.empty()) checked_.insert(base.info_path);
+    if (report.bad.empty()) good_.insert(base.Title());
 }
 
 void Verification::CheckDeep(const Backup& backup, Report& report) {

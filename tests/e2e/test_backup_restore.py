@@ -190,7 +190,8 @@ class BackupRestore(unittest.TestCase):
                 self.assert_only_whole_files(target)
                 names[1].write_bytes(whole[1])
         self.backup2("run", USER, "--date", TUESDAY)
-        self.backup2("verify", USER)
+        shown = json.loads(self.backup2("verify", USER, "--json"))
+        self.assertEqual([row["slices"] for row in shown], [len(names), 1], "each slice is read once")
         names[1].write_bytes(flip(whole[1]))  # nor is what builds on it any good
         shown = json.loads(run(["backup2", "verify", USER, "--json"]).stdout)
         self.assertEqual([(row["date"], row["good"]) for row in shown], [(MONDAY, False), (TUESDAY, False)])
